@@ -1,0 +1,51 @@
+#pragma once
+
+#include <QTimer>
+
+class Runnable;
+
+// Repeating display-time timer that asks its content whether it is finished.
+class RunnableTimer : public QTimer
+{
+    Q_OBJECT
+
+public:
+    RunnableTimer(Runnable *runnable, QObject *parent);
+
+public Q_SLOTS:
+    void onTimeout();
+
+private:
+    Runnable *m_runnable;
+};
+
+// Life cycle shared by every piece of content: start, stop, pause/resume toggle, restart, and an
+// optional display time in seconds.
+class Runnable
+{
+public:
+    explicit Runnable(int timeout);
+    virtual ~Runnable();
+
+    void setTimeout(int timeout);
+    int timeout() const { return m_timeout; }
+    bool isActive() const;
+    bool start();
+    void stop();
+    bool pause();
+    bool restart(bool stopFirst);
+
+protected:
+    virtual bool stopImpl() = 0;
+    virtual bool startImpl() = 0;
+    virtual bool onTimeoutImpl() = 0;
+    virtual bool pauseImpl() = 0;
+    virtual bool resumeImpl() = 0;
+
+private:
+    friend class RunnableTimer;
+
+    RunnableTimer m_timer;
+    int m_timeout;
+    bool m_active = false;
+};

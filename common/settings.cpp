@@ -1,0 +1,385 @@
+#include "settings.h"
+
+#include "commandlineparser.h"
+
+#include <QDateTime>
+#include <QDebug>
+#include <QFile>
+#include <QFont>
+#include <QProcess>
+#include <QSettings>
+#include <QSqlDatabase>
+#include <QSqlQuery>
+#include <QTextStream>
+#include <QUrl>
+
+#include <unistd.h>
+
+Settings *Settings::m_settings = nullptr;
+
+namespace {
+const char currentVersion[] = "QFGLs6IVf1";
+const char makerHomePage[] = "https://www.vorsane.com/";
+const char launchdockConfig[] = "/home/pi/.config/launchdockrc";
+const int processWaitMs = 30000;
+
+const CommandLineParser *defaultParser()
+{
+    static char programName[] = "vorsane-kiosk";
+    static char *argv[] = {programName, nullptr};
+    static const CommandLineParser parser(1, argv);
+    return &parser;
+}
+
+QString orDefault(const QString &path, const QString &fallback)
+{
+    return path.isEmpty() ? fallback : path;
+}
+} // namespace
+
+Settings *Settings::load(bool reload, const CommandLineParser *parser)
+{
+    if (!reload && m_settings)
+        return m_settings;
+
+    auto *fresh = new Settings(parser);
+    fresh->applyVersionReset();
+
+    // Older instances stay alive on purpose: components may still hold them. A reload that
+    // changed nothing keeps the current instance, so periodic reloads do not pile up copies.
+    if (m_settings && m_settings->m_parser == fresh->m_parser
+        && m_settings->m_values == fresh->m_values
+        && m_settings->m_autostarted == fresh->m_autostarted
+        && m_settings->m_versionMissing == fresh->m_versionMissing) {
+        delete fresh;
+        return m_settings;
+    }
+    m_settings = fresh;
+    return m_settings;
+}
+
+Settings::Settings(const CommandLineParser *parser)
+    : m_parser(parser ? parser : defaultParser())
+{
+    populateDefaults();
+    readAutostarted();
+
+    const QString path = m_parser->getPreferenceFilename();
+    QSettings file(path, QSettings::IniFormat);
+    qDebug() << "Loading settings from:" << path;
+    const QStringList keys = file.allKeys();
+    for (const QString &key : keys) {
+        const QVariant value = file.value(key);
+        qDebug() << key << "=" << value;
+        m_values.insert(key, value);
+    }
+    m_versionMissing = !keys.contains(QStringLiteral("main/version"));
+}
+
+void Settings::applyVersionReset()
+{
+    if (!m_versionMissing && get(QStringLiteral("main/version")).toString() == currentVersion)
+        return;
+
+    qDebug() << "Software has been updated. Remove previous configuration.";
+    const QString path = m_parser->getPreferenceFilename();
+    if (QFile::exists(path))
+        QFile::remove(path);
+    m_values.clear();
+    populateDefaults();
+    writePreferences(path);
+}
+
+void Settings::populateDefaults()
+{
+    const QString defaultUrl = QString::fromLatin1(makerHomePage);
+    QFont font(QStringLiteral("Droid Sans"), 14);
+
+    m_values[QStringLiteral("main/version")] = QString::fromLatin1(currentVersion);
+    m_values[QStringLiteral("main/admin_passwd")] = QString();
+    m_values[QStringLiteral("main/after_web_session")] = QString();
+    m_values[QStringLiteral("main/can_access_fs")] = false;
+    m_values[QStringLiteral("main/can_end_session")] = true;
+    m_values[QStringLiteral("main/can_print")] = false;
+    m_values[QStringLiteral("main/printer_name")] = QString();
+    m_values[QStringLiteral("main/default_timer")] = 900;
+    m_values[QStringLiteral("main/default_url")] = defaultUrl;
+    m_values[QStringLiteral("main/fullscreen")] = true;
+    m_values[QStringLiteral("main/hide_toolbar")] = false;
+    m_values[QStringLiteral("main/fixedscreen")] = false;
+    m_values[QStringLiteral("main/largeur_edit")] = QString();
+    m_values[QStringLiteral("main/hauteur_edit")] = QString();
+    m_values[QStringLiteral("main/list_mode")] = QStringLiteral("none");
+    m_values[QStringLiteral("main/list_use_regex")] = false;
+    m_values[QStringLiteral("main/max_history")] = 50;
+    m_values[QStringLiteral("main/max_windows")] = 0;
+    m_values[QStringLiteral("main/mode")] = QStringLiteral("display");
+    m_values[QStringLiteral("main/new_tab_url")] = defaultUrl;
+    m_values[QStringLiteral("main/no_screensaver")] = true;
+    m_values[QStringLiteral("main/post_session_uri")] = QUrl();
+    m_values[QStringLiteral("main/post_session_uri_time")] = 5;
+    m_values[QStringLiteral("main/zoomFactor")] = 1.0;
+    m_values[QStringLiteral("main/start_with_session")] = true;
+    m_values[QStringLiteral("main/stop_session_after_seconds")] = 120;
+    m_values[QStringLiteral("main/user_agent")] = QString();
+    m_values[QStringLiteral("main/with_clear")] = true;
+    m_values[QStringLiteral("main/with_timer")] = false;
+    m_values[QStringLiteral("main/external_browser")] = false;
+    m_values[QStringLiteral("main/reset")] = false;
+    m_values[QStringLiteral("main/external_browser_cmd")]
+        = QStringLiteral("chromium-browser -kiosk %u");
+    m_values[QStringLiteral("remote/direct")] = false;
+    m_values[QStringLiteral("remote/enabled")] = false;
+    m_values[QStringLiteral("remote/port")] = 7575;
+    m_values[QStringLiteral("remote/url")] = QString();
+    m_values[QStringLiteral("remote/local_url")]
+        = QStringLiteral("http://localhost:") + QString::number(7575);
+    m_values[QStringLiteral("remote/key")] = QString();
+    m_values[QStringLiteral("remote/tv")] = true;
+    m_values[QStringLiteral("remote/localplaylist")] = true;
+    m_values[QStringLiteral("remote/localfs")] = true;
+    m_values[QStringLiteral("slideshow/playlist_update_mode")] = QStringLiteral("localPlaylist");
+    m_values[QStringLiteral("slideshow/default_time")] = 5;
+    m_values[QStringLiteral("slideshow/resize")] = true;
+    m_values[QStringLiteral("slideshow/stretch")] = false;
+    m_values[QStringLiteral("slideshow/auto_scroll")] = false;
+    m_values[QStringLiteral("slideshow/do_local_update")] = false;
+    m_values[QStringLiteral("slideshow/hide_pointer")] = true;
+    m_values[QStringLiteral("slideshow/mute")] = false;
+    m_values[QStringLiteral("slideshow/refresh_after_minutes")] = 30;
+    m_values[QStringLiteral("slideshow/save_modifications")] = false;
+    m_values[QStringLiteral("slideshow/stop_on_event")] = true;
+    m_values[QStringLiteral("slideshow/show_address")] = true;
+    m_values[QStringLiteral("slideshow/clean_after")] = false;
+    m_values[QStringLiteral("slideshow/usb_auto")] = false;
+    m_values[QStringLiteral("slideshow/shuffle")] = false;
+    m_values[QStringLiteral("slideshow/use_remote")] = false;
+    m_values[QStringLiteral("slideshow/url")] = QString();
+    m_values[QStringLiteral("slideshow/external_player")] = true;
+    m_values[QStringLiteral("slideshow/external_browser")] = false;
+    m_values[QStringLiteral("webpage/default_font")] = font;
+    m_values[QStringLiteral("network/proxy_user")] = QString();
+    m_values[QStringLiteral("network/proxy_passwd")] = QString();
+    m_values[QStringLiteral("network/proxy_type")] = 0;
+    m_values[QStringLiteral("network/proxy_uri")] = QString();
+}
+
+void Settings::readAutostarted()
+{
+    m_autostarted = false;
+    QProcess launcher;
+    launcher.start(QStringLiteral("launchdock"), {QStringLiteral("--selected")});
+    launcher.waitForFinished(processWaitMs);
+    if (launcher.readAllStandardOutput().startsWith("sitedeck"))
+        m_autostarted = true;
+}
+
+QVariant Settings::get(const QString &key) const
+{
+    return m_values.value(key);
+}
+
+void Settings::set(const QString &key, int value)
+{
+    m_values.insert(key, value);
+}
+
+void Settings::set(const QString &key, QString value)
+{
+    m_values.insert(key, value);
+}
+
+void Settings::set(const QString &key, bool value)
+{
+    m_values.insert(key, value);
+}
+
+void Settings::set(const QString &key, double value)
+{
+    m_values.insert(key, value);
+}
+
+void Settings::set(const QString &key, const char *value)
+{
+    m_values.insert(key, QString::fromUtf8(value));
+}
+
+QString Settings::preferencesFilename() const
+{
+    return m_parser->getPreferenceFilename();
+}
+
+QString Settings::playlistFilename() const
+{
+    return m_parser->getPlaylistFilename();
+}
+
+QString Settings::whileListFilename() const
+{
+    return m_parser->getWhiteListFilename();
+}
+
+QString Settings::cookiesFilename() const
+{
+    return m_parser->getCookieFilename();
+}
+
+QString Settings::hookDirname() const
+{
+    return m_parser->getHookDirname();
+}
+
+void Settings::dump() const
+{
+    for (auto it = m_values.cbegin(); it != m_values.cend(); ++it)
+        qDebug() << it.key() << it.value();
+    qDebug() << "hookdir:" << hookDirname();
+}
+
+bool Settings::writePreferences(const QString &path)
+{
+    const QString target = orDefault(path, preferencesFilename());
+    qDebug() << "Saving preference file at:" << target;
+    QSettings file(target, QSettings::IniFormat);
+    if (!file.isWritable()) {
+        qDebug() << "Unable to write preference file.";
+        return false;
+    }
+    for (auto it = m_values.cbegin(); it != m_values.cend(); ++it) {
+        const QString section = it.key().section(QLatin1Char('/'), 0, 0);
+        const QString name = it.key().section(QLatin1Char('/'), 1);
+        // The array interface adds its own "size" entry to every section.
+        if (name == QLatin1String("size"))
+            continue;
+        qDebug() << section << name << it.value();
+        file.beginWriteArray(section);
+        file.setValue(name, it.value());
+        file.endArray();
+    }
+    file.sync();
+    return true;
+}
+
+bool Settings::writePlaylist(const QString &path)
+{
+    const QString target = orDefault(path, playlistFilename());
+    // Same words as the preference writer, kept as they always were.
+    qDebug() << "Saving preference file at:" << target;
+    QFile file(target);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text))
+        return false;
+    QTextStream out(&file);
+    out.setCodec("UTF-8");
+    out << "#Vorsane playlist\n";
+    for (const QString &entry : qAsConst(m_playlist))
+        out << entry << "\n";
+    return true;
+}
+
+bool Settings::writeRestrictions(const QString &path)
+{
+    const QString target = orDefault(path, whileListFilename());
+    qDebug() << "Saving restriction file at:" << target;
+    QFile file(target);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text))
+        return false;
+    QTextStream out(&file);
+    out.setCodec("UTF-8");
+    for (const QString &entry : qAsConst(m_restrictions))
+        out << entry << "\n";
+    return true;
+}
+
+bool Settings::writeCookies(const QString &path)
+{
+    const QString target = orDefault(path, cookiesFilename());
+    const QString connection = QStringLiteral("cookies");
+    qDebug() << "Saving cookie file at:" << target;
+    bool ok = false;
+    {
+        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), connection);
+        db.setDatabaseName(target);
+        if (db.open()) {
+            db.transaction();
+            QSqlQuery query(db);
+            query.exec(QStringLiteral("DROP TABLE IF EXISTS moz_cookies"));
+            query.exec(QStringLiteral(
+                "CREATE TABLE moz_cookies (id INTEGER PRIMARY KEY, name TEXT, value TEXT, host "
+                "TEXT, path TEXT, expiry INTEGER, lastAccessed INTEGER, isSecure "
+                "INTEGER,isHttpOnly INTEGER)"));
+            // Plain text substitution without escaping: a quote in a value loses that cookie.
+            for (const QNetworkCookie &cookie : qAsConst(m_cookies)) {
+                const QDateTime expiry = cookie.expirationDate();
+                query.exec(
+                    QStringLiteral("INSERT INTO moz_cookies (name, value, host, "
+                                   "path,expiry, lastAccessed, isSecure, isHttpOnly) "
+                                   "VALUES ('%1', '%2', '%3', '%4', '%5', '', '%6', '%7')")
+                        .arg(QString::fromLatin1(cookie.name()),
+                             QString::fromLatin1(cookie.value()), cookie.domain(), cookie.path(),
+                             QString::number(expiry.isValid() ? expiry.toSecsSinceEpoch() : 0),
+                             QString::number(cookie.isSecure() ? 1 : 0),
+                             QString::number(cookie.isHttpOnly() ? 1 : 0)));
+            }
+            ok = db.commit();
+            db.close();
+        }
+    }
+    QSqlDatabase::removeDatabase(connection);
+    return ok;
+}
+
+void Settings::writeAutostarted()
+{
+    const QString selection = m_autostarted ? QStringLiteral("sitedeck") : QStringLiteral("none");
+    const QString command
+        = m_autostarted ? QStringLiteral("vorsane-kiosk") : QStringLiteral("true");
+    QProcess launcher;
+    launcher.start(QStringLiteral("launchdock"),
+                   {QStringLiteral("--select"), selection, QStringLiteral("--command"), command,
+                    QStringLiteral("-c"), QString::fromLatin1(launchdockConfig)});
+    launcher.waitForFinished(processWaitMs);
+
+    const QByteArray sudoUid = qgetenv("SUDO_UID");
+    if (!sudoUid.isEmpty()) {
+        const uid_t uid = static_cast<uid_t>(sudoUid.toUInt());
+        // The message on failure is the long-standing wording, kept as it is.
+        if (::chown(launchdockConfig, uid, static_cast<gid_t>(-1)) != 0)
+            qDebug() << "chown done.";
+    }
+}
+
+void Settings::save(bool autostart, const QString &preferences, const QString &playlist,
+                    const QString &restrictions, const QString &cookies)
+{
+    writePreferences(preferences);
+    writePlaylist(playlist);
+    writeRestrictions(restrictions);
+    writeCookies(cookies);
+    enableScreenSaver(!m_values[QStringLiteral("main/no_screensaver")].toBool());
+    if (autostart)
+        writeAutostarted();
+}
+
+void Settings::save(bool autostart, const QString &basePath)
+{
+    save(autostart, basePath + QLatin1String("/preferences"), basePath + QLatin1String("/playlist"),
+         basePath + QLatin1String("/list"), basePath + QLatin1String("/cookies.sqlite"));
+}
+
+void Settings::save(bool autostart)
+{
+    // Deliberately the fixed default location, not the --basepath one.
+    save(autostart, QStringLiteral("/etc/xdg/sitedeck"));
+}
+
+void Settings::enableScreenSaver(bool enable)
+{
+    const QList<QStringList> commands
+        = enable ? QList<QStringList>{{"s", "on"}, {"s", "blank"}, {"+dpms"}}
+                 : QList<QStringList>{{"s", "off"}, {"s", "noblank"}, {"-dpms"}};
+    for (const QStringList &arguments : commands) {
+        QProcess xset;
+        xset.start(QStringLiteral("xset"), arguments);
+        xset.waitForFinished(processWaitMs);
+    }
+}

@@ -1,0 +1,73 @@
+#include "utils.h"
+
+#include "settings.h"
+
+#include <QProcess>
+
+#include <crypt.h>
+#include <cstdlib>
+#include <sys/statfs.h>
+
+namespace {
+const char alphabet[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ1234567890";
+const int alphabetSize = 62;
+} // namespace
+
+bool Utils::validateAdminPassword(QString typed)
+{
+    const QString stored
+        = Settings::load(false, nullptr)->get(QStringLiteral("main/admin_passwd")).toString();
+    if (stored.isEmpty())
+        return true;
+    const QByteArray setting = stored.toUtf8();
+    crypt_data data = {};
+    const char *hashed = crypt_r(typed.toUtf8().constData(), setting.constData(), &data);
+    // libxcrypt answers failures with a "*" marker rather than null; neither can match a hash.
+    const QString result = hashed ? QString::fromLatin1(hashed) : QString();
+    return result == stored;
+}
+
+qint64 Utils::availableDiskSpace()
+{
+    struct statfs stats = {};
+    if (statfs("/", &stats) != 0)
+        return 0;
+    return static_cast<qint64>(stats.f_bavail) * static_cast<qint64>(stats.f_bsize);
+}
+
+qint64 Utils::totalDiskSpace()
+{
+    struct statfs stats = {};
+    if (statfs("/", &stats) != 0)
+        return 0;
+    return static_cast<qint64>(stats.f_blocks) * static_cast<qint64>(stats.f_bsize);
+}
+
+char Utils::genChar()
+{
+    return alphabet[std::rand() % alphabetSize];
+}
+
+std::string Utils::genString(quint32 length)
+{
+    std::string text;
+    text.reserve(length);
+    for (quint32 i = 0; i < length; ++i)
+        text.push_back(genChar());
+    return text;
+}
+
+QString Utils::getIconTheme()
+{
+    QProcess process;
+    process.start(QStringLiteral("gksu"),
+                  QProcess::splitCommand(QStringLiteral(
+                      "--u pi \"xfconf-query -c xsettings -p /Net/IconThemeName\"")));
+    process.waitForFinished(30000);
+    QByteArray output = process.readAllStandardOutput();
+    const int nul = output.indexOf('\0');
+    if (nul >= 0)
+        output.truncate(nul);
+    const QString theme = QString::fromLatin1(output).simplified();
+    return theme.isEmpty() ? QStringLiteral("elementary-xfce") : theme;
+}

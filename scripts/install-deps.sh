@@ -1,0 +1,40 @@
+#!/usr/bin/env bash
+# Installs every Debian 12 package needed to build, run and test vorsane-kiosk.
+# Run as root or as a user allowed to use sudo. Safe to run again.
+set -euo pipefail
+
+packages=(
+    # build
+    build-essential cmake pkg-config clang-format
+    # Qt 5 modules
+    qtbase5-dev qtbase5-dev-tools libqt5sql5-sqlite qtscript5-dev libqt5webkit5-dev
+    # media, PDF, proxy discovery, password hashing
+    libvlc-dev vlc-plugin-base libpoppler-qt5-dev libproxy-dev libcrypt-dev
+    # run time: X server for headless machines, desktop helpers the program calls
+    xvfb xauth x11-xserver-utils unzip
+    # test media
+    ffmpeg
+)
+
+if [ "$(id -u)" -eq 0 ]; then
+    sudo=()
+else
+    sudo=(sudo)
+fi
+
+missing=()
+for p in "${packages[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+        missing+=("$p")
+    fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+    echo "All packages already installed."
+    exit 0
+fi
+
+echo "Installing: ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+"${sudo[@]}" apt-get update -qq
+"${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" </dev/null

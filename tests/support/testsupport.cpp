@@ -1,0 +1,237 @@
+#include "testsupport.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QImage>
+#include <QPainter>
+#include <QPdfWriter>
+#include <QProcess>
+
+namespace testsupport {
+
+namespace {
+QMutex s_logMutex;
+QStringList s_logLines;
+QtMessageHandler s_previousHandler = nullptr;
+
+void collectMessage(QtMsgType type, const QMessageLogContext &context, const QString &message)
+{
+    {
+        QMutexLocker locker(&s_logMutex);
+        s_logLines << message;
+    }
+    if (s_previousHandler)
+        s_previousHandler(type, context, message);
+}
+
+QByteArray shellQuote(const QString &text)
+{
+    QByteArray quoted = text.toUtf8();
+    quoted.replace('\'', "'\\''");
+    return '\'' + quoted + '\'';
+}
+} // namespace
+
+TempHome::TempHome()
+    : m_previous(qgetenv("HOME"))
+{
+    qputenv("HOME", m_dir.path().toUtf8());
+}
+
+TempHome::~TempHome()
+{
+    qputenv("HOME", m_previous);
+}
+
+QString TempHome::filePath(const QString &relative) const
+{
+    return m_dir.filePath(relative);
+}
+
+QString TempHome::stateDir() const
+{
+    const QString dir = m_dir.filePath(QStringLiteral(".vorsane-kiosk"));
+    QDir().mkpath(dir);
+    return dir;
+}
+
+FakePrograms::FakePrograms()
+    : m_previousPath(qgetenv("PATH"))
+{
+    qputenv("PATH", m_dir.path().toUtf8() + ':' + m_previousPath);
+}
+
+FakePrograms::~FakePrograms()
+{
+    qputenv("PATH", m_previousPath);
+}
+
+void FakePrograms::addScript(const QString &name, const QByteArray &body)
+{
+    const QString log = m_dir.filePath(name + QLatin1String(".log"));
+    QByteArray script = "#!/bin/sh\n"
+                        "{ if [ $# -gt 0 ]; then printf '%s\\037' \"$@\"; fi; echo; } >> "
+                        + shellQuote(log) + "\n" + body + "\n";
+    const QString path = m_dir.filePath(name);
+    writeFile(path, script);
+    QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner
+                                    | QFileDevice::ExeOwner | QFileDevice::ReadGroup
+                                    | QFileDevice::ExeGroup | QFileDevice::ReadOther
+                                    | QFileDevice::ExeOther);
+}
+
+void FakePrograms::add(const QString &name, const QByteArray &output, int exitCode)
+{
+    QByteArray body;
+    if (!output.isEmpty()) {
+        const QString outFile = m_dir.filePath(name + QLatin1String(".out"));
+        writeFile(outFile, output);
+        body += "cat " + shellQuote(outFile) + "\n";
+    }
+    body += "exit " + QByteArray::number(exitCode);
+    addScript(name, body);
+}
+
+void FakePrograms::addHanging(const QString &name)
+{
+    addScript(name, "exec sleep 3600");
+}
+
+QList<QStringList> FakePrograms::calls(const QString &name) const
+{
+    QList<QStringList> result;
+    QByteArray log = readFile(m_dir.filePath(name + QLatin1String(".log")));
+    if (log.isEmpty())
+        return result;
+    log.chop(1); // the last call's newline
+    for (const QByteArray &line : log.split('\n')) {
+        QStringList arguments;
+        for (const QByteArray &argument : line.split('\037'))
+            arguments << QString::fromUtf8(argument);
+        arguments.removeLast(); // every argument ends with the separator
+        result << arguments;
+    }
+    return result;
+}
+
+QStringList FakePrograms::callLines(const QString &name) const
+{
+    QStringList lines;
+    for (const QStringList &call : calls(name))
+        lines << call.join(QLatin1Char(' '));
+    return lines;
+}
+
+LogCapture::LogCapture()
+{
+    clear();
+    s_previousHandler = qInstallMessageHandler(collectMessage);
+}
+
+LogCapture::~LogCapture()
+{
+    qInstallMessageHandler(s_previousHandler);
+    s_previousHandler = nullptr;
+}
+
+QStringList LogCapture::lines() const
+{
+    QMutexLocker locker(&s_logMutex);
+    return s_logLines;
+}
+
+bool LogCapture::contains(const QString &text) const
+{
+    return count(text) > 0;
+}
+
+int LogCapture::count(const QString &text) const
+{
+    QMutexLocker locker(&s_logMutex);
+    int found = 0;
+    for (const QString &line : qAsConst(s_logLines))
+        found += line.contains(text) ? 1 : 0;
+    return found;
+}
+
+void LogCapture::clear()
+{
+    QMutexLocker locker(&s_logMutex);
+    s_logLines.clear();
+}
+
+bool makeImage(const QString &path, const QSize &size, const QColor &color, const char *format)
+{
+    QImage image(size, QImage::Format_RGB32);
+    image.fill(color);
+    return image.save(path, format);
+}
+
+bool makePdf(const QString &path, int pages)
+{
+    QPdfWriter writer(path);
+    writer.setResolution(72);
+    QPainter painter(&writer);
+    if (!painter.isActive())
+        return false;
+    for (int page = 0; page < pages; ++page) {
+        if (page > 0)
+            writer.newPage();
+        painter.drawText(100, 100, QStringLiteral("Page %1").arg(page + 1));
+    }
+    return painter.end();
+}
+
+static bool runFfmpeg(const QStringList &arguments)
+{
+    QProcess ffmpeg;
+    ffmpeg.start(
+        QStringLiteral("ffmpeg"),
+        QStringList{QStringLiteral("-y"), QStringLiteral("-loglevel"), QStringLiteral("error")}
+            + arguments);
+    return ffmpeg.waitForFinished(60000) && ffmpeg.exitStatus() == QProcess::NormalExit
+           && ffmpeg.exitCode() == 0;
+}
+
+bool makeVideo(const QString &path, int seconds, const QSize &size)
+{
+    return runFfmpeg({QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"),
+                      QStringLiteral("testsrc=duration=%1:size=%2x%3:rate=10")
+                          .arg(seconds)
+                          .arg(size.width())
+                          .arg(size.height()),
+                      QStringLiteral("-pix_fmt"), QStringLiteral("yuv420p"), path});
+}
+
+bool makeGif(const QString &path, int frames, const QSize &size)
+{
+    return runFfmpeg(
+        {QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"),
+         QStringLiteral("testsrc=size=%1x%2:rate=10").arg(size.width()).arg(size.height()),
+         QStringLiteral("-frames:v"), QString::number(frames), path});
+}
+
+bool writeFile(const QString &path, const QByteArray &content)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        return false;
+    return file.write(content) == content.size();
+}
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QByteArray();
+    return file.readAll();
+}
+
+QString programPath()
+{
+    return QStringLiteral(VORSANE_KIOSK_BIN);
+}
+
+} // namespace testsupport

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <QColor>
+#include <QList>
+#include <QMutex>
+#include <QSize>
+#include <QStringList>
+#include <QTemporaryDir>
+
+namespace testsupport {
+
+// A fresh, empty HOME for the lifetime of the object; the previous HOME comes back afterwards.
+class TempHome
+{
+public:
+    TempHome();
+    ~TempHome();
+
+    QString path() const { return m_dir.path(); }
+    QString filePath(const QString &relative) const;
+    // HOME/.vorsane-kiosk, created on demand.
+    QString stateDir() const;
+
+private:
+    QTemporaryDir m_dir;
+    QByteArray m_previous;
+};
+
+// A directory of recording stand-ins for child programs, put first on PATH. Each stand-in
+// appends its arguments to a log the test reads, prints a given output and exits with a given
+// code (or hangs until killed).
+class FakePrograms
+{
+public:
+    FakePrograms();
+    ~FakePrograms();
+
+    void add(const QString &name, const QByteArray &output = QByteArray(), int exitCode = 0);
+    void addHanging(const QString &name);
+    // A stand-in with a shell body of its own; it still records its arguments.
+    void addScript(const QString &name, const QByteArray &body);
+
+    // Every call's argument list, in order.
+    QList<QStringList> calls(const QString &name) const;
+    // Every call as one line, arguments joined by blanks.
+    QStringList callLines(const QString &name) const;
+    QString dir() const { return m_dir.path(); }
+
+private:
+    QTemporaryDir m_dir;
+    QByteArray m_previousPath;
+};
+
+// Collects every debug/warning message while it lives.
+class LogCapture
+{
+public:
+    LogCapture();
+    ~LogCapture();
+
+    QStringList lines() const;
+    bool contains(const QString &text) const;
+    int count(const QString &text) const;
+    void clear();
+};
+
+// Media files made on the spot.
+bool makeImage(const QString &path, const QSize &size, const QColor &color,
+               const char *format = nullptr);
+bool makePdf(const QString &path, int pages);
+// Generated with ffmpeg; false when ffmpeg is missing or fails.
+bool makeVideo(const QString &path, int seconds, const QSize &size = QSize(64, 48));
+bool makeGif(const QString &path, int frames, const QSize &size = QSize(32, 32));
+bool writeFile(const QString &path, const QByteArray &content);
+QByteArray readFile(const QString &path);
+
+// The built program, for end-to-end tests.
+QString programPath();
+
+} // namespace testsupport
