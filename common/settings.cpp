@@ -18,6 +18,15 @@
 Settings *Settings::m_settings = nullptr;
 
 namespace {
+// Replaced instances stay alive and reachable: components may still read through them.
+QList<Settings *> &retiredInstances()
+{
+    static QList<Settings *> retired;
+    return retired;
+}
+} // namespace
+
+namespace {
 const char currentVersion[] = "QFGLs6IVf1";
 const char makerHomePage[] = "https://www.vorsane.com/";
 const char launchdockConfig[] = "/home/pi/.config/launchdockrc";
@@ -54,6 +63,8 @@ Settings *Settings::load(bool reload, const CommandLineParser *parser)
         delete fresh;
         return m_settings;
     }
+    if (m_settings)
+        retiredInstances().append(m_settings);
     m_settings = fresh;
     return m_settings;
 }
