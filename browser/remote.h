@@ -1,0 +1,38 @@
+#pragma once
+
+#include <QUdpSocket>
+
+class QScriptValue;
+
+// Receives the remote-control datagrams on 127.0.0.1:54545 and turns each into one signal.
+class Remote : public QUdpSocket
+{
+    Q_OBJECT
+
+public:
+    static const quint16 Port = 54545;
+    // A datagram's object literal that takes longer than this to evaluate is dropped as an error.
+    static const int MaxEvaluationMs = 1000;
+
+    explicit Remote(QObject *parent = nullptr);
+
+    void processGoTo(QScriptValue *value);
+
+public Q_SLOTS:
+    void processMessage();
+
+Q_SIGNALS:
+    void pause();
+    void next();
+    void goTo(int index, int loop);
+    void goTo(QString path);
+    void screenshot();
+    void restart();
+    void text(QString text, int duration);
+    void loop();
+    void readUrl(QString url, int duration);
+
+private:
+    void handle(const QByteArray &datagram);
+    void removeDroppedFile(const QString &relativePath);
+};
