@@ -21,8 +21,9 @@ namespace {
 // Replaced instances stay alive and reachable: components may still read through them.
 QList<Settings *> &retiredInstances()
 {
-    static QList<Settings *> retired;
-    return retired;
+    // Never destroyed, like the instances it holds.
+    static auto *retired = new QList<Settings *>;
+    return *retired;
 }
 } // namespace
 
