@@ -1,14 +1,20 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs the slideshow on the bundled demo content. Without a
+# Installs what is missing, builds, and runs the slideshow on the bundled demo pictures. Without a
 # display it runs under Xvfb. Extra arguments go to the program.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 bash scripts/build.sh
-base="$(pwd)/demo"
-args=(--basepath "$base" --preference "$HOME/.vorsane-kiosk/demo-preferences")
+
+state="$HOME/.vorsane-kiosk"
+mkdir -p "$state"
+playlist="$state/demo-playlist"
+printf '#Vorsane playlist\nfile://%s 5\n' "$(pwd)/demo/pictures" > "$playlist"
+args=(--basepath "$(pwd)/demo" --preference "$state/demo-preferences" --playlist "$playlist"
+      --cookie "$state/demo-cookies.sqlite")
 if [ -n "${DISPLAY:-}" ]; then
     exec build/vorsane-kiosk "${args[@]}" "$@"
 else
+    echo "No display: running under Xvfb (Ctrl-C to stop)."
     exec xvfb-run -a -s "-screen 0 1280x720x24 -nolisten tcp" build/vorsane-kiosk "${args[@]}" "$@"
 fi
