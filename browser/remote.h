@@ -10,9 +10,9 @@ class Remote : public QUdpSocket
     Q_OBJECT
 
 public:
-    static const quint16 Port = 54545;
+    static constexpr quint16 Port = 54545;
     // A datagram's object literal that takes longer than this to evaluate is dropped as an error.
-    static const int MaxEvaluationMs = 1000;
+    static constexpr int MaxEvaluationMs = 1000;
 
     explicit Remote(QObject *parent = nullptr);
 

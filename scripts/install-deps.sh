@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
     # build
-    build-essential cmake pkg-config clang-format
+    build-essential cmake pkg-config clang-format curl
     # Qt 5 modules
     qtbase5-dev qtbase5-dev-tools libqt5sql5-sqlite qtscript5-dev libqt5webkit5-dev
     # media, PDF, proxy discovery, password hashing

@@ -1,0 +1,429 @@
+#include "playlistloop.h"
+
+#include "settings.h"
+
+#include <QDebug>
+#include <QDir>
+#include <QDirIterator>
+#include <QDomElement>
+#include <QDomNode>
+#include <QFileInfo>
+#include <QProcess>
+#include <QUrl>
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace {
+
+const char dateFormat[] = "yyyy/MM/dd";
+const char demoUrl[] = "file://:/demo/demo.jpg";
+const char usbWarningUrl[] = "file://:/image/usb_auto_insert_warning.png";
+const int demoDuration = 3;
+const int demoSpacing = 4;
+const int mountWaitMs = 30000;
+
+QString homePath()
+{
+    return QString::fromLocal8Bit(qgetenv("HOME"));
+}
+
+// A wall-clock time skipped by a daylight-saving change does not exist; rather than losing the
+// loop for that day, such a time is carried forward by the length of the gap.
+QDateTime localDateTime(const QDate &date, const QTime &time)
+{
+    QDateTime result(date, time);
+    if (!result.isValid() && date.isValid() && time.isValid())
+        result = date.startOfDay().addMSecs(time.msecsSinceStartOfDay());
+    return result;
+}
+
+QDate parseDate(const QString &text)
+{
+    const QStringList pieces = text.split(QLatin1Char('/'));
+    if (pieces.size() != 3)
+        return QDate();
+    return QDate(pieces.at(0).toInt(), pieces.at(1).toInt(), pieces.at(2).toInt());
+}
+
+// Hour and minute from "hh:mm"; out-of-range values give the fallback, a text that is not two
+// pieces gives the fallback and costs a point of score.
+QTime parseClock(const QString &text, const QTime &fallback, int &score)
+{
+    const QStringList pieces = text.split(QLatin1Char(':'));
+    if (pieces.size() != 2) {
+        --score;
+        return fallback;
+    }
+    const int hour = pieces.at(0).toInt();
+    const int minute = pieces.at(1).toInt();
+    if (hour < 0 || hour > 23 || minute < 0 || minute > 59)
+        return fallback;
+    return QTime(hour, minute);
+}
+
+PlaylistItemPtr makeItem(const QString &url, PlaylistItem::Type type, int duration,
+                         const QStringList &parameters = QStringList())
+{
+    return std::make_shared<PlaylistItem>(url, type, duration, false, parameters);
+}
+
+} // namespace
+
+bool detail::PlaylistItemCompare::operator()(const PlaylistItemPtr &left,
+                                             const PlaylistItemPtr &right) const
+{
+    const QString leftLower = left->url.toLower();
+    const QString rightLower = right->url.toLower();
+    if (leftLower != rightLower)
+        return leftLower < rightLower;
+    return left->url < right->url;
+}
+
+PlaylistLoop::PlaylistLoop(int defaultDuration, const QDomNode &node, const QString &tag)
+    : tag(tag)
+    , weekdays(7)
+    , defaultDuration(defaultDuration)
+{
+    fromXmlNode(node);
+    addDemoItems();
+}
+
+PlaylistLoop::PlaylistLoop(int defaultDuration, const QString &text, const QString &tag)
+    : tag(tag)
+    , weekdays(7)
+    , defaultDuration(defaultDuration)
+{
+    fromString(text);
+    addDemoItems();
+}
+
+void PlaylistLoop::fromXmlNode(const QDomNode &node)
+{
+    const QDomElement element = node.toElement();
+    idle = element.attribute(QStringLiteral("idle")) == QLatin1String("1");
+    shuffle = element.attribute(QStringLiteral("shuffle")) == QLatin1String("1");
+    startTime = element.attribute(QStringLiteral("start"));
+    endTime = element.attribute(QStringLiteral("end"));
+    repeat = element.attribute(QStringLiteral("repeat"));
+    fromDate = element.attribute(QStringLiteral("from"));
+    toDate = element.attribute(QStringLiteral("to"));
+    id = element.attribute(QStringLiteral("id"));
+
+    if (!validate())
+        return;
+
+    if (idle) {
+        active = false;
+        items.append(PlaylistItemPtr(PlaylistItem::idle()));
+    }
+
+    const QDomNodeList children = node.childNodes();
+    const int childCount = children.count();
+    int webpages = 0;
+    for (int i = 0; i < childCount; ++i) {
+        QDomNode child = children.at(i);
+        PlaylistItemPtr item(PlaylistItem::fromXmlNode(&child));
+        if (item->url.isEmpty())
+            continue;
+        if (item->type == PlaylistItem::Webpage)
+            ++webpages;
+        // Only reachable at the last child, and only when no child was dropped.
+        if (webpages == childCount)
+            item->parameters << QStringLiteral("all_webpages");
+        items.append(item);
+    }
+
+    if (shuffle)
+        shuffleItems();
+}
+
+void PlaylistLoop::fromString(const QString &text)
+{
+    const QStringList lines = text.split(QLatin1Char('\n'));
+    Settings *settings = Settings::load(false, nullptr);
+
+    const QString dragAndDrop = homePath() + QLatin1String("/.vorsane-kiosk/dragndrop");
+    if (settings->get(QStringLiteral("remote/enabled")).toBool()
+        && QFileInfo(dragAndDrop).isDir()) {
+        qDebug() << "Add drag and drop directory.";
+        addDirectoryInItems(dragAndDrop, defaultDuration);
+    }
+
+    int webEntries = 0;
+    bool usbAdded = false;
+    bool urlSeen = false;
+    int lastDuration = defaultDuration;
+    for (const QString &line : lines) {
+        if (line.startsWith(QLatin1Char('#')))
+            continue;
+        const int blank = line.lastIndexOf(QLatin1Char(' '));
+        if (blank < 0)
+            continue;
+        const QString target = line.left(blank);
+        const int duration = line.mid(blank + 1).toInt();
+        lastDuration = duration;
+
+        if (target.contains(QLatin1String("Screen OFF"))) {
+            items.append(makeItem(target, PlaylistItem::Idle, 0));
+            continue;
+        }
+        if (target == QLatin1String("usb-auto")) {
+            qDebug() << "USB Auto in playlist.";
+            const QString usbDir = homePath() + QLatin1String("/.vorsane-kiosk/usbauto");
+            if (addDirectoryInItems(usbDir, duration))
+                usbAdded = true;
+            continue;
+        }
+
+        const QUrl url(target, QUrl::TolerantMode);
+        if (!url.isValid())
+            continue;
+        const QString scheme = url.scheme();
+        if (scheme == QLatin1String("http") || scheme == QLatin1String("https")) {
+            urlSeen = true;
+            QStringList parameters;
+            // Every piece but the marker line and the final empty piece is a web entry.
+            if (++webEntries == lines.size() - 2)
+                parameters << QStringLiteral("all_webpages");
+            items.append(makeItem(target, PlaylistItem::Guess, duration, parameters));
+        } else if (scheme == QLatin1String("file")) {
+            urlSeen = true;
+            const QFileInfo info(url.toLocalFile());
+            if (info.isDir())
+                addDirectoryInItems(info.filePath(), duration);
+            else if (info.exists())
+                items.append(makeItem(target, PlaylistItem::Guess, duration));
+        } else if (scheme == QLatin1String("smb")) {
+            urlSeen = true;
+            addSmbShare(url, duration);
+        }
+    }
+
+    if (!usbAdded && !urlSeen) {
+        qDebug() << "Dispay warning for usb-auto.";
+        items.append(
+            makeItem(QString::fromLatin1(usbWarningUrl), PlaylistItem::Guess, lastDuration));
+    }
+
+    if (settings->get(QStringLiteral("slideshow/shuffle")).toBool())
+        shuffleItems();
+}
+
+void PlaylistLoop::addSmbShare(const QUrl &url, int duration)
+{
+    const QString encoded = QString::fromUtf8(url.toEncoded());
+    qDebug() << "Receiving smb url:" << encoded;
+    const QStringList pieces = encoded.split(QLatin1Char('/'));
+    const QString server = pieces.value(2);
+    const QString share = pieces.value(3);
+    qDebug() << "  Server:" << server;
+    qDebug() << "  Share :" << share;
+
+    const QString mountPoint
+        = QStringLiteral("%1/gvfs/smb-share:server=%2,share=%3/")
+              .arg(QString::fromLocal8Bit(qgetenv("XDG_RUNTIME_DIR")), server, share);
+    qDebug() << "  Mount url:" << mountPoint;
+
+    if (!QFileInfo::exists(mountPoint)) {
+        QProcess mount;
+        mount.start(QStringLiteral("gvfs-mount"),
+                    QStringList{QStringLiteral("smb://%1/%2").arg(server, share)});
+        if (!mount.waitForFinished(mountWaitMs) && mount.state() != QProcess::NotRunning) {
+            mount.kill();
+            mount.waitForFinished();
+        }
+    }
+
+    const QString path = url.toString().split(QLatin1Char('/')).mid(4).join(QLatin1Char('/'));
+    const QString fullPath = mountPoint + path;
+    qDebug() << "  Fullpath :" << fullPath;
+
+    const QFileInfo info(fullPath);
+    if (info.isDir())
+        addDirectoryInItems(fullPath, duration);
+    else if (info.exists())
+        items.append(makeItem(fullPath, PlaylistItem::Guess, duration));
+}
+
+bool PlaylistLoop::addDirectoryInItems(const QString &directory, int duration)
+{
+    QList<PlaylistItemPtr> found;
+    QDirIterator files(directory, QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot,
+                       QDirIterator::Subdirectories);
+    while (files.hasNext()) {
+        PlaylistItemPtr item
+            = makeItem(QLatin1String("file://") + files.next(), PlaylistItem::Guess, duration);
+        // A video plays to its end.
+        if (item->type == PlaylistItem::Video)
+            item->duration = 0;
+        found.append(item);
+    }
+    std::sort(found.begin(), found.end(), detail::PlaylistItemCompare());
+    items.append(found);
+    return !found.isEmpty();
+}
+
+void PlaylistLoop::addDemoItems()
+{
+    if (items.size() < 2)
+        return;
+    // The end of the list counts as a position too: four items get a demo at 1 and at 5.
+    for (int position = 1; position <= items.size(); position += demoSpacing)
+        items.insert(position,
+                     makeItem(QString::fromLatin1(demoUrl), PlaylistItem::Image, demoDuration));
+}
+
+void PlaylistLoop::shuffleItems()
+{
+    // The C library generator, never seeded here: the order is the same on every start.
+    for (int i = 1; i < items.size(); ++i)
+        items.swapItemsAt(i, std::rand() % (i + 1));
+}
+
+bool PlaylistLoop::validateDate()
+{
+    return validateDate(QDate::currentDate());
+}
+
+bool PlaylistLoop::validateDate(const QDate &today)
+{
+    const bool fillFrom = fromDate.isEmpty();
+    const bool fillTo = toDate.isEmpty();
+    if (fillFrom)
+        fromDate = today.toString(QLatin1String(dateFormat));
+    if (fillTo)
+        toDate = today.toString(QLatin1String(dateFormat));
+
+    const QDate first = parseDate(fromDate);
+    if (!first.isValid())
+        return false;
+    const QDate last = parseDate(toDate);
+    if (!last.isValid() || last < first)
+        return false;
+
+    if (fillFrom)
+        fromDate.clear();
+    if (fillTo)
+        toDate.clear();
+    from = localDateTime(first, from.time().isValid() ? from.time() : QTime(0, 0));
+    to = localDateTime(last, to.time().isValid() ? to.time() : QTime(0, 0));
+    return true;
+}
+
+bool PlaylistLoop::validateTime()
+{
+    return validateTime(QDate::currentDate());
+}
+
+bool PlaylistLoop::validateTime(const QDate &today)
+{
+    const QTime start = parseClock(startTime, QTime(0, 0), score);
+    const QTime end = parseClock(endTime, QTime(23, 59), score);
+    const QDate endDay = start == end ? today : to.date();
+    from = localDateTime(from.date(), start);
+    to = localDateTime(endDay, end);
+    return from.isValid() && to.isValid();
+}
+
+bool PlaylistLoop::validateWeekdays()
+{
+    if (weekdays.size() != 7)
+        weekdays.resize(7);
+    if (repeat.isEmpty()) {
+        weekdays.fill(true);
+        --score;
+        return true;
+    }
+    for (const QChar character : qAsConst(repeat)) {
+        const int day = character.digitValue();
+        if (day >= 0 && day <= 6)
+            weekdays.setBit(day);
+    }
+    return true;
+}
+
+bool PlaylistLoop::validate()
+{
+    return validate(QDate::currentDate());
+}
+
+bool PlaylistLoop::validate(const QDate &today)
+{
+    return validateDate(today) && validateTime(today) && validateWeekdays();
+}
+
+QDateTime PlaylistLoop::nowOk(const QDateTime &reference)
+{
+    return nowOk(reference, QDateTime::currentDateTime());
+}
+
+QDateTime PlaylistLoop::nowOk(const QDateTime &reference, const QDateTime &nowAnyZone)
+{
+    if (!nowAnyZone.isValid())
+        return QDateTime();
+    const QDateTime now = nowAnyZone.toLocalTime();
+    if (!validate(now.date()))
+        return QDateTime();
+
+    // The wall-clock times as written; from and to may have been moved by a daylight-saving gap.
+    int unusedScore = 0;
+    const QTime start = parseClock(startTime, QTime(0, 0), unusedScore);
+    const QTime end = parseClock(endTime, QTime(23, 59), unusedScore);
+    if (from.date() == to.date() && end < start) {
+        // The period crosses midnight: it began yesterday or ends tomorrow.
+        if (now.time() < end)
+            from = localDateTime(from.date().addDays(-1), start);
+        else
+            to = localDateTime(to.date().addDays(1), end);
+    }
+
+    if (!idle && items.isEmpty())
+        return QDateTime();
+    if (!weekdays.testBit(now.date().dayOfWeek() - 1))
+        return QDateTime();
+
+    if (start == end) {
+        if (now < from || from < reference)
+            return QDateTime();
+        return from;
+    }
+    if (now < from || now > to)
+        return QDateTime();
+    return from;
+}
+
+QDateTime PlaylistLoop::getFromIdle(const QString &text)
+{
+    return getFromIdle(text, QDate::currentDate());
+}
+
+QDateTime PlaylistLoop::getFromIdle(const QString &text, const QDate &today)
+{
+    idleFrom = readIdleTime(text, QStringLiteral("From:"), today);
+    return idleFrom;
+}
+
+QDateTime PlaylistLoop::getToIdle(const QString &text)
+{
+    return getToIdle(text, QDate::currentDate());
+}
+
+QDateTime PlaylistLoop::getToIdle(const QString &text, const QDate &today)
+{
+    idleTo = readIdleTime(text, QStringLiteral("To:"), today);
+    return idleTo;
+}
+
+QDateTime PlaylistLoop::readIdleTime(const QString &text, const QString &marker, const QDate &today)
+{
+    // When the marker is missing, -1 + offset still picks five characters: kept as it is.
+    const int position = text.indexOf(marker) + marker.size() + 1;
+    const QStringList pieces = text.mid(position, 5).split(QLatin1Char(':'));
+    if (pieces.size() != 2)
+        return QDateTime();
+    const QTime time(pieces.at(0).toInt(), pieces.at(1).toInt());
+    if (!time.isValid())
+        return QDateTime();
+    return localDateTime(today, time);
+}

@@ -1,0 +1,83 @@
+#pragma once
+
+#include "playlistitem.h"
+
+#include <QBitArray>
+#include <QDateTime>
+#include <QList>
+#include <QString>
+
+#include <memory>
+
+class QDomNode;
+class QUrl;
+
+namespace detail {
+// Directory order: case-insensitive first, then plain code-unit order to break ties.
+struct PlaylistItemCompare
+{
+    bool operator()(const PlaylistItemPtr &left, const PlaylistItemPtr &right) const;
+};
+} // namespace detail
+
+// An ordered list of items with an optional date range, daily period and set of weekdays.
+// The loop shares its items: whoever else still holds one (a downloader, the shown widget) keeps
+// it alive after the loop is gone.
+class PlaylistLoop
+{
+public:
+    PlaylistLoop(int defaultDuration, const QDomNode &node, const QString &tag);
+    PlaylistLoop(int defaultDuration, const QString &text, const QString &tag);
+
+    void fromXmlNode(const QDomNode &node);
+    void fromString(const QString &text);
+    bool addDirectoryInItems(const QString &directory, int duration);
+    void addDemoItems();
+
+    // The checks work on "today"; the overloads taking a date exist so that a caller holding a
+    // clock reading of its own gets consistent answers.
+    bool validateDate();
+    bool validateDate(const QDate &today);
+    bool validateTime();
+    bool validateTime(const QDate &today);
+    bool validateWeekdays();
+    bool validate();
+    bool validate(const QDate &today);
+
+    // Start of the current period when the loop applies at "now", otherwise a null date-time.
+    QDateTime nowOk(const QDateTime &reference);
+    QDateTime nowOk(const QDateTime &reference, const QDateTime &now);
+
+    QDateTime getFromIdle(const QString &text);
+    QDateTime getFromIdle(const QString &text, const QDate &today);
+    QDateTime getToIdle(const QString &text);
+    QDateTime getToIdle(const QString &text, const QDate &today);
+
+    QString tag;
+    QString id;
+    bool idle = false;
+    QString startTime;
+    QString endTime;
+    QDateTime startDateTime;
+    QDateTime endDateTime;
+    QString repeat;
+    QBitArray weekdays;
+    QDateTime from;
+    QDateTime to;
+    QString fromDate;
+    QString toDate;
+    int score = 0;
+    bool active = true;
+    int defaultDuration;
+    bool shuffle = false;
+    QDateTime idleFrom;
+    QDateTime idleTo;
+    QList<PlaylistItemPtr> items;
+
+private:
+    void shuffleItems();
+    void addSmbShare(const QUrl &url, int duration);
+    QDateTime readIdleTime(const QString &text, const QString &marker, const QDate &today);
+};
+
+using PlaylistLoopPtr = std::shared_ptr<PlaylistLoop>;

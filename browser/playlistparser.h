@@ -1,0 +1,43 @@
+#pragma once
+
+#include "playlistloop.h"
+
+#include <QDateTime>
+#include <QList>
+#include <QObject>
+#include <QString>
+
+class QUrl;
+class QWidget;
+
+// The playlist source: fetches the playlist text, keeps an offline copy and answers which loop
+// applies now. Loops are shared, so a caller still showing a loop keeps it alive after a refresh
+// or after the parser itself is replaced.
+class PlaylistParser : public QObject
+{
+    Q_OBJECT
+
+public:
+    ~PlaylistParser() override;
+
+    // A new parser owned by the caller. widget is hidden before the offline message is shown.
+    static PlaylistParser *get(int defaultDuration, const QUrl &url, QWidget *widget);
+
+    // The schedule played whenever no playlist can be had: one loop, no items.
+    static QString emptySchedule();
+    // HOME/.vorsane-kiosk/playlist and playlist-old.
+    static QString localCopyPath();
+    static QString offlineCopyPath();
+
+    virtual PlaylistLoopPtr selectLoop(const QDateTime &reference) = 0;
+    // The same at a given instant instead of the current local time.
+    virtual PlaylistLoopPtr selectLoop(const QDateTime &reference, const QDateTime &now) = 0;
+    virtual void refresh() = 0;
+    virtual QList<PlaylistLoopPtr> getLoops() = 0;
+
+protected:
+    explicit PlaylistParser(QObject *parent = nullptr);
+
+private:
+    static QString fetch(const QUrl &url, QWidget *widget);
+};

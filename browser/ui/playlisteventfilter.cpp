@@ -1,0 +1,50 @@
+#include "playlisteventfilter.h"
+
+#include "settings.h"
+
+#include <QCoreApplication>
+#include <QMouseEvent>
+#include <QWidget>
+
+PlaylistEventFilter::PlaylistEventFilter(Settings *settings, QObject *parent)
+    : QObject(parent)
+    , m_settings(settings)
+{
+}
+
+bool PlaylistEventFilter::eventFilter(QObject *watched, QEvent *event)
+{
+    const QEvent::Type type = event->type();
+    if (m_locked)
+        return type == QEvent::MouseButtonPress;
+
+    // The viewer stacks the content, so it is the content's parent.
+    auto *widget = qobject_cast<QWidget *>(watched);
+    QWidget *viewer = widget ? widget->parentWidget() : nullptr;
+    switch (type) {
+    case QEvent::MouseMove:
+        // In other modes a move would reach the viewer's press handler, where a move without a
+        // button does nothing.
+        if (viewer
+            && m_settings->get(QStringLiteral("main/mode")).toString() == QLatin1String("kiosk"))
+            QMetaObject::invokeMethod(viewer, "mouseEvent");
+        return true;
+    case QEvent::KeyPress:
+        if (widget)
+            widget->setCursor(Qt::BlankCursor);
+        return true;
+    case QEvent::MouseButtonPress:
+        if (viewer) {
+            // Sent as the viewer's own press so that its mousePressEvent() decides by button.
+            auto *press = static_cast<QMouseEvent *>(event);
+            QMouseEvent forwarded(QEvent::MouseButtonPress,
+                                  press->localPos() + QPointF(widget->pos()), press->windowPos(),
+                                  press->screenPos(), press->button(), press->buttons(),
+                                  press->modifiers(), press->source());
+            QCoreApplication::sendEvent(viewer, &forwarded);
+        }
+        return true;
+    default:
+        return false;
+    }
+}

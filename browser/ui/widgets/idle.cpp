@@ -1,0 +1,72 @@
+#include "idle.h"
+
+#include "playlistitem.h"
+
+#include <QDebug>
+#include <QMouseEvent>
+#include <QProcess>
+
+namespace {
+const int processWaitMs = 30000;
+const char tvservice[] = "/opt/vc/bin/tvservice";
+
+void runAndWait(const QString &program, const QStringList &arguments)
+{
+    QProcess process;
+    process.start(program, arguments);
+    process.waitForFinished(processWaitMs);
+}
+} // namespace
+
+Idle::Idle(PlaylistItem *item, QWidget *parent)
+    : QLabel(parent)
+    , Runnable(item->duration)
+{
+    setBlackBackground();
+}
+
+void Idle::setBlackBackground()
+{
+    QPalette palette = this->palette();
+    palette.setBrush(QPalette::All, QPalette::Window, QBrush(Qt::black));
+    setPalette(palette);
+    setAutoFillBackground(true);
+}
+
+bool Idle::startImpl()
+{
+    qDebug() << "Starting idle";
+    // Output on with its preferred mode first, then off; the second call deliberately goes
+    // without sudo. Turning the display back on is left to whoever ends the idle period.
+    runAndWait(QStringLiteral("sudo"), {QString::fromLatin1(tvservice), QStringLiteral("-p")});
+    runAndWait(QString::fromLatin1(tvservice), {QStringLiteral("-o")});
+    return true;
+}
+
+bool Idle::stopImpl()
+{
+    return true;
+}
+
+bool Idle::onTimeoutImpl()
+{
+    Q_EMIT end();
+    return true;
+}
+
+bool Idle::pauseImpl()
+{
+    return true;
+}
+
+bool Idle::resumeImpl()
+{
+    return true;
+}
+
+void Idle::mousePressEvent(QMouseEvent *event)
+{
+    if (event->button() == Qt::RightButton)
+        Q_EMIT rightclick();
+    event->accept();
+}
