@@ -45,6 +45,8 @@ bool writeUtf8(const QString &path, const QString &text)
     return file.commit();
 }
 
+const int fetchIdleTimeoutMs = 60000;
+
 void showOffline(QWidget *widget)
 {
     if (widget)
@@ -112,6 +114,9 @@ QString PlaylistParser::fetch(const QUrl &url, QWidget *widget)
     QNetworkRequest request(url);
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
                          QNetworkRequest::NoLessSafeRedirectPolicy);
+    // A server that accepts and then stays silent must not hold the show forever; a transfer
+    // idle this long fails like any network error and the offline copy is played.
+    request.setTransferTimeout(fetchIdleTimeoutMs);
     QNetworkReply *reply = manager.get(request);
     QEventLoop loop;
     connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);

@@ -6,6 +6,14 @@ cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 bash scripts/build.sh
 
+# The program reads its HTML templates from this fixed place.
+templates=/usr/share/vorsane-sitedeck
+if ! cmp -s templates/text.html "$templates/text.html" || ! cmp -s templates/template.html "$templates/template.html"; then
+    sudo_cmd=(); [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
+    "${sudo_cmd[@]}" install -D -m 644 templates/text.html "$templates/text.html"
+    "${sudo_cmd[@]}" install -D -m 644 templates/template.html "$templates/template.html"
+fi
+
 state="$HOME/.vorsane-kiosk"
 mkdir -p "$state"
 playlist="$state/demo-playlist"

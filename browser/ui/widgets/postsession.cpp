@@ -1,0 +1,6 @@
+#include "postsession.h"
+
+PostSession::PostSession(PlaylistItem *item, QWidget *parent)
+    : Webpage(item, parent)
+{
+}

@@ -1,0 +1,259 @@
+#include "webpage.h"
+
+#include "playlistitem.h"
+#include "settings.h"
+#include "sqlitecookiejar.h"
+
+#include <QAction>
+#include <QDebug>
+#include <QDir>
+#include <QEvent>
+#include <QFile>
+#include <QFileInfo>
+#include <QMouseEvent>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QPalette>
+#include <QWebElement>
+#include <QWebFrame>
+
+namespace {
+const char templatePath[] = "/usr/share/vorsane-sitedeck/template.html";
+const char renderedTemplate[] = "/.vorsane-kiosk/current-template.html";
+const char networkErrorText[]
+    = "Network error: please make sure you are correctly connected to internet.";
+const int scrollDelayMs = 5000;
+const int scrollTickMs = 50;
+
+// Up to the first NUL byte, like a C string.
+QString utf8Text(const QByteArray &data)
+{
+    return QString::fromUtf8(data.constData());
+}
+
+QString withBreaks(const QStringList &lines, int first, int last)
+{
+    QString paragraph;
+    for (int i = first; i <= last; ++i)
+        paragraph += lines.at(i) + QLatin1String("<br>");
+    return paragraph;
+}
+} // namespace
+
+Webpage::Webpage(PlaylistItem *item, QWidget *parent)
+    : QWebView(parent)
+    , Runnable(item->duration)
+    , m_settings(Settings::load(false, nullptr))
+    , m_url(item->url, QUrl::TolerantMode)
+    , m_options(item->parameters)
+{
+    setPage(&m_page);
+    installEventFilter(this);
+
+    m_cookieJar = new SqliteCookieJar(this);
+    QNetworkAccessManager *manager = m_page.networkAccessManager();
+    manager->setCookieJar(m_cookieJar);
+    connect(manager, &QNetworkAccessManager::finished, this, &Webpage::errorCheck);
+    connect(manager, &QNetworkAccessManager::sslErrors, this, &Webpage::sslErrorHandler);
+
+    m_page.mainFrame()->setScrollBarPolicy(Qt::Vertical, Qt::ScrollBarAlwaysOff);
+    m_page.mainFrame()->setScrollBarPolicy(Qt::Horizontal, Qt::ScrollBarAlwaysOff);
+
+    if (item->url.endsWith(QLatin1String(".txt")))
+        displayHTML(item);
+
+    setContextMenuPolicy(Qt::PreventContextMenu);
+
+    setZoomFactor(m_settings->get(QStringLiteral("main/zoomFactor")).toDouble());
+    bool autoScrollRequested = false;
+    applyOptions(&autoScrollRequested);
+
+    QPalette black = palette();
+    black.setBrush(QPalette::Base, Qt::black);
+    m_page.setPalette(black);
+
+    if (m_settings->get(QStringLiteral("slideshow/auto_scroll")).toBool() || autoScrollRequested) {
+        connect(&m_delayTimer, &QTimer::timeout, this, &Webpage::startScroll);
+        connect(&m_scrollTimer, &QTimer::timeout, this, &Webpage::autoScroll);
+        // A coarse timer may fire early; the page must stay still for the whole delay.
+        m_delayTimer.setTimerType(Qt::PreciseTimer);
+        m_delayTimer.start(scrollDelayMs);
+    }
+}
+
+Webpage::~Webpage()
+{
+    // The page is a member and dies before the view; deleting it aborts any load in progress,
+    // whose replies must no longer reach this half-destroyed object.
+    m_page.networkAccessManager()->disconnect(this);
+    m_page.mainFrame()->disconnect(this);
+    setPage(nullptr);
+}
+
+void Webpage::applyOptions(bool *autoScrollRequested)
+{
+    QWebFrame *frame = m_page.mainFrame();
+    for (const QString &option : qAsConst(m_options)) {
+        if (option.contains(QLatin1String("zoom:")))
+            setZoomFactor(option.split(QLatin1Char(':')).at(1).toDouble());
+        if (option.contains(QLatin1String("x:"))) {
+            m_scrollX = option.split(QLatin1Char(':')).at(1).toInt();
+            connect(frame, &QWebFrame::loadFinished, this, &Webpage::scrollToX,
+                    Qt::UniqueConnection);
+        }
+        if (option.contains(QLatin1String("y:"))) {
+            m_scrollY = option.split(QLatin1Char(':')).at(1).toInt();
+            connect(frame, &QWebFrame::loadFinished, this, &Webpage::scrollToY,
+                    Qt::UniqueConnection);
+        }
+        if (option.contains(QLatin1String("autoscroll")))
+            *autoScrollRequested = true;
+    }
+}
+
+void Webpage::displayHTML(PlaylistItem *item)
+{
+    QFile textFile(item->url.mid(7));
+    QFile templateFile(QString::fromLatin1(templatePath));
+    QFile output(QDir::homePath() + QLatin1String(renderedTemplate));
+    if (!textFile.open(QIODevice::ReadOnly) || !templateFile.open(QIODevice::ReadOnly)
+        || !output.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        return;
+
+    const QString text = utf8Text(textFile.readAll());
+    QString page = utf8Text(templateFile.readAll());
+    QString paragraph;
+    if (text.startsWith(QLatin1String("title=\""))) {
+        const QStringList parts = text.split(QLatin1Char('"'));
+        page.replace(QLatin1String("%title"), parts.at(1));
+        page.replace(QLatin1String("display:none;"), QString());
+        // The rest of the title line and the last piece are not part of the paragraph.
+        const QStringList lines = parts.value(2).split(QLatin1Char('\n'));
+        if (lines.size() > 2)
+            paragraph = withBreaks(lines, 1, lines.size() - 2);
+    } else {
+        // The piece after the last line feed is dropped, even when it holds text.
+        const QStringList lines = text.split(QLatin1Char('\n'));
+        if (lines.size() > 1)
+            paragraph = withBreaks(lines, 0, lines.size() - 2);
+    }
+    page.replace(QLatin1String("%paragraph"), paragraph);
+    output.write(page.toUtf8());
+    output.close();
+    textFile.close();
+    templateFile.close();
+
+    // A bare path would load as a blank page in this engine; the file URL shows the text.
+    m_url = QUrl::fromLocalFile(QFileInfo(output).absoluteFilePath());
+}
+
+void Webpage::errorCheck(QNetworkReply *reply)
+{
+    // Only the first reply that finishes is looked at, whichever resource it belongs to.
+    disconnect(m_page.networkAccessManager(), &QNetworkAccessManager::finished, this,
+               &Webpage::errorCheck);
+    if (m_errorChecked)
+        return;
+    m_errorChecked = true;
+    if (reply->error() == QNetworkReply::NoError)
+        return;
+
+    if (m_options.contains(QLatin1String("all_webpages"))) {
+        setHtml(QString::fromLatin1(networkErrorText), QUrl());
+        return;
+    }
+    emit end();
+}
+
+void Webpage::sslErrorHandler(QNetworkReply *reply, const QList<QSslError> &errors)
+{
+    Q_UNUSED(errors)
+    reply->ignoreSslErrors();
+}
+
+void Webpage::startScroll()
+{
+    m_delayTimer.stop();
+    m_scrollTimer.start(scrollTickMs);
+    disconnect(&m_delayTimer, &QTimer::timeout, this, &Webpage::startScroll);
+}
+
+void Webpage::autoScroll()
+{
+    QWebFrame *frame = m_page.mainFrame();
+    const int before = frame->scrollPosition().y();
+    frame->scroll(0, m_scrollStep);
+    if (frame->scrollPosition().y() == before)
+        m_scrollStep = -m_scrollStep;
+}
+
+void Webpage::scrollToX()
+{
+    m_page.mainFrame()->scroll(m_scrollX, 0);
+    disconnect(m_page.mainFrame(), &QWebFrame::loadFinished, this, &Webpage::scrollToX);
+}
+
+void Webpage::scrollToY()
+{
+    m_page.mainFrame()->scroll(0, m_scrollY);
+    disconnect(m_page.mainFrame(), &QWebFrame::loadFinished, this, &Webpage::scrollToY);
+}
+
+bool Webpage::eventFilter(QObject *watched, QEvent *event)
+{
+    setMouseTracking(true);
+    auto *widget = qobject_cast<QWidget *>(watched);
+    switch (event->type()) {
+    case QEvent::MouseMove:
+    case QEvent::MouseButtonPress:
+        mousePressEvent(static_cast<QMouseEvent *>(event));
+        if (widget)
+            widget->setCursor(Qt::BlankCursor);
+        return true;
+    case QEvent::KeyPress:
+        if (widget)
+            widget->setCursor(Qt::BlankCursor);
+        return true;
+    default:
+        return false;
+    }
+}
+
+void Webpage::mousePressEvent(QMouseEvent *event)
+{
+    if (event->button() == Qt::RightButton)
+        emit rightclick();
+}
+
+bool Webpage::stopImpl()
+{
+    // The Stop action is only looked up: an unfinished load is left to complete on purpose.
+    pageAction(QWebPage::Stop);
+    const QWebElementCollection embeds
+        = m_page.mainFrame()->findAllElements(QStringLiteral("embed"));
+    for (QWebElement embed : embeds)
+        embed.removeAllChildren();
+    return true;
+}
+
+bool Webpage::startImpl()
+{
+    load(m_url);
+    return true;
+}
+
+bool Webpage::onTimeoutImpl()
+{
+    emit end();
+    return true;
+}
+
+bool Webpage::pauseImpl()
+{
+    return true;
+}
+
+bool Webpage::resumeImpl()
+{
+    return true;
+}
