@@ -1,0 +1,387 @@
+#include "viewer.h"
+
+#include "browsereventfilter.h"
+#include "exitpassworddialog.h"
+#include "panelmanager.h"
+#include "playlisteventfilter.h"
+#include "playlistitem.h"
+#include "resources.h"
+#include "runnable.h"
+#include "settings.h"
+#include "systemshortcutmanager.h"
+#include "usbauto.h"
+#include "utils.h"
+#include "webpage.h"
+
+#include <QCloseEvent>
+#include <QDebug>
+#include <QEventLoop>
+#include <QFont>
+#include <QMetaMethod>
+#include <QMouseEvent>
+#include <QProcess>
+#include <QSettings>
+#include <QShortcut>
+#include <QSqlDatabase>
+#include <QWebElement>
+#include <QWebFrame>
+#include <QWebSettings>
+
+namespace {
+const int processWaitMs = 30000;
+const char textTemplateUrl[] = "file:///usr/share/vorsane-sitedeck/text.html";
+
+// Content widgets declare end() each on their own, with no common base class that has it, so
+// their signals are found by name.
+bool connectByName(QObject *sender, const char *signal, QObject *receiver, const char *slot,
+                   Qt::ConnectionType type = Qt::AutoConnection)
+{
+    const int signalIndex = sender->metaObject()->indexOfSignal(signal);
+    const int slotIndex = receiver->metaObject()->indexOfSlot(slot);
+    if (signalIndex < 0 || slotIndex < 0)
+        return false;
+    return QObject::connect(sender, sender->metaObject()->method(signalIndex), receiver,
+                            receiver->metaObject()->method(slotIndex), type);
+}
+
+void runAndWait(const QString &program, const QStringList &arguments)
+{
+    QProcess process;
+    process.start(program, arguments);
+    process.waitForFinished(processWaitMs);
+}
+} // namespace
+
+Viewer::Viewer(QWidget *parent)
+    : QStackedWidget(parent)
+    , m_settings(Settings::load(false, nullptr))
+{
+    initResources();
+    connect(&m_sessionTimer, &QTimer::timeout, this, &Viewer::onTimerTimeout);
+
+    m_playlistFilter = new PlaylistEventFilter(m_settings);
+    m_browserFilter = new BrowserEventFilter;
+    m_unlockTimer.setSingleShot(true);
+    connect(&m_unlockTimer, &QTimer::timeout, this, &Viewer::unlockPlaylistEventFilter);
+    connect(this, &QStackedWidget::currentChanged, this, &Viewer::on_currentChanged);
+
+    loadWindowSettings();
+    setShortcuts();
+
+    const bool fullscreen = m_settings->get(QStringLiteral("main/fullscreen")).toBool();
+    const int width = m_settings->get(QStringLiteral("main/largeur_edit")).toInt();
+    const int height = m_settings->get(QStringLiteral("main/hauteur_edit")).toInt();
+    const bool fixed = m_settings->get(QStringLiteral("main/fixedscreen")).toBool();
+    m_panelManager = panel::Manager::create(fullscreen, passwordSet());
+    m_shortcutManager = std::make_unique<SystemShortcutManager>(fullscreen, passwordSet());
+
+    if (fullscreen) {
+        showFullScreen();
+    } else if (fixed) {
+        // Flags first: changing them re-creates the window and would drop the geometry.
+        setWindowFlags(windowFlags() | Qt::FramelessWindowHint);
+        setGeometry(0, 0, width, height);
+        show();
+    } else {
+        showNormal();
+    }
+
+    if (m_settings->get(QStringLiteral("slideshow/hide_pointer")).toBool()) {
+        qDebug() << "Hiding mouse pointer.";
+        m_pointerHider = new QProcess;
+        m_pointerHider->start(QStringLiteral("unclutter"),
+                              {QStringLiteral("-idle"), QStringLiteral("1")});
+    }
+
+    if (m_settings->get(QStringLiteral("slideshow/usb_auto")).toBool() && displayMode()) {
+        m_usbAuto = new UsbAuto(m_settings->get(QStringLiteral("remote/key")).toString());
+        connect(m_usbAuto, &UsbAuto::finished, this, &Viewer::requestRestart);
+    }
+
+    const bool mute = m_settings->get(QStringLiteral("slideshow/mute")).toBool();
+    for (const QString &channel : {QStringLiteral("PCM")}) {
+        if (!mute) {
+            qDebug() << "Enabling sound on channel:" << channel;
+            runAndWait(QStringLiteral("amixer"),
+                       {QStringLiteral("set"), channel, QStringLiteral("unmute")});
+        } else {
+            qDebug() << "Disabling sound on channel:" << channel;
+            runAndWait(QStringLiteral("amixer"),
+                       {QStringLiteral("set"), channel, QStringLiteral("mute")});
+        }
+    }
+
+    QWebSettings *web = QWebSettings::globalSettings();
+    web->setAttribute(QWebSettings::JavascriptCanOpenWindows, true);
+    web->setAttribute(QWebSettings::PluginsEnabled, true);
+    web->setAttribute(QWebSettings::JavaEnabled, true);
+    const QString fontText = m_settings->get(QStringLiteral("webpage/default_font")).toString();
+    if (!fontText.isEmpty()) {
+        QFont font;
+        font.fromString(fontText);
+        web->setFontFamily(QWebSettings::StandardFont, font.family());
+        web->setFontSize(QWebSettings::DefaultFontSize, font.pointSize());
+    }
+
+    QSqlDatabase cookies = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"));
+    cookies.setDatabaseName(m_settings->cookiesFilename());
+    cookies.open();
+}
+
+Viewer::~Viewer()
+{
+    m_unlockTimer.stop();
+    if (m_pointerHider) {
+        m_pointerHider->terminate();
+        if (!m_pointerHider->waitForFinished(1000))
+            m_pointerHider->kill();
+        m_pointerHider->waitForFinished(1000);
+        delete m_pointerHider;
+    }
+    delete m_usbAuto;
+    m_shortcutManager.reset();
+    delete m_panelManager;
+    m_sessionTimer.stop();
+    // The event filters live as long as the program, by design.
+}
+
+bool Viewer::passwordSet() const
+{
+    return m_settings->get(QStringLiteral("main/admin_passwd")).toBool();
+}
+
+bool Viewer::displayMode() const
+{
+    return m_settings->get(QStringLiteral("main/mode")).toString() == QLatin1String("display");
+}
+
+bool Viewer::playlistFilterLocked() const
+{
+    return m_playlistFilter->locked();
+}
+
+bool Viewer::next(QWidget *w)
+{
+    if (!w)
+        return false;
+    addWidget(w);
+    w->setMouseTracking(true);
+
+    // The kiosk browser and its session timer arrive with the web-session work.
+    w->setCursor(Qt::BlankCursor);
+    if (m_settings->get(QStringLiteral("slideshow/stop_on_event")).toBool())
+        w->installEventFilter(m_playlistFilter);
+
+    connectByName(w, "end()", this, "onWidgetTimeout()");
+    // One connection is enough: a show that runs for months must not pile them up.
+    if (displayMode() && !passwordSet())
+        connect(this, &Viewer::middleclick, this, &Viewer::bye, Qt::UniqueConnection);
+
+    m_playlistFilter->setLocked(true);
+    m_unlockTimer.start(1000);
+
+    setCurrentWidget(w);
+    QPalette palette = w->palette();
+    palette.setBrush(QPalette::All, QPalette::Window, QBrush(Qt::black));
+    w->setPalette(palette);
+    w->setAutoFillBackground(true);
+    w->show();
+
+    auto *runnable = dynamic_cast<Runnable *>(w);
+    const bool started = runnable && runnable->start();
+    if (!started)
+        return false;
+    if (m_currentWidget) {
+        if (auto *previous = dynamic_cast<Runnable *>(m_currentWidget.data()))
+            previous->stop();
+        removeWidget(m_currentWidget);
+    }
+    m_currentWidget = w;
+    return true;
+}
+
+void Viewer::pause()
+{
+    if (auto *runnable = dynamic_cast<Runnable *>(m_currentWidget.data()))
+        runnable->pause();
+}
+
+void Viewer::stop()
+{
+    m_sessionTimer.stop();
+}
+
+void Viewer::setTimer()
+{
+    m_sessionTimer.setInterval(
+        m_settings->get(QStringLiteral("main/stop_session_after_seconds")).toInt() * 1000);
+    m_sessionTimer.start();
+}
+
+void Viewer::resetTimer()
+{
+    if (m_sessionTimer.isActive())
+        m_sessionTimer.start();
+}
+
+void Viewer::onTimerTimeout()
+{
+    m_sessionTimer.stop();
+    Q_EMIT end();
+}
+
+void Viewer::onWidgetTimeout()
+{
+    m_sessionTimer.stop();
+    Q_EMIT end();
+}
+
+void Viewer::on_currentChanged(int)
+{
+    QTimer::singleShot(100, this, &Viewer::takeScreen);
+}
+
+void Viewer::takeScreen()
+{
+    Q_EMIT readyToShoot();
+}
+
+void Viewer::unlockPlaylistEventFilter()
+{
+    m_playlistFilter->setLocked(false);
+}
+
+void Viewer::requestRestart()
+{
+    Q_EMIT restart();
+}
+
+void Viewer::killExternalPlayer()
+{
+    runAndWait(QStringLiteral("pkill"), {QStringLiteral("-9"), QStringLiteral("omxplayer")});
+}
+
+void Viewer::emitMouseEvent()
+{
+    Q_EMIT mouseEvent();
+}
+
+Webpage *Viewer::startPage(const QString &url, int seconds)
+{
+    PlaylistItem item(url, PlaylistItem::Webpage, seconds, false, QStringList());
+    auto *page = new Webpage(&item, this);
+    page->start();
+    return page;
+}
+
+void Viewer::showUrl(QString url, int seconds)
+{
+    qDebug() << "Displaying webpage:" << QUrl(url).toString();
+    qDebug() << "For" << seconds << "seconds.";
+    displayWebpage(startPage(url, seconds));
+}
+
+void Viewer::showText(const QString &text, int seconds)
+{
+    // The logged path differs from the loaded one; kept as operators know it.
+    qDebug() << "Displaying webpage:"
+             << QUrl::fromLocalFile(QStringLiteral("/usr/local/share/vorsane-sitedeck/text.html"));
+    qDebug() << "For" << seconds << "seconds.";
+    Webpage *page = startPage(QString::fromLatin1(textTemplateUrl), seconds);
+
+    auto *loop = new QEventLoop;
+    connect(page, &QWebView::loadFinished, loop, &QEventLoop::quit);
+    loop->exec();
+    loop->deleteLater();
+
+    QWebElement element = page->page()->mainFrame()->findFirstElement(QStringLiteral("#text"));
+    element.setPlainText(text);
+    displayWebpage(page);
+}
+
+void Viewer::displayWebpage(Webpage *page)
+{
+    addWidget(page);
+    connect(page, &Webpage::end, this, &Viewer::onWidgetTimeout);
+    // A page has no middleclick(), so a middle click on an overlay never quits; kept that way.
+    connectByName(page, "middleclick()", this, "bye()");
+    page->show();
+    setCurrentWidget(page);
+    if (auto *runnable = dynamic_cast<Runnable *>(m_currentWidget.data())) {
+        if (runnable->isActive())
+            runnable->pause();
+    }
+}
+
+void Viewer::bye()
+{
+    if (passwordSet()) {
+        QPointer<ExitPasswordDialog> dialog = new ExitPasswordDialog(nullptr);
+        const QString typed = dialog->run();
+        // The dialog may already have scheduled its own deletion; deleting now drops that event.
+        delete dialog.data();
+        if (typed.isEmpty() || !Utils::validateAdminPassword(typed))
+            return;
+    }
+    if (auto *runnable = dynamic_cast<Runnable *>(m_currentWidget.data()))
+        runnable->stop();
+    saveWindowSettings();
+    Q_EMIT terminate();
+}
+
+void Viewer::loadWindowSettings()
+{
+    QSettings settings;
+    settings.beginGroup(QStringLiteral("Viewer"));
+    resize(settings.value(QStringLiteral("size"), QSize(800, 600)).toSize());
+    move(settings.value(QStringLiteral("pos"), QPoint(200, 200)).toPoint());
+    settings.endGroup();
+}
+
+void Viewer::saveWindowSettings()
+{
+    QSettings settings;
+    settings.beginGroup(QStringLiteral("Viewer"));
+    settings.setValue(QStringLiteral("size"), size());
+    settings.setValue(QStringLiteral("pos"), pos());
+    settings.endGroup();
+}
+
+void Viewer::setShortcuts()
+{
+    auto *quit = new QShortcut(QKeySequence(QStringLiteral("Ctrl+Q")), this);
+    quit->setContext(Qt::ApplicationShortcut);
+    connect(quit, &QShortcut::activated, this, &Viewer::bye);
+    if (!passwordSet()) {
+        auto *escape = new QShortcut(QKeySequence(Qt::Key_Escape), this);
+        escape->setContext(Qt::ApplicationShortcut);
+        connect(escape, &QShortcut::activated, this, &Viewer::bye);
+    }
+}
+
+void Viewer::mousePressEvent(QMouseEvent *event)
+{
+    switch (event->button()) {
+    case Qt::RightButton:
+        if (m_settings->get(QStringLiteral("remote/enabled")).toBool() && displayMode()) {
+            killExternalPlayer();
+            Q_EMIT startInlineRemote();
+        }
+        break;
+    case Qt::MiddleButton:
+        Q_EMIT middleclick();
+        break;
+    case Qt::LeftButton:
+        if (displayMode())
+            Q_EMIT leftclick();
+        break;
+    default:
+        break;
+    }
+}
+
+void Viewer::closeEvent(QCloseEvent *event)
+{
+    bye();
+    event->ignore();
+}

@@ -1,0 +1,88 @@
+#pragma once
+
+#include <QStackedWidget>
+#include <QPointer>
+#include <QTimer>
+
+#include <memory>
+
+class BrowserEventFilter;
+class PlaylistEventFilter;
+class QProcess;
+class Settings;
+class SystemShortcutManager;
+class UsbAuto;
+class Webpage;
+namespace panel {
+class Manager;
+}
+
+// The one top-level window: every piece of content is put on its stack, made current and
+// started, and the content shown before is stopped and taken off.
+class Viewer : public QStackedWidget
+{
+    Q_OBJECT
+
+public:
+    explicit Viewer(QWidget *parent = nullptr);
+    ~Viewer() override;
+
+    QWidget *currentContent() const { return m_currentWidget; }
+    bool sessionTimerActive() const { return m_sessionTimer.isActive(); }
+    bool playlistFilterLocked() const;
+    panel::Manager *panelManager() const { return m_panelManager; }
+
+Q_SIGNALS:
+    void end();
+    void mouseEvent();
+    void terminate();
+    void startInlineRemote();
+    void restart();
+    void readyToShoot();
+    void rightclick();
+    void middleclick();
+    void leftclick();
+
+public Q_SLOTS:
+    bool next(QWidget *w);
+    void pause();
+    void stop();
+    void setTimer();
+    void resetTimer();
+    void onTimerTimeout();
+    void onWidgetTimeout();
+    void on_currentChanged(int index);
+    void takeScreen();
+    void unlockPlaylistEventFilter();
+    void requestRestart();
+    void killExternalPlayer();
+    void emitMouseEvent();
+    void showUrl(QString url, int seconds);
+    void showText(const QString &text, int seconds);
+    void displayWebpage(Webpage *page);
+    void bye();
+    void loadWindowSettings();
+    void saveWindowSettings();
+    void setShortcuts();
+
+protected:
+    void mousePressEvent(QMouseEvent *event) override;
+    void closeEvent(QCloseEvent *event) override;
+
+private:
+    bool passwordSet() const;
+    bool displayMode() const;
+    Webpage *startPage(const QString &url, int seconds);
+
+    Settings *m_settings;
+    QTimer m_sessionTimer;
+    int m_unused = -1;
+    panel::Manager *m_panelManager = nullptr;
+    std::unique_ptr<SystemShortcutManager> m_shortcutManager;
+    UsbAuto *m_usbAuto = nullptr;
+    QProcess *m_pointerHider = nullptr;
+    QPointer<QWidget> m_currentWidget;
+    PlaylistEventFilter *m_playlistFilter;
+    BrowserEventFilter *m_browserFilter;
+    QTimer m_unlockTimer;
+};
