@@ -1,0 +1,82 @@
+#include "document.h"
+
+#include "playlistitem.h"
+
+#include <QDebug>
+#include <QDir>
+#include <QFile>
+#include <QMouseEvent>
+#include <QRegularExpression>
+#include <QTextStream>
+#include <QUrl>
+
+Document::Document(PlaylistItem *item, QWidget *parent)
+    : QWebView(parent)
+    , Runnable(item->duration)
+    , m_location(item->url)
+{
+    setContextMenuPolicy(Qt::PreventContextMenu);
+}
+
+void Document::parseTemplate(QString &html, QString &base)
+{
+    static const QRegularExpression limage(QStringLiteral("<limage([^>]*)>([^<]+)</limage>"));
+    for (QRegularExpressionMatch match = limage.match(html); match.hasMatch();
+         match = limage.match(html)) {
+        const QString name = match.captured(2);
+        const QString attributes = match.captured(1);
+        const QString file = base
+                             + QString::fromLatin1(name.toUtf8().toBase64())
+                                   .replace(QLatin1Char('/'), QLatin1Char('-'));
+        // The attributes end up inside an extra pair of quotes; pages are written for that.
+        html.replace(match.capturedStart(), match.capturedLength(),
+                     QStringLiteral("<img src=\"%1\" \"%2\"/>").arg(file, attributes));
+    }
+}
+
+void Document::mousePressEvent(QMouseEvent *event)
+{
+    if (event->button() == Qt::RightButton)
+        emit rightclick();
+}
+
+bool Document::stopImpl()
+{
+    return true;
+}
+
+bool Document::startImpl()
+{
+    QString base
+        = QLatin1String("file://") + QDir::homePath() + QLatin1String("/.vorsane-kiosk/data/");
+    QFile file(m_location.mid(7));
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) {
+        qWarning() << "Cannot open document" << file.fileName();
+        emit end();
+        return false;
+    }
+    QTextStream stream(&file);
+    stream.setCodec("UTF-8");
+    QString html = stream.readAll();
+    file.close();
+
+    parseTemplate(html, base);
+    setHtml(html, QUrl(base));
+    return true;
+}
+
+bool Document::onTimeoutImpl()
+{
+    emit end();
+    return true;
+}
+
+bool Document::pauseImpl()
+{
+    return true;
+}
+
+bool Document::resumeImpl()
+{
+    return true;
+}

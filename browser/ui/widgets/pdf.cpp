@@ -1,0 +1,121 @@
+#include "pdf.h"
+
+#include "playlistitem.h"
+#include "settings.h"
+
+#include <QDebug>
+#include <QImage>
+#include <QMouseEvent>
+#include <QPalette>
+
+#include <poppler-qt5.h>
+
+#include <memory>
+
+namespace {
+const double renderDpi = 100.0;
+}
+
+PDF::PDF(PlaylistItem *item, QWidget *parent)
+    : QLabel(parent)
+    , Runnable(item->duration)
+    , m_path(item->url.mid(7))
+{
+    m_document = Poppler::Document::load(m_path);
+    if (!m_document || m_document->isLocked()) {
+        qWarning() << "Cannot load PDF" << m_path;
+        delete m_document;
+        m_document = nullptr;
+        // Nobody listens yet; the failure shows again when the first page is asked for.
+        emit end();
+    }
+}
+
+PDF::~PDF()
+{
+    delete m_document;
+}
+
+bool PDF::nextPage()
+{
+    ++m_page;
+    if (m_document)
+        m_document->setRenderHint(Poppler::Document::TextAntialiasing, true);
+
+    std::unique_ptr<Poppler::Page> page(m_document ? m_document->page(m_page) : nullptr);
+    if (!page) {
+        emit end();
+        return false;
+    }
+
+    m_pixmap = QPixmap::fromImage(page->renderToImage(renderDpi, renderDpi));
+
+    const QRect area = parentWidget() ? parentWidget()->rect() : rect();
+    m_areaWidth = area.width();
+    m_areaHeight = area.height();
+    m_pageWidth = m_pixmap.width();
+    m_pageHeight = m_pixmap.height();
+
+    Settings *settings = Settings::load(false, nullptr);
+    QPixmap shown;
+    if (m_pixmap.isNull() || m_areaWidth <= 0 || m_areaHeight <= 0) {
+        shown = m_pixmap;
+    } else if (settings->get(QStringLiteral("slideshow/stretch")).toBool()) {
+        shown = m_pixmap.scaled(area.size(), Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+    } else if (settings->get(QStringLiteral("slideshow/resize")).toBool()) {
+        if (m_pageWidth / m_areaWidth <= m_pageHeight / m_areaHeight)
+            shown = m_pixmap.scaledToHeight(area.height(), Qt::SmoothTransformation);
+        else
+            shown = m_pixmap.scaledToWidth(area.width(), Qt::SmoothTransformation);
+    } else if (m_pageWidth <= m_areaWidth && m_pageHeight <= m_areaHeight) {
+        shown = m_pixmap;
+    }
+    // Otherwise the page stays empty on purpose: oversized pages are not shrunk, the screen
+    // shows black for that page's time.
+
+    setAlignment(Qt::AlignCenter);
+    setPixmap(shown);
+    setBlackBackground();
+    return true;
+}
+
+void PDF::setBlackBackground()
+{
+    QPalette black = palette();
+    black.setBrush(QPalette::All, QPalette::Window, QBrush(Qt::black, Qt::SolidPattern));
+    setPalette(black);
+    setAutoFillBackground(true);
+}
+
+void PDF::mousePressEvent(QMouseEvent *event)
+{
+    if (event->button() == Qt::RightButton)
+        emit rightclick();
+}
+
+bool PDF::stopImpl()
+{
+    return true;
+}
+
+bool PDF::startImpl()
+{
+    return nextPage();
+}
+
+bool PDF::onTimeoutImpl()
+{
+    // Starting again without a stop shows the following page; the timer keeps running.
+    restart(false);
+    return false;
+}
+
+bool PDF::pauseImpl()
+{
+    return true;
+}
+
+bool PDF::resumeImpl()
+{
+    return true;
+}

@@ -1,0 +1,49 @@
+#pragma once
+
+#include "runnable.h"
+
+#include <QLabel>
+#include <QPixmap>
+
+class PlaylistItem;
+class QMouseEvent;
+
+namespace Poppler {
+class Document;
+}
+
+// A PDF file shown one page at a time, each page for the item's duration.
+class PDF : public QLabel, public Runnable
+{
+    Q_OBJECT
+
+public:
+    PDF(PlaylistItem *item, QWidget *parent);
+    ~PDF() override;
+
+    bool nextPage();
+    void setBlackBackground();
+
+Q_SIGNALS:
+    void end();
+    void rightclick();
+
+protected:
+    void mousePressEvent(QMouseEvent *event) override;
+
+    bool stopImpl() override;
+    bool startImpl() override;
+    bool onTimeoutImpl() override;
+    bool pauseImpl() override;
+    bool resumeImpl() override;
+
+private:
+    QString m_path;
+    Poppler::Document *m_document = nullptr;
+    int m_page = -1;
+    QPixmap m_pixmap;
+    float m_areaWidth = 0;
+    float m_areaHeight = 0;
+    float m_pageWidth = 0;
+    float m_pageHeight = 0;
+};

@@ -1,0 +1,109 @@
+#include "video.h"
+
+#include "externalvideoimpl.h"
+#include "playlistitem.h"
+#include "settings.h"
+#include "vlcvideoimpl.h"
+
+#include <QDebug>
+#include <QGuiApplication>
+#include <QMouseEvent>
+#include <QPalette>
+#include <QScreen>
+
+Video::Video(PlaylistItem *item, QWidget *parent)
+    : QWidget(parent)
+    , Runnable(item->duration)
+{
+    Settings *settings = Settings::load(false, nullptr);
+    if (!settings->get(QStringLiteral("slideshow/external_player")).toBool()) {
+        m_impl = std::make_unique<VLCVideoImpl>(this, item);
+        return;
+    }
+
+    const QString cmd = settings->get(QStringLiteral("slideshow/external_player_cmd")).toString();
+    QStringList command;
+    if (cmd.isEmpty()) {
+        command = defaultPlayerCommand();
+    } else {
+        qDebug() << "Using external command:" << cmd;
+        command = cmd.split(QLatin1Char(' '));
+    }
+    m_impl = std::make_unique<ExternalVideoImpl>(this, command, item);
+}
+
+Video::~Video() = default;
+
+QStringList Video::defaultPlayerCommand() const
+{
+    Settings *settings = Settings::load(false, nullptr);
+    QStringList command{QStringLiteral("omxplayer")};
+    if (settings->get(QStringLiteral("slideshow/mute")).toBool())
+        command << QStringLiteral("--vol") << QStringLiteral("-10000");
+
+    const bool fullscreen = settings->get(QStringLiteral("main/fullscreen")).toBool();
+    if (fullscreen && settings->get(QStringLiteral("slideshow/stretch")).toBool()) {
+        const QScreen *screen = QGuiApplication::primaryScreen();
+        const QRect geometry = screen ? screen->geometry() : QRect();
+        command << QStringLiteral("--win")
+                << QStringLiteral("0 0 %1 %2").arg(geometry.width()).arg(geometry.height());
+    } else if (fullscreen) {
+        command << QStringLiteral("-b");
+    } else if (settings->get(QStringLiteral("main/fixedscreen")).toBool()) {
+        command << QStringLiteral("--win")
+                << QStringLiteral("0 0 %1 %2")
+                       .arg(settings->get(QStringLiteral("main/largeur_edit")).toInt())
+                       .arg(settings->get(QStringLiteral("main/hauteur_edit")).toInt());
+    } else {
+        const QRect area = rect();
+        command << QStringLiteral("--win")
+                << QStringLiteral("%1 %2 %3 %4")
+                       .arg(area.left())
+                       .arg(area.top())
+                       .arg(area.right() + 1)
+                       .arg(area.bottom() + 1);
+    }
+    command << QStringLiteral("%f");
+    return command;
+}
+
+void Video::setBlackBackground()
+{
+    QPalette black = palette();
+    black.setBrush(QPalette::All, QPalette::Window, QBrush(Qt::black, Qt::SolidPattern));
+    setPalette(black);
+    setAutoFillBackground(true);
+}
+
+void Video::mousePressEvent(QMouseEvent *event)
+{
+    if (event->button() == Qt::RightButton)
+        emit rightclick();
+}
+
+bool Video::stopImpl()
+{
+    return m_impl->stop();
+}
+
+bool Video::startImpl()
+{
+    return m_impl->start();
+}
+
+bool Video::onTimeoutImpl()
+{
+    return m_impl->onTimeout();
+}
+
+bool Video::pauseImpl()
+{
+    m_impl->pause();
+    return true;
+}
+
+bool Video::resumeImpl()
+{
+    m_impl->resume();
+    return true;
+}

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "runnable.h"
+
+#include <QStringList>
+#include <QWidget>
+
+#include <memory>
+
+class PlaylistItem;
+class QMouseEvent;
+class VideoImpl;
+
+// One video file or stream. The widget is only a black surface; the playing is done by the
+// player chosen for the item: libVLC inside the process, or an external command-line player.
+class Video : public QWidget, public Runnable
+{
+    Q_OBJECT
+
+public:
+    Video(PlaylistItem *item, QWidget *parent);
+    ~Video() override;
+
+    VideoImpl *impl() const { return m_impl.get(); }
+    void setBlackBackground();
+
+Q_SIGNALS:
+    void end();
+    void rightclick();
+
+protected:
+    void mousePressEvent(QMouseEvent *event) override;
+
+    bool stopImpl() override;
+    bool startImpl() override;
+    bool onTimeoutImpl() override;
+    bool pauseImpl() override;
+    bool resumeImpl() override;
+
+private:
+    QStringList defaultPlayerCommand() const;
+
+    std::unique_ptr<VideoImpl> m_impl;
+};

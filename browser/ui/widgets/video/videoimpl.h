@@ -1,0 +1,14 @@
+#pragma once
+
+// A player behind the Video widget. Each operation answers the matching Runnable hook.
+class VideoImpl
+{
+public:
+    virtual ~VideoImpl() = default;
+
+    virtual void pause() = 0;
+    virtual void resume() = 0;
+    virtual bool onTimeout() = 0;
+    virtual bool start() = 0;
+    virtual bool stop() = 0;
+};

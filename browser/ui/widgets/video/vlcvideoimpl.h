@@ -1,0 +1,55 @@
+#pragma once
+
+#include "videoimpl.h"
+
+#include <QString>
+#include <QTimer>
+#include <QUrl>
+
+#include <atomic>
+
+class PlaylistItem;
+class Video;
+struct libvlc_event_t;
+struct libvlc_instance_t;
+struct libvlc_media_player_t;
+struct libvlc_media_t;
+
+// Plays the item inside the process through libVLC.
+class VLCVideoImpl : public VideoImpl
+{
+public:
+    VLCVideoImpl(Video *video, PlaylistItem *item);
+    ~VLCVideoImpl() override;
+
+    void pause() override;
+    void resume() override;
+    bool onTimeout() override;
+    bool start() override;
+    bool stop() override;
+
+    bool isPlaying() const;
+    // The address libVLC is given for an item location.
+    static QUrl mediaAddress(const QString &location);
+
+private:
+    // Called on libVLC's event thread.
+    static void onMediaEndReached(const libvlc_event_t *event, void *data);
+    static void onMediaError(const libvlc_event_t *event, void *data);
+
+    void postPlaybackOver(bool failed);
+    void onPlaybackOver(quint64 generation, bool failed);
+    void onOpeningTimeout();
+    void releaseMedia();
+
+    Video *m_video;
+    QString m_location;
+    libvlc_instance_t *m_instance = nullptr;
+    libvlc_media_player_t *m_player = nullptr;
+    libvlc_media_t *m_media = nullptr;
+
+    // Counts starts and stops, so that an event of an earlier playback is recognised as stale.
+    std::atomic<quint64> m_generation{0};
+    bool m_playing = false;
+    QTimer m_openingTimer;
+};
