@@ -1,13 +1,16 @@
 #include "commandlineparser.h"
+#include "dispatcher.h"
 #include "logger.h"
 #include "proxyfactory.h"
 #include "signalrelay.h"
 #include "utils.h"
+#include "viewer.h"
 
 #include <QApplication>
 #include <QDir>
 #include <QIcon>
 #include <QLocale>
+#include <QProcess>
 #include <QTranslator>
 
 int main(int argc, char *argv[])
@@ -40,7 +43,22 @@ int main(int argc, char *argv[])
     QIcon::setThemeName(Utils::getIconTheme());
     QNetworkProxyFactory::setApplicationProxyFactory(new ProxyFactory(&parser));
 
-    // The main window and the slideshow controller take over from here once they exist.
+    Viewer viewer;
+
+    QProcess displayPower;
+    displayPower.start(
+        QStringLiteral("xset"),
+        {QStringLiteral("dpms"), QStringLiteral("0"), QStringLiteral("0"), QStringLiteral("0")},
+        QIODevice::ReadWrite);
+
+    Dispatcher dispatcher(&viewer, &parser);
+    if (!dispatcher.isReady())
+        return 1;
+
+    int code = 0;
+    if (dispatcher.next())
+        code = QApplication::exec();
+
     Logger::shutdown();
-    return 0;
+    return code;
 }

@@ -163,6 +163,7 @@ void LogCapture::clear()
 
 bool makeImage(const QString &path, const QSize &size, const QColor &color, const char *format)
 {
+    QDir().mkpath(QFileInfo(path).absolutePath());
     QImage image(size, QImage::Format_RGB32);
     image.fill(color);
     return image.save(path, format);

@@ -1,0 +1,677 @@
+#include "dispatcher.h"
+
+#include "cleanser.h"
+#include "commandlineparser.h"
+#include "document.h"
+#include "downloader.h"
+#include "externalbrowser.h"
+#include "gif.h"
+#include "idle.h"
+#include "image.h"
+#include "logger.h"
+#include "maintenance.h"
+#include "pdf.h"
+#include "playlistparser.h"
+#include "remote.h"
+#include "runnable.h"
+#include "settings.h"
+#include "video.h"
+#include "viewer.h"
+#include "webpage.h"
+
+#include <QApplication>
+#include <QDebug>
+#include <QDir>
+#include <QEventLoop>
+#include <QFile>
+#include <QGuiApplication>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QPixmap>
+#include <QRegularExpression>
+#include <QScreen>
+
+namespace {
+const int processWaitMs = 30000;
+const char screenshotPath[] = "/tmp/screen.png";
+const char nothingToDisplayUrl[] = "file://:/image/nothing_to_display.png";
+const char lastEditFormat[] = "yyyy;MM;dd;hh;mm;ss;";
+
+void runAndWait(const QString &program, const QStringList &arguments, QByteArray *output = nullptr)
+{
+    QProcess process;
+    process.start(program, arguments);
+    process.waitForFinished(processWaitMs);
+    if (output)
+        *output = process.readAllStandardOutput();
+}
+
+bool skippedByExtension(const QString &url)
+{
+    static const char *const extensions[]
+        = {".docx", ".ppt", ".doc", ".pptx", ".psd", ".db", ".ods", ".tmp", ".swf", ".cfg", ".sh"};
+    for (const char *extension : extensions) {
+        if (url.contains(QLatin1String(extension)))
+            return true;
+    }
+    return false;
+}
+} // namespace
+
+Dispatcher::Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject *parent)
+    : QObject(parent)
+    , m_settings(Settings::load(false, parser))
+    , m_commandLine(parser)
+    , m_viewer(viewer)
+{
+    m_ready = true;
+    m_reference = QDateTime::currentDateTime();
+
+    m_remote = new Remote(this);
+    m_cleanser = new Cleanser(m_settings, this);
+    connect(m_remote, &Remote::restart, this, &Dispatcher::startSlideshow);
+    connect(m_remote, &Remote::next, this, &Dispatcher::next);
+    connect(m_remote, QOverload<int, int>::of(&Remote::goTo), this,
+            QOverload<int, int>::of(&Dispatcher::goTo));
+    connect(m_remote, QOverload<QString>::of(&Remote::goTo), this,
+            QOverload<QString>::of(&Dispatcher::goTo));
+    connect(m_remote, &Remote::pause, m_viewer, &Viewer::pause);
+    connect(m_remote, &Remote::screenshot, this, &Dispatcher::shootScreen);
+    connect(m_remote, &Remote::text, m_viewer, &Viewer::showText);
+    connect(m_remote, &Remote::readUrl, m_viewer, &Viewer::showUrl);
+
+    m_mode = m_settings->get(QStringLiteral("main/mode")).toString();
+
+    connect(m_viewer, &Viewer::restart, this, &Dispatcher::startSlideshow);
+    connect(m_viewer, &Viewer::end, this, &Dispatcher::next);
+    connect(m_viewer, &Viewer::mouseEvent, this, &Dispatcher::onMouseEvent);
+    connect(m_viewer, &Viewer::leftclick, this, &Dispatcher::onLeftClick);
+    connect(m_viewer, &Viewer::terminate, this, &Dispatcher::finalize);
+    connect(m_viewer, &Viewer::startInlineRemote, this, &Dispatcher::startInlineRemote);
+    connect(m_viewer, &Viewer::readyToShoot, this, &Dispatcher::shootScreen, Qt::QueuedConnection);
+    endIdle();
+    connect(m_viewer, &Viewer::terminate, this, &Dispatcher::endIdle);
+
+    if (m_settings->get(QStringLiteral("main/fullscreen")).toBool()) {
+        const QRect screen = QGuiApplication::primaryScreen()
+                                 ? QGuiApplication::primaryScreen()->geometry()
+                                 : QRect(0, 0, 800, 600);
+        m_viewer->setFixedSize(screen.right() - screen.left() + 1,
+                               screen.bottom() - screen.top() + 1);
+    }
+    if (m_settings->get(QStringLiteral("main/no_screensaver")).toBool()) {
+        runAndWait(QStringLiteral("pkill"), {QStringLiteral("-9"), QStringLiteral("xscreensaver")});
+        disableScreensaver();
+    }
+    if (QFile::exists(QString::fromLatin1(screenshotPath)))
+        QFile::remove(QString::fromLatin1(screenshotPath));
+
+    m_retryTimer.setSingleShot(true);
+    connect(&m_retryTimer, &QTimer::timeout, this, &Dispatcher::startSlideshow);
+}
+
+Dispatcher::~Dispatcher()
+{
+    // Content widgets belong to the viewer's stack; only the pending one is still ours.
+    delete m_nextWidget;
+}
+
+bool Dispatcher::serverMode() const
+{
+    const QString mode
+        = m_settings->get(QStringLiteral("slideshow/playlist_update_mode")).toString();
+    return mode == QLatin1String("serverVorsaneTV")
+           || mode == QLatin1String("serverVorsaneTVPrivate");
+}
+
+bool Dispatcher::next()
+{
+    switch (m_state) {
+    case 0:
+        return startup();
+    case 1:
+        disconnect(m_viewer, &Viewer::mouseEvent, this, &Dispatcher::onMouseEvent);
+        execHook(QStringLiteral("session-stop"));
+        afterBrowser();
+        return true;
+    case 2:
+        if (m_settings->get(QStringLiteral("main/after_web_session")).toString()
+            != QLatin1String("session")) {
+            QTimer::singleShot(1000, this, &Dispatcher::onReconnectMouseEventTimeout);
+            startSlideshow();
+        } else {
+            Logger::logInfo("STARTING: web session");
+            startBrowser(QUrl());
+        }
+        return true;
+    default:
+        showLoopNext();
+        return true;
+    }
+}
+
+bool Dispatcher::startup()
+{
+    if (serverMode()) {
+        connect(&m_playlistTimer, &QTimer::timeout, this, &Dispatcher::onPlTimeout,
+                Qt::UniqueConnection);
+        m_playlistTimer.start(
+            60000 * m_settings->get(QStringLiteral("slideshow/refresh_after_minutes")).toInt());
+    }
+    if (m_mode == QLatin1String("kiosk")
+        && m_settings->get(QStringLiteral("main/start_with_session")).toBool())
+        return startBrowser(QUrl());
+    startSlideshow();
+    return true;
+}
+
+void Dispatcher::startSlideshow()
+{
+    // A restart asked for while the set-up waits on downloads runs once that set-up is over.
+    if (m_settingUp) {
+        m_retryTimer.start(0);
+        return;
+    }
+    m_settingUp = true;
+    m_retryTimer.stop();
+    m_cleanser->check();
+    if (m_settings->get(QStringLiteral("remote/enabled")).toBool())
+        startRemote();
+    m_settings = Settings::load(true, m_commandLine);
+    m_reference = QDateTime::currentDateTime();
+
+    const QString updateMode
+        = m_settings->get(QStringLiteral("slideshow/playlist_update_mode")).toString();
+    QUrl url;
+    if (updateMode == QLatin1String("localPlaylist")) {
+        url = QUrl(QStringLiteral("file://%1").arg(m_settings->playlistFilename()));
+    } else {
+        QString pages = m_settings->get(QStringLiteral("slideshow/pages")).toString();
+        if (pages.isEmpty())
+            pages = m_settings->get(QStringLiteral("slideshow/url")).toString();
+        url = QUrl(pages);
+    }
+    bool ok = false;
+    int defaultDuration = m_settings->get(QStringLiteral("slideshow/default_time")).toInt(&ok);
+    if (!ok)
+        defaultDuration = 5;
+
+    m_parser.reset(PlaylistParser::get(defaultDuration, url, m_viewer));
+    m_forcedLoop.reset();
+    if (serverMode())
+        updateRevalidateFlag();
+
+    const bool allDownloaded = downloadLoops();
+    m_settingUp = false;
+    if (allDownloaded)
+        m_failedSetUps = 0;
+    else
+        afterFailedSetUp();
+
+    qDebug() << "NB LOOPS : " << m_parser->getLoops().size();
+    m_position = -1;
+    showLoopNext();
+}
+
+void Dispatcher::updateRevalidateFlag()
+{
+    m_lastEdit = getLastEdit();
+    m_timestampFile.setFileName(QString::fromLocal8Bit(qgetenv("HOME"))
+                                + QLatin1String("/.vorsane-kiosk/playlist_last_timestamp.txt"));
+    if (!m_timestampFile.open(QIODevice::ReadWrite))
+        return;
+    const QString stamp = m_lastEdit.toString();
+    if (QString::fromUtf8(m_timestampFile.readAll()) == stamp) {
+        m_revalidate = false;
+    } else {
+        m_timestampFile.resize(0);
+        m_timestampFile.write(stamp.toUtf8());
+        m_revalidate = true;
+    }
+    m_timestampFile.close();
+}
+
+bool Dispatcher::downloadLoops()
+{
+    bool allDone = true;
+    const QList<PlaylistLoopPtr> loops = m_parser->getLoops();
+    for (const PlaylistLoopPtr &loop : loops) {
+        if (loop->active)
+            allDone = downloadLoop(loop) && allDone;
+    }
+    return allDone;
+}
+
+bool Dispatcher::downloadLoop(const PlaylistLoopPtr &loop)
+{
+    auto *downloader = new Downloader(loop, m_revalidate);
+    QEventLoop wait;
+    bool finished = false;
+    bool done = false;
+    connect(downloader, &Downloader::downloadDone, &wait, [&] {
+        finished = done = true;
+        wait.quit();
+    });
+    connect(downloader, &Downloader::downloadNotDone, &wait, [&] {
+        finished = true;
+        wait.quit();
+    });
+    downloader->start();
+    // A walk with nothing to fetch ends before the wait would begin.
+    if (!finished)
+        wait.exec();
+    qDebug() << (done ? "Loop downloaded" : "Loop not downloaded");
+    return done;
+}
+
+void Dispatcher::afterFailedSetUp()
+{
+    // Restart the set-up as soon as this one is over; when it keeps failing, wait longer each
+    // time while the cached show goes on, instead of spinning on a server that keeps failing.
+    const int delay = m_failedSetUps == 0
+                          ? 0
+                          : qMin(MaxRetryDelayMs, FirstRetryDelayMs << qMin(m_failedSetUps - 1, 8));
+    ++m_failedSetUps;
+    if (delay > 0)
+        qDebug() << "Download failed again; next attempt in" << delay / 1000 << "s.";
+    m_retryTimer.start(delay);
+}
+
+bool Dispatcher::cachedAddressesOnly(const PlaylistLoopPtr &loop)
+{
+    for (const PlaylistItemPtr &item : qAsConst(loop->items)) {
+        if (item->url.startsWith(QLatin1String("http://"))
+            || item->url.startsWith(QLatin1String("https://")) || item->url.startsWith('/')) {
+            if (item->type != PlaylistItem::Webpage)
+                return false;
+        }
+    }
+    return true;
+}
+
+int Dispatcher::positionOf(int key) const
+{
+    return key >= 0 && key < m_positions.size() ? m_positions.at(key) : -1;
+}
+
+void Dispatcher::setPosition(int key, int position)
+{
+    if (key < 0)
+        return;
+    while (m_positions.size() <= key)
+        m_positions.append(-1);
+    m_positions[key] = position;
+}
+
+int Dispatcher::loopKey(const PlaylistLoopPtr &loop) const
+{
+    if (m_settings->get(QStringLiteral("slideshow/playlist_update_mode")).toString()
+        == QLatin1String("localPlaylist"))
+        return 0;
+    return loop->id.toInt();
+}
+
+void Dispatcher::showLoopNext()
+{
+    m_state = 3;
+    // While a new playlist is being cached the current item stays on screen; the set-up
+    // continues the show when it is done.
+    if (!m_parser || m_settingUp)
+        return;
+
+    // Items that are passed over are skipped here in a loop rather than by recursion; a loop
+    // with nothing showable shows the "nothing to display" picture instead of spinning.
+    const int maxAttempts = 2 * (m_parser->getLoops().size() + 1);
+    int attempts = 0;
+    QWidget *widget = nullptr;
+    PlaylistItemPtr item;
+    while (!widget) {
+        if (m_forcedLoop) {
+            m_currentLoop = m_forcedLoop;
+            m_loopKey = loopKey(m_currentLoop);
+            const int position
+                = (m_forcedHasOwnPosition ? m_forcedPosition : positionOf(m_loopKey)) + 1;
+            if (position < m_currentLoop->items.size()) {
+                if (m_forcedHasOwnPosition)
+                    m_forcedPosition = position;
+                else
+                    setPosition(m_loopKey, position);
+                m_position = position;
+            } else {
+                m_forcedLoop.reset();
+                continue;
+            }
+        } else {
+            m_currentLoop = m_parser->selectLoop(m_reference);
+            if (!m_currentLoop) {
+                widget = nothingToDisplay();
+                break;
+            }
+            m_loopKey = loopKey(m_currentLoop);
+            int position = positionOf(m_loopKey) + 1;
+            setPosition(m_loopKey, position);
+            m_position = position;
+            if (position >= m_currentLoop->items.size()) {
+                m_parser->refresh();
+                m_reference = QDateTime::currentDateTime();
+                m_currentLoop = m_parser->selectLoop(m_reference);
+                if (!m_currentLoop || m_currentLoop->items.isEmpty()) {
+                    widget = nothingToDisplay();
+                    break;
+                }
+                // A rebuilt loop lists its remote items by their addresses again: cache them.
+                if (m_currentLoop->active && !cachedAddressesOnly(m_currentLoop)) {
+                    m_settingUp = true;
+                    downloadLoop(m_currentLoop);
+                    m_settingUp = false;
+                }
+                m_loopKey = loopKey(m_currentLoop);
+                position = 0;
+                setPosition(m_loopKey, position);
+                m_position = position;
+                if (++attempts > maxAttempts) {
+                    widget = nothingToDisplay();
+                    break;
+                }
+            }
+        }
+        item = m_currentLoop->items.at(m_position);
+        widget = widgetFor(item);
+    }
+
+    if (m_shownWidget && qobject_cast<Idle *>(m_shownWidget)
+        && (!item || item->type != PlaylistItem::Idle)) {
+        qDebug() << "Stopping idle";
+        endIdle();
+    }
+    m_nextWidget = widget;
+    view_next();
+}
+
+QWidget *Dispatcher::nothingToDisplay()
+{
+    qDebug() << "Nothing to display.";
+    PlaylistItem placeholder(QString::fromLatin1(nothingToDisplayUrl), PlaylistItem::Image, 10,
+                             false, QStringList());
+    return new Image(&placeholder, m_viewer);
+}
+
+QWidget *Dispatcher::widgetFor(const PlaylistItemPtr &item)
+{
+    if (item->type == PlaylistItem::Maintenance) {
+        qDebug() << "Replace maintenance file";
+        qDebug() << "Start maintenance.";
+        auto *maintenance = new Maintenance(this);
+        // Only a script that succeeded is recorded and followed by the reboot.
+        connect(maintenance, &Maintenance::scriptFinished, maintenance, [maintenance](int code) {
+            if (code == 0)
+                maintenance->reboot();
+            else
+                qDebug() << "Maintenance script failed with code" << code;
+            maintenance->deleteLater();
+        });
+        maintenance->startMaintenance(item->url);
+        return nothingToDisplay();
+    }
+
+    if (item->url.contains(QLatin1String("Screen OFF"))) {
+        QDateTime from = m_currentLoop->getFromIdle(item->url);
+        QDateTime to = m_currentLoop->getToIdle(item->url);
+        if (to.isValid() && from.isValid() && to < from) {
+            to = to.addDays(1);
+            qDebug() << "Wake up : tomorrow";
+        } else {
+            qDebug() << "Wake up : today";
+        }
+        auto *idle = new Idle(item.get(), m_viewer);
+        // The screen stays off until the wake-up time, then the show goes on.
+        const qint64 seconds = QDateTime::currentDateTime().secsTo(to);
+        idle->setTimeout(seconds > 0 ? int(qMin<qint64>(seconds, 24 * 3600)) : 1);
+        return idle;
+    }
+
+    if (skippedByExtension(item->url) || item->href)
+        return nullptr;
+
+    switch (item->type) {
+    case PlaylistItem::Video:
+        return new Video(item.get(), m_viewer);
+    case PlaylistItem::Gif:
+        return new Gif(item.get(), m_viewer);
+    case PlaylistItem::Image:
+        return new Image(item.get(), m_viewer);
+    case PlaylistItem::PDF:
+        return new PDF(item.get(), m_viewer);
+    case PlaylistItem::Webpage:
+        if (m_settings->get(QStringLiteral("slideshow/external_browser")).toBool())
+            return new ExternalBrowser(item.get(), m_viewer);
+        return new Webpage(item.get(), m_viewer);
+    case PlaylistItem::Document:
+        return new Document(item.get(), m_viewer);
+    case PlaylistItem::Idle:
+        return new Idle(item.get(), m_viewer);
+    default:
+        return nullptr;
+    }
+}
+
+bool Dispatcher::view_next()
+{
+    if (m_shownWidget) {
+        qDebug() << "DELETE CALLED";
+        m_shownWidget->deleteLater();
+        m_shownWidget = nullptr;
+    }
+    if (!m_nextWidget)
+        return false;
+    QWidget *widget = m_nextWidget;
+    m_nextWidget = nullptr;
+    m_shownWidget = widget;
+    const bool started = m_viewer->next(widget);
+    if (!started) {
+        // The item could not start (unreadable file, ...): give it a moment, then move on.
+        qDebug() << "Item could not start; moving on.";
+        QTimer::singleShot(1000, this, &Dispatcher::next);
+    }
+    return started;
+}
+
+void Dispatcher::goTo(int item, int loop)
+{
+    if (!m_parser)
+        return;
+    const QList<PlaylistLoopPtr> loops = m_parser->getLoops();
+    if (loop < 0 || loop >= loops.size()) {
+        qDebug() << "Go to: no loop" << loop;
+        return;
+    }
+    m_forcedLoop = loops.at(loop);
+    m_forcedHasOwnPosition = false;
+    setPosition(loopKey(m_forcedLoop), item - 1);
+    showLoopNext();
+}
+
+void Dispatcher::goTo(QString path)
+{
+    QString text = QStringLiteral("#Vorsane playlist\nfile:/") + path + QStringLiteral(" 1\n");
+    m_forcedLoop = std::make_shared<PlaylistLoop>(1, text, QString());
+    m_forcedHasOwnPosition = true;
+    m_forcedPosition = -1;
+    showLoopNext();
+}
+
+void Dispatcher::onLeftClick()
+{
+    switch (m_state) {
+    case 0:
+        startup();
+        break;
+    case 1:
+    case 2:
+        next();
+        break;
+    default:
+        showLoopNext();
+        break;
+    }
+}
+
+void Dispatcher::onMouseEvent()
+{
+    if (m_mode != QLatin1String("kiosk"))
+        return;
+    if (auto *runnable = dynamic_cast<Runnable *>(m_shownWidget))
+        runnable->stop();
+    m_position = -1;
+    startBrowser(QUrl());
+}
+
+bool Dispatcher::startBrowser(QUrl url)
+{
+    Q_UNUSED(url)
+    // Web sessions come with the kiosk browser; until then kiosk mode plays the slideshow.
+    qDebug() << "Web session not available in this build; showing the slideshow.";
+    Logger::logWarning("Web session not available; showing the slideshow.");
+    startSlideshow();
+    return true;
+}
+
+void Dispatcher::afterBrowser()
+{
+    m_state = 2;
+    next();
+}
+
+void Dispatcher::execHook(const QString &name)
+{
+    QProcess hook;
+    hook.start(m_settings->hookDirname() + QStringLiteral("/%1").arg(name), QStringList());
+    hook.waitForFinished(processWaitMs);
+}
+
+void Dispatcher::shootScreen()
+{
+    if (!m_viewer->currentContent())
+        return;
+    QPixmap picture;
+    if (QScreen *screen = QGuiApplication::primaryScreen())
+        picture = screen->grabWindow(m_viewer->currentContent()->window()->winId());
+    // Platforms without a real screen cannot grab a window; render the widgets instead.
+    if (picture.isNull() || picture.width() <= 1)
+        picture = m_viewer->grab();
+    picture.save(QString::fromLatin1(screenshotPath), "PNG");
+}
+
+void Dispatcher::finalize()
+{
+    if (m_shownWidget)
+        m_shownWidget->close();
+    QCoreApplication::quit();
+}
+
+void Dispatcher::endIdle()
+{
+    QByteArray status;
+    runAndWait(QStringLiteral("/opt/vc/bin/tvservice"), {QStringLiteral("--status")}, &status);
+    if (!status.contains("[TV is off]"))
+        return;
+    qDebug() << "Display was off; switching it back on.";
+    runAndWait(QStringLiteral("sudo"),
+               {QStringLiteral("/opt/vc/bin/tvservice"), QStringLiteral("-p")});
+    // Switching consoles makes X repaint the freshly powered display.
+    runAndWait(QStringLiteral("sudo"), {QStringLiteral("chvt"), QStringLiteral("6")});
+    runAndWait(QStringLiteral("sudo"), {QStringLiteral("chvt"), QStringLiteral("7")});
+}
+
+void Dispatcher::startRemote()
+{
+    QByteArray running;
+    runAndWait(QStringLiteral("pgrep"), {QStringLiteral("-f"), QStringLiteral("vorsane-remote")},
+               &running);
+    if (!running.trimmed().isEmpty())
+        return;
+    const QString port = m_settings->get(QStringLiteral("remote/port")).toString();
+    if (!QProcess::startDetached(QStringLiteral("vorsane-remote"),
+                                 {QStringLiteral("--port"), port}))
+        qDebug() << "Remote server could not be started: vorsane-remote is missing.";
+}
+
+void Dispatcher::startInlineRemote()
+{
+    const QString address = m_settings->get(QStringLiteral("remote/local_url")).toString()
+                            + QStringLiteral("?k=")
+                            + m_settings->get(QStringLiteral("remote/key")).toString();
+    m_viewer->showUrl(address,
+                      m_settings->get(QStringLiteral("main/stop_session_after_seconds")).toInt());
+}
+
+QDateTime Dispatcher::getLastEdit()
+{
+    QString pages = m_settings->get(QStringLiteral("slideshow/pages")).toString();
+    if (pages.isEmpty())
+        pages = m_settings->get(QStringLiteral("slideshow/url")).toString();
+    const QUrl pagesUrl(pages);
+    const QRegularExpressionMatch match
+        = QRegularExpression(QStringLiteral(".*/p(/[\\w-]+)/.*")).match(pages);
+    if (!match.hasMatch() || !pagesUrl.isValid())
+        return QDateTime();
+    const bool isPrivate
+        = m_settings->get(QStringLiteral("slideshow/playlist_update_mode")).toString()
+          == QLatin1String("serverVorsaneTVPrivate");
+    QUrl request(pagesUrl);
+    request.setPath(QStringLiteral("/webapp/db/")
+                    + (isPrivate ? QStringLiteral("lastEdit") : QStringLiteral("getEdit"))
+                    + match.captured(1) + QStringLiteral("/playlist/"));
+    request.setQuery(QString());
+
+    QNetworkAccessManager manager;
+    QNetworkReply *reply = manager.get(QNetworkRequest(request));
+    QEventLoop wait;
+    connect(reply, &QNetworkReply::finished, &wait, &QEventLoop::quit);
+    QTimer::singleShot(LastEditTimeoutMs, &wait, &QEventLoop::quit);
+    wait.exec();
+    QDateTime edit;
+    if (reply->isFinished() && reply->error() == QNetworkReply::NoError)
+        edit = QDateTime::fromString(QString::fromUtf8(reply->readAll()).trimmed(),
+                                     QString::fromLatin1(lastEditFormat));
+    else
+        reply->abort();
+    reply->deleteLater();
+    return edit;
+}
+
+void Dispatcher::onPlTimeout()
+{
+    if (!serverMode())
+        return;
+    const QDateTime edit = getLastEdit();
+    if (!edit.isValid() || edit == m_lastEdit)
+        return;
+    qDebug() << "Content server changed; restarting the show.";
+    startSlideshow();
+}
+
+void Dispatcher::onReconnectMouseEventTimeout()
+{
+    connect(m_viewer, &Viewer::mouseEvent, this, &Dispatcher::onMouseEvent, Qt::UniqueConnection);
+}
+
+void Dispatcher::onScreensaverTimeout()
+{
+    runAndWait(QStringLiteral("xscreensaver-command"), {QStringLiteral("-deactivate")});
+}
+
+void Dispatcher::startNoScreensaver(int exitCode, QProcess::ExitStatus status)
+{
+    Q_UNUSED(status)
+    if (exitCode != 0)
+        return;
+    disableScreensaver();
+}
+
+void Dispatcher::disableScreensaver()
+{
+    connect(&m_screensaverTimer, &QTimer::timeout, this, &Dispatcher::onScreensaverTimeout,
+            Qt::UniqueConnection);
+    m_screensaverTimer.start(30000);
+}
