@@ -28,6 +28,7 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QPixmap>
+#include <QPointer>
 #include <QRegularExpression>
 #include <QScreen>
 
@@ -83,7 +84,9 @@ Dispatcher::Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject 
     m_mode = m_settings->get(QStringLiteral("main/mode")).toString();
 
     connect(m_viewer, &Viewer::restart, this, &Dispatcher::startSlideshow);
-    connect(m_viewer, &Viewer::end, this, &Dispatcher::next);
+    // Queued: content that fails while starting ends at once, and advancing from inside its
+    // start would nest one call per broken item.
+    connect(m_viewer, &Viewer::end, this, &Dispatcher::next, Qt::QueuedConnection);
     connect(m_viewer, &Viewer::mouseEvent, this, &Dispatcher::onMouseEvent);
     connect(m_viewer, &Viewer::leftclick, this, &Dispatcher::onLeftClick);
     connect(m_viewer, &Viewer::terminate, this, &Dispatcher::finalize);
@@ -326,6 +329,12 @@ void Dispatcher::showLoopNext()
     QWidget *widget = nullptr;
     PlaylistItemPtr item;
     while (!widget) {
+        // A whole pass in which nothing could start: rest on the placeholder before trying again.
+        if (m_currentLoop && m_failedStarts > m_currentLoop->items.size()) {
+            m_failedStarts = 0;
+            widget = nothingToDisplay();
+            break;
+        }
         if (m_forcedLoop) {
             m_currentLoop = m_forcedLoop;
             m_loopKey = loopKey(m_currentLoop);
@@ -468,12 +477,20 @@ bool Dispatcher::view_next()
     m_nextWidget = nullptr;
     m_shownWidget = widget;
     const bool started = m_viewer->next(widget);
-    if (!started) {
-        // The item could not start (unreadable file, ...): give it a moment, then move on.
-        qDebug() << "Item could not start; moving on.";
-        QTimer::singleShot(1000, this, &Dispatcher::next);
+    if (started) {
+        m_failedStarts = 0;
+        return true;
     }
-    return started;
+    // The item could not start (unreadable file, ...). Most content says so with end(), which
+    // advances the show; for content that stays silent, move on after a moment.
+    qDebug() << "Item could not start; moving on.";
+    ++m_failedStarts;
+    QPointer<QWidget> failed(widget);
+    QTimer::singleShot(1000, this, [this, failed] {
+        if (failed && m_shownWidget == failed)
+            next();
+    });
+    return false;
 }
 
 void Dispatcher::goTo(int item, int loop)

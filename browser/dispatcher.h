@@ -108,5 +108,6 @@ private:
     int m_forcedPosition = -1;
     QTimer m_retryTimer;
     int m_failedSetUps = 0;
+    int m_failedStarts = 0;
     bool m_settingUp = false;
 };
