@@ -17,7 +17,7 @@ fi
 state="$HOME/.vorsane-kiosk"
 mkdir -p "$state"
 playlist="$state/demo-playlist"
-printf '#Vorsane playlist\nfile://%s 5\n' "$(pwd)/demo/pictures" > "$playlist"
+sed "s|@DEMO_DIR@|$(pwd)/demo|" demo/playlist.in > "$playlist"
 args=(--basepath "$(pwd)/demo" --preference "$state/demo-preferences" --playlist "$playlist"
       --cookie "$state/demo-cookies.sqlite")
 if [ -n "${DISPLAY:-}" ]; then
