@@ -53,7 +53,6 @@ private:
     QTemporaryDir m_settingsDir;
     std::unique_ptr<TempHome> m_home;
     std::unique_ptr<CommandLineParser> m_parser;
-    QByteArray m_base;
     QString m_cache;
     Settings *m_settings = nullptr;
 };
@@ -61,11 +60,7 @@ private:
 void TestCleanser::initTestCase()
 {
     m_fakes.add("launchdock");
-    m_base = m_settingsDir.path().toUtf8();
-    static char program[] = "vorsane-kiosk";
-    static char option[] = "--basepath";
-    char *argv[] = {program, option, m_base.data(), nullptr};
-    m_parser = std::make_unique<CommandLineParser>(3, argv);
+    m_parser = makeParser(m_settingsDir.path());
     m_settings = Settings::load(true, m_parser.get());
 }
 

@@ -116,7 +116,6 @@ private:
 
     FakePrograms m_fakes;
     QTemporaryDir m_settingsDir;
-    QByteArray m_base;
     std::unique_ptr<CommandLineParser> m_parser;
     std::unique_ptr<TempHome> m_home;
     std::unique_ptr<HttpServer> m_server;
@@ -126,11 +125,7 @@ private:
 void TestDownloader::initTestCase()
 {
     m_fakes.add("launchdock");
-    m_base = m_settingsDir.path().toUtf8();
-    static char program[] = "vorsane-kiosk";
-    static char option[] = "--basepath";
-    char *argv[] = {program, option, m_base.data(), nullptr};
-    m_parser = std::make_unique<CommandLineParser>(3, argv);
+    m_parser = makeParser(m_settingsDir.path());
     Settings::load(true, m_parser.get());
     PlaylistItem::initStrings();
     ItemDownloader::setTimeouts(testTimeoutMs, testTimeoutMs);

@@ -95,18 +95,13 @@ private:
     std::unique_ptr<TempHome> m_home;
     std::unique_ptr<CommandLineParser> m_parser;
     std::unique_ptr<HttpServer> m_server;
-    QByteArray m_base;
     QString m_cache;
 };
 
 void TestItemDownloader::initTestCase()
 {
     m_fakes.add("launchdock");
-    m_base = m_settingsDir.path().toUtf8();
-    static char program[] = "vorsane-kiosk";
-    static char option[] = "--basepath";
-    char *argv[] = {program, option, m_base.data(), nullptr};
-    m_parser = std::make_unique<CommandLineParser>(3, argv);
+    m_parser = makeParser(m_settingsDir.path());
     Settings::load(true, m_parser.get());
     ItemDownloader::setTimeouts(testTimeoutMs, testTimeoutMs);
 }

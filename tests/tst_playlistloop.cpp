@@ -156,11 +156,7 @@ private:
 void TestPlaylistLoop::initTestCase()
 {
     QVERIFY(s_parisTime);
-    static QByteArray base = m_base.path().toUtf8();
-    static char program[] = "vorsane-kiosk";
-    static char option[] = "--basepath";
-    static char *argv[] = {program, option, base.data(), nullptr};
-    m_parser = std::make_unique<CommandLineParser>(3, argv);
+    m_parser = makeParser(m_base.path());
     Settings::load(true, m_parser.get());
     m_runtimeDir = qgetenv("XDG_RUNTIME_DIR");
 }

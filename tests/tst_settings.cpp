@@ -12,26 +12,6 @@ using namespace testsupport;
 namespace {
 const char resetLine[] = "Software has been updated. Remove previous configuration.";
 
-// A parser for "--basepath <dir>" that owns its argument storage.
-class Parser
-{
-public:
-    explicit Parser(const QString &base)
-        : m_base(base.toUtf8())
-    {
-        m_argv[2] = m_base.data();
-        m_parser = std::make_unique<CommandLineParser>(3, m_argv);
-    }
-    const CommandLineParser *get() const { return m_parser.get(); }
-
-private:
-    QByteArray m_base;
-    char m_program[14] = "vorsane-kiosk";
-    char m_option[11] = "--basepath";
-    char *m_argv[4] = {m_program, m_option, nullptr, nullptr};
-    std::unique_ptr<CommandLineParser> m_parser;
-};
-
 QStringList defaultKeys()
 {
     return {"main/version",
@@ -131,9 +111,9 @@ private Q_SLOTS:
 private:
     std::unique_ptr<TempHome> m_home;
     std::unique_ptr<FakePrograms> m_fakes;
-    std::unique_ptr<Parser> m_parser;
+    std::unique_ptr<CommandLineParser> m_parser;
     QString prefs() const { return m_home->filePath("etc/preferences"); }
-    Settings *load() { return Settings::load(true, m_parser->get()); }
+    Settings *load() { return Settings::load(true, m_parser.get()); }
 };
 
 void TestSettings::init()
@@ -143,7 +123,7 @@ void TestSettings::init()
     m_fakes->add("launchdock");
     m_fakes->add("xset");
     QDir().mkpath(m_home->filePath("etc"));
-    m_parser = std::make_unique<Parser>(m_home->filePath("etc"));
+    m_parser = makeParser(m_home->filePath("etc"));
 }
 
 void TestSettings::cleanup()

@@ -20,26 +20,6 @@ public:
     using QNetworkCookieJar::allCookies;
 };
 
-// A parser for "--basepath <dir>" that owns its argument storage.
-class Parser
-{
-public:
-    explicit Parser(const QString &base)
-        : m_base(base.toUtf8())
-    {
-        m_argv[2] = m_base.data();
-        m_parser = std::make_unique<CommandLineParser>(3, m_argv);
-    }
-    const CommandLineParser *get() const { return m_parser.get(); }
-
-private:
-    QByteArray m_base;
-    char m_program[14] = "vorsane-kiosk";
-    char m_option[11] = "--basepath";
-    char *m_argv[4] = {m_program, m_option, nullptr, nullptr};
-    std::unique_ptr<CommandLineParser> m_parser;
-};
-
 QNetworkCookie cookie(const QByteArray &name, const QByteArray &value, const QString &domain,
                       const QString &path, qint64 expiry = 0, bool secure = false,
                       bool httpOnly = false)
@@ -106,15 +86,15 @@ private:
     QString cookieFile() const { return m_home->filePath("cookies.sqlite"); }
 
     QTemporaryDir m_base;
-    std::unique_ptr<Parser> m_parser;
+    std::unique_ptr<CommandLineParser> m_parser;
     std::unique_ptr<TempHome> m_home;
 };
 
 void TestSqliteCookieJar::initTestCase()
 {
     QVERIFY(m_base.isValid());
-    m_parser = std::make_unique<Parser>(m_base.path());
-    Settings::load(true, m_parser->get());
+    m_parser = makeParser(m_base.path());
+    Settings::load(true, m_parser.get());
 }
 
 void TestSqliteCookieJar::init()

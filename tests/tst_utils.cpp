@@ -40,11 +40,7 @@ private:
 void TestUtils::initTestCase()
 {
     m_fakes.add("launchdock");
-    static QByteArray base = m_home.path().toUtf8();
-    static char program[] = "vorsane-kiosk";
-    static char option[] = "--basepath";
-    static char *argv[] = {program, option, base.data(), nullptr};
-    m_parser = std::make_unique<CommandLineParser>(3, argv);
+    m_parser = makeParser(m_home.path());
     Settings::load(true, m_parser.get());
 }
 

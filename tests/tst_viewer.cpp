@@ -95,7 +95,6 @@ private:
     std::unique_ptr<TempHome> m_home;
     std::unique_ptr<FakePrograms> m_fakes;
     std::unique_ptr<CommandLineParser> m_parser;
-    QByteArray m_base;
 };
 
 void TestViewer::init()
@@ -107,15 +106,7 @@ void TestViewer::init()
     qputenv("XDG_CURRENT_DESKTOP", "none");
     QCoreApplication::setOrganizationName("VorsaneTest");
     QCoreApplication::setApplicationName("viewer"); // its settings live under the temporary HOME
-    m_base = m_home->path().toUtf8();
-    static char program[] = "vorsane-kiosk";
-    static char option[] = "--basepath";
-    static char *argv[4];
-    argv[0] = program;
-    argv[1] = option;
-    argv[2] = m_base.data();
-    argv[3] = nullptr;
-    m_parser = std::make_unique<CommandLineParser>(3, argv);
+    m_parser = makeParser(m_home->path());
     loadSettings("fullscreen=false\n");
 }
 

@@ -131,26 +131,6 @@ HttpServer::Route html(const QByteArray &body, int status = 200,
     return route;
 }
 
-// A parser for "--basepath <dir>" that owns its argument storage.
-class Parser
-{
-public:
-    explicit Parser(const QString &base)
-        : m_base(base.toUtf8())
-    {
-        m_argv[2] = m_base.data();
-        m_parser = std::make_unique<CommandLineParser>(3, m_argv);
-    }
-    const CommandLineParser *get() const { return m_parser.get(); }
-
-private:
-    QByteArray m_base;
-    char m_program[14] = "vorsane-kiosk";
-    char m_option[11] = "--basepath";
-    char *m_argv[4] = {m_program, m_option, nullptr, nullptr};
-    std::unique_ptr<CommandLineParser> m_parser;
-};
-
 // Puts the repository's template at the fixed system path (or takes it away) for the lifetime
 // of the object, and gives back whatever was there before.
 class SystemTemplate
@@ -253,16 +233,16 @@ private:
     QString writeHtml(const QString &name, const QByteArray &html);
 
     QTemporaryDir m_base;
-    std::unique_ptr<Parser> m_parser;
+    std::unique_ptr<CommandLineParser> m_parser;
     std::unique_ptr<TempHome> m_home;
 };
 
 void TestWebpage::initTestCase()
 {
     QVERIFY(m_base.isValid());
-    m_parser = std::make_unique<Parser>(m_base.path());
+    m_parser = makeParser(m_base.path());
     // The widgets ask for the shared store; make it the one on the temporary base path.
-    Settings::load(true, m_parser->get());
+    Settings::load(true, m_parser.get());
 }
 
 void TestWebpage::init()

@@ -1,5 +1,7 @@
 #include "testsupport.h"
 
+#include "commandlineparser.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -7,6 +9,8 @@
 #include <QPainter>
 #include <QPdfWriter>
 #include <QProcess>
+
+#include <vector>
 
 namespace testsupport {
 
@@ -228,6 +232,24 @@ QByteArray readFile(const QString &path)
     if (!file.open(QIODevice::ReadOnly))
         return QByteArray();
     return file.readAll();
+}
+
+std::unique_ptr<CommandLineParser> makeParser(const QStringList &arguments)
+{
+    // The parser copies what it reads, so the argument storage may end with this call.
+    std::vector<QByteArray> storage{QByteArray("vorsane-kiosk")};
+    for (const QString &argument : arguments)
+        storage.push_back(argument.toUtf8());
+    std::vector<char *> argv;
+    for (QByteArray &bytes : storage)
+        argv.push_back(bytes.data());
+    argv.push_back(nullptr);
+    return std::make_unique<CommandLineParser>(int(storage.size()), argv.data());
+}
+
+std::unique_ptr<CommandLineParser> makeParser(const QString &basePath)
+{
+    return makeParser(QStringList{QStringLiteral("--basepath"), basePath});
 }
 
 QString programPath()

@@ -7,6 +7,10 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
+#include <memory>
+
+class CommandLineParser;
+
 namespace testsupport {
 
 // A fresh, empty HOME for the lifetime of the object; the previous HOME comes back afterwards.
@@ -73,6 +77,11 @@ bool makeVideo(const QString &path, int seconds, const QSize &size = QSize(64, 4
 bool makeGif(const QString &path, int frames, const QSize &size = QSize(32, 32));
 bool writeFile(const QString &path, const QByteArray &content);
 QByteArray readFile(const QString &path);
+
+// A command line parsed as the program would parse it; the program name comes first by itself.
+std::unique_ptr<CommandLineParser> makeParser(const QStringList &arguments);
+// The usual one: every configuration file under a base path.
+std::unique_ptr<CommandLineParser> makeParser(const QString &basePath);
 
 // The built program, for end-to-end tests.
 QString programPath();
