@@ -14,6 +14,7 @@
 #include "webpage.h"
 
 #include <QCloseEvent>
+#include <QCoreApplication>
 #include <QDebug>
 #include <QEventLoop>
 #include <QFont>
@@ -59,8 +60,10 @@ Viewer::Viewer(QWidget *parent)
     initResources();
     connect(&m_sessionTimer, &QTimer::timeout, this, &Viewer::onTimerTimeout);
 
-    m_playlistFilter = new PlaylistEventFilter(m_settings);
-    m_browserFilter = new BrowserEventFilter;
+    // The filters outlive the window (they stay installed on content), so the application owns
+    // them.
+    m_playlistFilter = new PlaylistEventFilter(m_settings, QCoreApplication::instance());
+    m_browserFilter = new BrowserEventFilter(QCoreApplication::instance());
     m_unlockTimer.setSingleShot(true);
     connect(&m_unlockTimer, &QTimer::timeout, this, &Viewer::unlockPlaylistEventFilter);
     connect(this, &QStackedWidget::currentChanged, this, &Viewer::on_currentChanged);
@@ -142,7 +145,6 @@ Viewer::~Viewer()
     m_shortcutManager.reset();
     delete m_panelManager;
     m_sessionTimer.stop();
-    // The event filters live as long as the program, by design.
 }
 
 bool Viewer::passwordSet() const
