@@ -10,7 +10,8 @@ Remote::Remote(QObject *parent)
     : QUdpSocket(parent)
 {
     qDebug() << "Remote handler created.";
-    bind(QHostAddress::LocalHost, Port);
+    if (!bind(QHostAddress::LocalHost, Port))
+        qWarning() << "Remote control port" << Port << "unavailable:" << errorString();
     connect(this, &QIODevice::readyRead, this, &Remote::processMessage);
 }
 

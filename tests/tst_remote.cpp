@@ -176,8 +176,10 @@ void TestRemote::removeDroppedFile()
 
 void TestRemote::secondInstanceCannotBind()
 {
+    LogCapture log;
     Remote second;
     QVERIFY(second.state() != QAbstractSocket::BoundState);
+    QVERIFY(log.contains("Remote control port 54545 unavailable"));
     // The first one still receives.
     QCOMPARE(sendAndCollect(R"({"action": 3})"), QStringList{"screenshot"});
 }

@@ -27,6 +27,7 @@ public:
 
 Q_SIGNALS:
     void end();
+    void pageChanged();
 
 protected:
     bool stopImpl() override
@@ -203,6 +204,15 @@ void TestViewer::readyToShootAfterChange()
     Viewer viewer;
     QSignalSpy shots(&viewer, &Viewer::readyToShoot);
     QVERIFY(viewer.next(new Content));
+    QVERIFY(shots.wait(2000));
+    QCOMPARE(shots.count(), 1);
+
+    // Content that changes in place (a new PDF page) is captured again.
+    auto *pages = new Content;
+    QVERIFY(viewer.next(pages));
+    QVERIFY(shots.wait(2000));
+    shots.clear();
+    Q_EMIT pages->pageChanged();
     QVERIFY(shots.wait(2000));
     QCOMPARE(shots.count(), 1);
 }

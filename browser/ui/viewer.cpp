@@ -175,6 +175,8 @@ bool Viewer::next(QWidget *w)
         w->installEventFilter(m_playlistFilter);
 
     connectByName(w, "end()", this, "onWidgetTimeout()");
+    // Content that changes in place (a PDF turning a page) needs its own screenshot.
+    connectByName(w, "pageChanged()", this, "onContentChanged()");
     // One connection is enough: a show that runs for months must not pile them up.
     if (displayMode() && !passwordSet())
         connect(this, &Viewer::middleclick, this, &Viewer::bye, Qt::UniqueConnection);
@@ -239,6 +241,11 @@ void Viewer::onWidgetTimeout()
 }
 
 void Viewer::on_currentChanged(int)
+{
+    onContentChanged();
+}
+
+void Viewer::onContentChanged()
 {
     QTimer::singleShot(100, this, &Viewer::takeScreen);
 }

@@ -52,6 +52,7 @@ public Q_SLOTS:
     void onTimerTimeout();
     void onWidgetTimeout();
     void on_currentChanged(int index);
+    void onContentChanged();
     void takeScreen();
     void unlockPlaylistEventFilter();
     void requestRestart();

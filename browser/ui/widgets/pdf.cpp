@@ -76,6 +76,7 @@ bool PDF::nextPage()
     setAlignment(Qt::AlignCenter);
     setPixmap(shown);
     setBlackBackground();
+    emit pageChanged();
     return true;
 }
 

@@ -26,6 +26,8 @@ public:
 
 Q_SIGNALS:
     void end();
+    // A new page is on screen (the widget itself stays the same).
+    void pageChanged();
     void rightclick();
 
 protected:

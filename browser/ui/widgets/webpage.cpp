@@ -158,6 +158,7 @@ void Webpage::errorCheck(QNetworkReply *reply)
     if (reply->error() == QNetworkReply::NoError)
         return;
 
+    qWarning() << "Cannot load page" << m_url.toString() << reply->errorString();
     if (m_options.contains(QLatin1String("all_webpages"))) {
         setHtml(QString::fromLatin1(networkErrorText), QUrl());
         return;
