@@ -83,6 +83,15 @@ void TestSlideshow::remoteCommands()
     QVERIFY2(kiosk.screenShows(Qt::green, 8000) || kiosk.screenShows(Qt::blue, 8000),
              kiosk.log().right(3000));
 
+    // A web address over the show for two seconds.
+    const QString page = kiosk.home().filePath("page.html");
+    QVERIFY(writeFile(page, "<html><body style='background:#ff00ff'></body></html>"));
+    kiosk.sendDatagram(R"({"action": 7, "data": {"url": "file://)" + page.toUtf8()
+                       + R"(", "duration": 2}})");
+    QVERIFY2(kiosk.screenShows(Qt::magenta, 5000), kiosk.log().right(3000));
+    QVERIFY(kiosk.log().contains("Displaying webpage: \"file://" + page.toUtf8()));
+    QTRY_VERIFY_WITH_TIMEOUT(kiosk.screenColor() != QColor(Qt::magenta), 8000);
+
     // A file dropped for the show is removed on request; a missing one is only logged.
     const QString dropped = kiosk.home().filePath(".vorsane-kiosk/dragndrop/photo.jpg");
     QVERIFY(writeFile(dropped, "x"));
