@@ -87,6 +87,7 @@ Dispatcher::Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject 
     // Queued: content that fails while starting ends at once, and advancing from inside its
     // start would nest one call per broken item.
     connect(m_viewer, &Viewer::end, this, &Dispatcher::next, Qt::QueuedConnection);
+    connect(m_viewer, &Viewer::end, this, [this] { m_endedBySelf = true; });
     connect(m_viewer, &Viewer::mouseEvent, this, &Dispatcher::onMouseEvent);
     connect(m_viewer, &Viewer::leftclick, this, &Dispatcher::onLeftClick);
     connect(m_viewer, &Viewer::terminate, this, &Dispatcher::finalize);
@@ -158,8 +159,10 @@ bool Dispatcher::startup()
     if (serverMode()) {
         connect(&m_playlistTimer, &QTimer::timeout, this, &Dispatcher::onPlTimeout,
                 Qt::UniqueConnection);
-        m_playlistTimer.start(
-            60000 * m_settings->get(QStringLiteral("slideshow/refresh_after_minutes")).toInt());
+        // Zero or nonsense would ask the server as fast as it answers.
+        const int minutes
+            = qMax(1, m_settings->get(QStringLiteral("slideshow/refresh_after_minutes")).toInt());
+        m_playlistTimer.start(60000 * minutes);
     }
     if (m_mode == QLatin1String("kiosk")
         && m_settings->get(QStringLiteral("main/start_with_session")).toBool())
@@ -280,30 +283,14 @@ void Dispatcher::afterFailedSetUp()
     m_retryTimer.start(delay);
 }
 
-bool Dispatcher::cachedAddressesOnly(const PlaylistLoopPtr &loop)
-{
-    for (const PlaylistItemPtr &item : qAsConst(loop->items)) {
-        if (item->url.startsWith(QLatin1String("http://"))
-            || item->url.startsWith(QLatin1String("https://")) || item->url.startsWith('/')) {
-            if (item->type != PlaylistItem::Webpage)
-                return false;
-        }
-    }
-    return true;
-}
-
 int Dispatcher::positionOf(int key) const
 {
-    return key >= 0 && key < m_positions.size() ? m_positions.at(key) : -1;
+    return m_positions.value(key, -1);
 }
 
 void Dispatcher::setPosition(int key, int position)
 {
-    if (key < 0)
-        return;
-    while (m_positions.size() <= key)
-        m_positions.append(-1);
-    m_positions[key] = position;
+    m_positions.insert(key, position);
 }
 
 int Dispatcher::loopKey(const PlaylistLoopPtr &loop) const
@@ -321,6 +308,18 @@ void Dispatcher::showLoopNext()
     // continues the show when it is done.
     if (!m_parser || m_settingUp)
         return;
+
+    // Content that played for a while clears the failure count. Content that ended by itself
+    // at once (a player or browser that cannot run) counts as content that could not start:
+    // a loop of nothing else must rest rather than restart it as fast as it ends.
+    if (m_shownSince.isValid()) {
+        if (m_shownSince.elapsed() >= QuickEndMs)
+            m_failedStarts = 0;
+        else if (m_endedBySelf)
+            ++m_failedStarts;
+    }
+    m_shownSince.invalidate();
+    m_endedBySelf = false;
 
     // Items that are passed over are skipped here in a loop rather than by recursion; a loop
     // with nothing showable shows the "nothing to display" picture instead of spinning.
@@ -367,12 +366,6 @@ void Dispatcher::showLoopNext()
                 if (!m_currentLoop || m_currentLoop->items.isEmpty()) {
                     widget = nothingToDisplay();
                     break;
-                }
-                // A rebuilt loop lists its remote items by their addresses again: cache them.
-                if (m_currentLoop->active && !cachedAddressesOnly(m_currentLoop)) {
-                    m_settingUp = true;
-                    downloadLoop(m_currentLoop);
-                    m_settingUp = false;
                 }
                 m_loopKey = loopKey(m_currentLoop);
                 position = 0;
@@ -424,18 +417,28 @@ QWidget *Dispatcher::widgetFor(const PlaylistItemPtr &item)
     }
 
     if (item->url.contains(QLatin1String("Screen OFF"))) {
+        const QDateTime now = QDateTime::currentDateTime();
         QDateTime from = m_currentLoop->getFromIdle(item->url);
         QDateTime to = m_currentLoop->getToIdle(item->url);
-        if (to.isValid() && from.isValid() && to < from) {
-            to = to.addDays(1);
-            qDebug() << "Wake up : tomorrow";
-        } else {
-            qDebug() << "Wake up : today";
+        if (!from.isValid() || !to.isValid()) {
+            qDebug() << "Screen OFF without a valid span:" << item->url;
+            return nullptr;
         }
+        // A span whose end is earlier than its start crosses midnight: after midnight it began
+        // yesterday, before midnight it ends tomorrow.
+        if (to < from) {
+            if (now < to)
+                from = from.addDays(-1);
+            else
+                to = to.addDays(1);
+        }
+        // Outside its span the item is passed over: the screen goes dark only when it should.
+        if (now < from || now >= to)
+            return nullptr;
+        qDebug() << (to.date() > now.date() ? "Wake up : tomorrow" : "Wake up : today");
         auto *idle = new Idle(item.get(), m_viewer);
         // The screen stays off until the wake-up time, then the show goes on.
-        const qint64 seconds = QDateTime::currentDateTime().secsTo(to);
-        idle->setTimeout(seconds > 0 ? int(qMin<qint64>(seconds, 24 * 3600)) : 1);
+        idle->setTimeout(int(qMax<qint64>(1, now.secsTo(to))));
         return idle;
     }
 
@@ -478,7 +481,7 @@ bool Dispatcher::view_next()
     m_shownWidget = widget;
     const bool started = m_viewer->next(widget);
     if (started) {
-        m_failedStarts = 0;
+        m_shownSince.start();
         return true;
     }
     // The item could not start (unreadable file, ...). Most content says so with end(), which
@@ -504,13 +507,19 @@ void Dispatcher::goTo(int item, int loop)
     }
     m_forcedLoop = loops.at(loop);
     m_forcedHasOwnPosition = false;
-    setPosition(loopKey(m_forcedLoop), item - 1);
+    setPosition(loopKey(m_forcedLoop), qMax(item, 0) - 1);
     showLoopNext();
 }
 
 void Dispatcher::goTo(QString path)
 {
-    QString text = QStringLiteral("#Vorsane playlist\nfile:/") + path + QStringLiteral(" 1\n");
+    // Widgets read the path after "file://": the address needs its third slash whether or not
+    // the path came with a leading one.
+    QString absolute = path;
+    while (absolute.startsWith(QLatin1Char('/')))
+        absolute.remove(0, 1);
+    QString text
+        = QStringLiteral("#Vorsane playlist\nfile:///") + absolute + QStringLiteral(" 1\n");
     m_forcedLoop = std::make_shared<PlaylistLoop>(1, text, QString());
     m_forcedHasOwnPosition = true;
     m_forcedPosition = -1;

@@ -3,7 +3,9 @@
 #include "playlistloop.h"
 
 #include <QDateTime>
+#include <QElapsedTimer>
 #include <QFile>
+#include <QHash>
 #include <QList>
 #include <QObject>
 #include <QProcess>
@@ -31,6 +33,8 @@ public:
     static constexpr int MaxRetryDelayMs = 600000;
     // A content server that does not answer its last-edit question in time is treated as down.
     static constexpr int LastEditTimeoutMs = 30000;
+    // Content that ends by itself sooner than this after its start counts as not started.
+    static constexpr int QuickEndMs = 500;
 
     Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject *parent = nullptr);
     ~Dispatcher() override;
@@ -72,7 +76,6 @@ private:
     void updateRevalidateFlag();
     bool downloadLoops();
     bool downloadLoop(const PlaylistLoopPtr &loop);
-    static bool cachedAddressesOnly(const PlaylistLoopPtr &loop);
     QWidget *widgetFor(const PlaylistItemPtr &item);
     QWidget *nothingToDisplay();
     void afterFailedSetUp();
@@ -100,7 +103,8 @@ private:
     PlaylistLoopPtr m_currentLoop;
     int m_loopKey = 0;
     int m_position = -1;
-    QList<int> m_positions;
+    // Keyed by loop id: ids come from the playlist and may be negative or far apart.
+    QHash<int, int> m_positions;
 
     // A loop chosen by a remote "go to" plays before the schedule takes over again.
     PlaylistLoopPtr m_forcedLoop;
@@ -109,5 +113,7 @@ private:
     QTimer m_retryTimer;
     int m_failedSetUps = 0;
     int m_failedStarts = 0;
+    QElapsedTimer m_shownSince;
+    bool m_endedBySelf = false;
     bool m_settingUp = false;
 };

@@ -93,7 +93,8 @@ bool Downloader::startItem()
     const PlaylistItemPtr item = m_loop->items.at(m_index);
     if (!item)
         return false;
-    if (item->type == PlaylistItem::Webpage)
+    // Web pages load live; an idle item's text is its screen-off span, not an address.
+    if (item->type == PlaylistItem::Webpage || item->type == PlaylistItem::Idle)
         return false;
     if (item->url.startsWith(QLatin1String("file://"))
         || item->url.startsWith(QLatin1String("rtsp://")))
