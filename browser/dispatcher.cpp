@@ -15,6 +15,7 @@
 #include "remote.h"
 #include "runnable.h"
 #include "settings.h"
+#include "utils.h"
 #include "video.h"
 #include "viewer.h"
 #include "webpage.h"
@@ -33,19 +34,9 @@
 #include <QScreen>
 
 namespace {
-const int processWaitMs = 30000;
 const char screenshotPath[] = "/tmp/screen.png";
 const char nothingToDisplayUrl[] = "file://:/image/nothing_to_display.png";
 const char lastEditFormat[] = "yyyy;MM;dd;hh;mm;ss;";
-
-void runAndWait(const QString &program, const QStringList &arguments, QByteArray *output = nullptr)
-{
-    QProcess process;
-    process.start(program, arguments);
-    process.waitForFinished(processWaitMs);
-    if (output)
-        *output = process.readAllStandardOutput();
-}
 
 bool skippedByExtension(const QString &url)
 {
@@ -104,7 +95,8 @@ Dispatcher::Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject 
                                screen.bottom() - screen.top() + 1);
     }
     if (m_settings->get(QStringLiteral("main/no_screensaver")).toBool()) {
-        runAndWait(QStringLiteral("pkill"), {QStringLiteral("-9"), QStringLiteral("xscreensaver")});
+        Utils::runAndWait(QStringLiteral("pkill"),
+                          {QStringLiteral("-9"), QStringLiteral("xscreensaver")});
         disableScreensaver();
     }
     if (QFile::exists(QString::fromLatin1(screenshotPath)))
@@ -570,9 +562,7 @@ void Dispatcher::afterBrowser()
 
 void Dispatcher::execHook(const QString &name)
 {
-    QProcess hook;
-    hook.start(m_settings->hookDirname() + QStringLiteral("/%1").arg(name), QStringList());
-    hook.waitForFinished(processWaitMs);
+    Utils::runAndWait(m_settings->hookDirname() + QStringLiteral("/%1").arg(name), QStringList());
 }
 
 void Dispatcher::shootScreen()
@@ -598,22 +588,23 @@ void Dispatcher::finalize()
 void Dispatcher::endIdle()
 {
     QByteArray status;
-    runAndWait(QStringLiteral("/opt/vc/bin/tvservice"), {QStringLiteral("--status")}, &status);
+    Utils::runAndWait(QStringLiteral("/opt/vc/bin/tvservice"), {QStringLiteral("--status")},
+                      &status);
     if (!status.contains("[TV is off]"))
         return;
     qDebug() << "Display was off; switching it back on.";
-    runAndWait(QStringLiteral("sudo"),
-               {QStringLiteral("/opt/vc/bin/tvservice"), QStringLiteral("-p")});
+    Utils::runAndWait(QStringLiteral("sudo"),
+                      {QStringLiteral("/opt/vc/bin/tvservice"), QStringLiteral("-p")});
     // Switching consoles makes X repaint the freshly powered display.
-    runAndWait(QStringLiteral("sudo"), {QStringLiteral("chvt"), QStringLiteral("6")});
-    runAndWait(QStringLiteral("sudo"), {QStringLiteral("chvt"), QStringLiteral("7")});
+    Utils::runAndWait(QStringLiteral("sudo"), {QStringLiteral("chvt"), QStringLiteral("6")});
+    Utils::runAndWait(QStringLiteral("sudo"), {QStringLiteral("chvt"), QStringLiteral("7")});
 }
 
 void Dispatcher::startRemote()
 {
     QByteArray running;
-    runAndWait(QStringLiteral("pgrep"), {QStringLiteral("-f"), QStringLiteral("vorsane-remote")},
-               &running);
+    Utils::runAndWait(QStringLiteral("pgrep"),
+                      {QStringLiteral("-f"), QStringLiteral("vorsane-remote")}, &running);
     if (!running.trimmed().isEmpty())
         return;
     const QString port = m_settings->get(QStringLiteral("remote/port")).toString();
@@ -684,7 +675,7 @@ void Dispatcher::onReconnectMouseEventTimeout()
 
 void Dispatcher::onScreensaverTimeout()
 {
-    runAndWait(QStringLiteral("xscreensaver-command"), {QStringLiteral("-deactivate")});
+    Utils::runAndWait(QStringLiteral("xscreensaver-command"), {QStringLiteral("-deactivate")});
 }
 
 void Dispatcher::startNoScreensaver(int exitCode, QProcess::ExitStatus status)

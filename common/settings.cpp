@@ -1,6 +1,7 @@
 #include "settings.h"
 
 #include "commandlineparser.h"
+#include "utils.h"
 
 #include <QDateTime>
 #include <QDebug>
@@ -31,7 +32,6 @@ namespace {
 const char currentVersion[] = "QFGLs6IVf1";
 const char makerHomePage[] = "https://www.vorsane.com/";
 const char launchdockConfig[] = "/home/pi/.config/launchdockrc";
-const int processWaitMs = 30000;
 
 const CommandLineParser *defaultParser()
 {
@@ -179,10 +179,9 @@ void Settings::populateDefaults()
 void Settings::readAutostarted()
 {
     m_autostarted = false;
-    QProcess launcher;
-    launcher.start(QStringLiteral("launchdock"), {QStringLiteral("--selected")});
-    launcher.waitForFinished(processWaitMs);
-    if (launcher.readAllStandardOutput().startsWith("sitedeck"))
+    QByteArray output;
+    Utils::runAndWait(QStringLiteral("launchdock"), {QStringLiteral("--selected")}, &output);
+    if (output.startsWith("sitedeck"))
         m_autostarted = true;
 }
 
@@ -345,11 +344,9 @@ void Settings::writeAutostarted()
     const QString selection = m_autostarted ? QStringLiteral("sitedeck") : QStringLiteral("none");
     const QString command
         = m_autostarted ? QStringLiteral("vorsane-kiosk") : QStringLiteral("true");
-    QProcess launcher;
-    launcher.start(QStringLiteral("launchdock"),
-                   {QStringLiteral("--select"), selection, QStringLiteral("--command"), command,
-                    QStringLiteral("-c"), QString::fromLatin1(launchdockConfig)});
-    launcher.waitForFinished(processWaitMs);
+    Utils::runAndWait(QStringLiteral("launchdock"),
+                      {QStringLiteral("--select"), selection, QStringLiteral("--command"), command,
+                       QStringLiteral("-c"), QString::fromLatin1(launchdockConfig)});
 
     const QByteArray sudoUid = qgetenv("SUDO_UID");
     if (!sudoUid.isEmpty()) {
@@ -389,9 +386,6 @@ void Settings::enableScreenSaver(bool enable)
     const QList<QStringList> commands
         = enable ? QList<QStringList>{{"s", "on"}, {"s", "blank"}, {"+dpms"}}
                  : QList<QStringList>{{"s", "off"}, {"s", "noblank"}, {"-dpms"}};
-    for (const QStringList &arguments : commands) {
-        QProcess xset;
-        xset.start(QStringLiteral("xset"), arguments);
-        xset.waitForFinished(processWaitMs);
-    }
+    for (const QStringList &arguments : commands)
+        Utils::runAndWait(QStringLiteral("xset"), arguments);
 }

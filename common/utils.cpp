@@ -57,14 +57,25 @@ std::string Utils::genString(quint32 length)
     return text;
 }
 
-QString Utils::getIconTheme()
+int Utils::runAndWait(const QString &program, const QStringList &arguments, QByteArray *output)
 {
     QProcess process;
-    process.start(QStringLiteral("gksu"),
-                  QProcess::splitCommand(QStringLiteral(
-                      "--u pi \"xfconf-query -c xsettings -p /Net/IconThemeName\"")));
-    process.waitForFinished(30000);
-    QByteArray output = process.readAllStandardOutput();
+    process.start(program, arguments);
+    const bool finished = process.waitForFinished(30000);
+    if (output)
+        *output = process.readAllStandardOutput();
+    if (!finished || process.exitStatus() != QProcess::NormalExit)
+        return -1;
+    return process.exitCode();
+}
+
+QString Utils::getIconTheme()
+{
+    QByteArray output;
+    runAndWait(QStringLiteral("gksu"),
+               QProcess::splitCommand(
+                   QStringLiteral("--u pi \"xfconf-query -c xsettings -p /Net/IconThemeName\"")),
+               &output);
     const int nul = output.indexOf('\0');
     if (nul >= 0)
         output.truncate(nul);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 #include <string>
 
@@ -14,4 +15,8 @@ public:
     static char genChar();
     static std::string genString(quint32 length);
     static QString getIconTheme();
+    // Runs a child program and waits for it up to 30 s. Returns its exit code, or -1 when it
+    // could not start, crashed or did not end in time; its standard output goes to output.
+    static int runAndWait(const QString &program, const QStringList &arguments,
+                          QByteArray *output = nullptr);
 };

@@ -30,6 +30,8 @@ private Q_SLOTS:
     void iconTheme_data();
     void iconTheme();
     void processOutputReader();
+    void runAndWait_data();
+    void runAndWait();
 
 private:
     TempHome m_home;
@@ -140,6 +142,35 @@ void TestUtils::processOutputReader()
     QVERIFY(log.contains("first line"));
     QVERIFY(log.contains("Finish with return code: 3"));
     QCOMPARE(fakes.callLines("worker"), QStringList({"--flag"}));
+}
+
+void TestUtils::runAndWait_data()
+{
+    QTest::addColumn<QByteArray>("body"); // null: the program does not exist
+    QTest::addColumn<int>("code");
+    QTest::addColumn<QByteArray>("output");
+
+    QTest::newRow("success with output") << QByteArray("echo done") << 0 << QByteArray("done\n");
+    QTest::newRow("failure code") << QByteArray("exit 4") << 4 << QByteArray();
+    QTest::newRow("crash") << QByteArray("kill -9 $$") << -1 << QByteArray();
+    QTest::newRow("missing program") << QByteArray() << -1 << QByteArray();
+}
+
+void TestUtils::runAndWait()
+{
+    QFETCH(QByteArray, body);
+    QFETCH(int, code);
+    QFETCH(QByteArray, output);
+
+    FakePrograms fakes;
+    if (!body.isNull())
+        fakes.addScript("child", body);
+    QByteArray read;
+    QCOMPARE(Utils::runAndWait(body.isNull() ? "no-such-program-here" : "child", {"a b"}, &read),
+             code);
+    QCOMPARE(read, output);
+    if (!body.isNull())
+        QCOMPARE(fakes.calls("child"), QList<QStringList>{{"a b"}});
 }
 
 QTEST_MAIN(TestUtils)

@@ -1,21 +1,13 @@
 #include "panelmanager.h"
 
+#include "utils.h"
+
 #include <QDebug>
 #include <QProcess>
 
 namespace panel {
 
 namespace {
-const int processWaitMs = 30000;
-
-int runAndWait(const QString &program, const QStringList &arguments)
-{
-    QProcess process;
-    process.start(program, arguments);
-    if (!process.waitForFinished(processWaitMs))
-        return -1;
-    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-}
 
 // The panel only gets in the way of a full-screen window, or of a locked-down kiosk.
 bool shouldHide(bool fullscreen, bool passwordSet)
@@ -74,7 +66,7 @@ LxdeManager::~LxdeManager()
 bool LxdeManager::hideImpl()
 {
     // pkill answers 0 only when a panel was running, so nothing is restarted that never ran.
-    return runAndWait(QStringLiteral("pkill"), {QStringLiteral("lxpanel")}) == 0;
+    return Utils::runAndWait(QStringLiteral("pkill"), {QStringLiteral("lxpanel")}) == 0;
 }
 
 void LxdeManager::restoreImpl()
@@ -96,7 +88,7 @@ XfceManager::~XfceManager()
 
 bool XfceManager::hideImpl()
 {
-    return runAndWait(QStringLiteral("xfce4-panel"), {QStringLiteral("--quit")}) == 0;
+    return Utils::runAndWait(QStringLiteral("xfce4-panel"), {QStringLiteral("--quit")}) == 0;
 }
 
 void XfceManager::restoreImpl()

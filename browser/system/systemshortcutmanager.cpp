@@ -1,22 +1,16 @@
 #include "systemshortcutmanager.h"
 
+#include "utils.h"
+
 #include <QDebug>
 #include <QFile>
 #include <QProcess>
 
 namespace {
-const int processWaitMs = 30000;
 
 bool runXmodmap(const QStringList &arguments, QByteArray *output = nullptr)
 {
-    QProcess xmodmap;
-    xmodmap.start(QStringLiteral("xmodmap"), arguments);
-    if (!xmodmap.waitForFinished(processWaitMs) || xmodmap.exitStatus() != QProcess::NormalExit
-        || xmodmap.exitCode() != 0)
-        return false;
-    if (output)
-        *output = xmodmap.readAllStandardOutput();
-    return true;
+    return Utils::runAndWait(QStringLiteral("xmodmap"), arguments, output) == 0;
 }
 } // namespace
 

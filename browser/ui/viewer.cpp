@@ -29,7 +29,6 @@
 #include <QWebSettings>
 
 namespace {
-const int processWaitMs = 30000;
 const char textTemplateUrl[] = "file:///usr/share/vorsane-sitedeck/text.html";
 
 // Content widgets declare end() each on their own, with no common base class that has it, so
@@ -43,13 +42,6 @@ bool connectByName(QObject *sender, const char *signal, QObject *receiver, const
         return false;
     return QObject::connect(sender, sender->metaObject()->method(signalIndex), receiver,
                             receiver->metaObject()->method(slotIndex), type);
-}
-
-void runAndWait(const QString &program, const QStringList &arguments)
-{
-    QProcess process;
-    process.start(program, arguments);
-    process.waitForFinished(processWaitMs);
 }
 } // namespace
 
@@ -105,12 +97,12 @@ Viewer::Viewer(QWidget *parent)
     for (const QString &channel : {QStringLiteral("PCM")}) {
         if (!mute) {
             qDebug() << "Enabling sound on channel:" << channel;
-            runAndWait(QStringLiteral("amixer"),
-                       {QStringLiteral("set"), channel, QStringLiteral("unmute")});
+            Utils::runAndWait(QStringLiteral("amixer"),
+                              {QStringLiteral("set"), channel, QStringLiteral("unmute")});
         } else {
             qDebug() << "Disabling sound on channel:" << channel;
-            runAndWait(QStringLiteral("amixer"),
-                       {QStringLiteral("set"), channel, QStringLiteral("mute")});
+            Utils::runAndWait(QStringLiteral("amixer"),
+                              {QStringLiteral("set"), channel, QStringLiteral("mute")});
         }
     }
 
@@ -267,7 +259,7 @@ void Viewer::requestRestart()
 
 void Viewer::killExternalPlayer()
 {
-    runAndWait(QStringLiteral("pkill"), {QStringLiteral("-9"), QStringLiteral("omxplayer")});
+    Utils::runAndWait(QStringLiteral("pkill"), {QStringLiteral("-9"), QStringLiteral("omxplayer")});
 }
 
 void Viewer::emitMouseEvent()

@@ -1,5 +1,7 @@
 #include "idle.h"
 
+#include "utils.h"
+
 #include "playlistitem.h"
 
 #include <QDebug>
@@ -7,15 +9,7 @@
 #include <QProcess>
 
 namespace {
-const int processWaitMs = 30000;
 const char tvservice[] = "/opt/vc/bin/tvservice";
-
-void runAndWait(const QString &program, const QStringList &arguments)
-{
-    QProcess process;
-    process.start(program, arguments);
-    process.waitForFinished(processWaitMs);
-}
 } // namespace
 
 Idle::Idle(PlaylistItem *item, QWidget *parent)
@@ -38,8 +32,9 @@ bool Idle::startImpl()
     qDebug() << "Starting idle";
     // Output on with its preferred mode first, then off; the second call deliberately goes
     // without sudo. Turning the display back on is left to whoever ends the idle period.
-    runAndWait(QStringLiteral("sudo"), {QString::fromLatin1(tvservice), QStringLiteral("-p")});
-    runAndWait(QString::fromLatin1(tvservice), {QStringLiteral("-o")});
+    Utils::runAndWait(QStringLiteral("sudo"),
+                      {QString::fromLatin1(tvservice), QStringLiteral("-p")});
+    Utils::runAndWait(QString::fromLatin1(tvservice), {QStringLiteral("-o")});
     return true;
 }
 
