@@ -71,30 +71,6 @@ QString clock(const QDateTime &when)
     return when.toString(QStringLiteral("hh:mm"));
 }
 
-// Puts a stand-in at the display tool's fixed path for the test's lifetime, only where nothing
-// is there yet; everything it created goes again afterwards.
-class TvserviceStandIn
-{
-public:
-    explicit TvserviceStandIn(const QString &target)
-    {
-        if (QFile::exists(QStringLiteral("/opt/vc"))
-            || !QDir().mkpath(QStringLiteral("/opt/vc/bin")))
-            return;
-        m_created = true;
-        m_ready = QFile::link(target, QString::fromLatin1(tvservice));
-    }
-    ~TvserviceStandIn()
-    {
-        if (m_created)
-            QDir(QStringLiteral("/opt/vc")).removeRecursively();
-    }
-    bool ready() const { return m_ready; }
-
-private:
-    bool m_created = false;
-    bool m_ready = false;
-};
 } // namespace
 
 // The controller with its real parts: playlists in a temporary HOME, the real viewer on the

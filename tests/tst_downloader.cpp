@@ -34,13 +34,6 @@ QByteArray body(int size, char fill)
     return bytes;
 }
 
-quint16 closedPort()
-{
-    QTcpServer probe;
-    probe.listen(QHostAddress::LocalHost);
-    return probe.serverPort();
-}
-
 PlaylistItemPtr item(const QString &url, PlaylistItem::Type type = PlaylistItem::Image)
 {
     return std::make_shared<PlaylistItem>(url, type, 7, false, QStringList());

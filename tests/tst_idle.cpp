@@ -14,30 +14,6 @@ using namespace testsupport;
 namespace {
 const char tvservice[] = "/opt/vc/bin/tvservice";
 
-// Puts a recording stand-in at the display tool's fixed path for the test's lifetime, only where
-// nothing is there yet; everything it created goes again afterwards.
-class TvserviceStandIn
-{
-public:
-    explicit TvserviceStandIn(const QString &target)
-    {
-        if (QFile::exists(QStringLiteral("/opt/vc"))
-            || !QDir().mkpath(QStringLiteral("/opt/vc/bin")))
-            return;
-        m_created = true;
-        m_ready = QFile::link(target, QString::fromLatin1(tvservice));
-    }
-    ~TvserviceStandIn()
-    {
-        if (m_created)
-            QDir(QStringLiteral("/opt/vc")).removeRecursively();
-    }
-    bool ready() const { return m_ready; }
-
-private:
-    bool m_created = false;
-    bool m_ready = false;
-};
 } // namespace
 
 class TestIdle : public QObject

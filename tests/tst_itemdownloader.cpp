@@ -36,14 +36,6 @@ QByteArray body(int size, char fill)
     return bytes;
 }
 
-// A port on 127.0.0.1 where nothing listens.
-quint16 closedPort()
-{
-    QTcpServer probe;
-    probe.listen(QHostAddress::LocalHost);
-    return probe.serverPort();
-}
-
 struct Outcome
 {
     int finished = 0;

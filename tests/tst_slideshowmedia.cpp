@@ -84,16 +84,6 @@ QString logTail(KioskProcess &kiosk)
     return lines.mid(qMax(0, lines.size() - 80)).join(QLatin1Char('\n'));
 }
 
-// A port on 127.0.0.1 where nothing listens.
-quint16 closedPort()
-{
-    QTcpServer probe;
-    probe.listen(QHostAddress::LocalHost);
-    const quint16 port = probe.serverPort();
-    probe.close();
-    return port;
-}
-
 QByteArray fileLine(const QString &path, int seconds)
 {
     return "file://" + path.toUtf8() + ' ' + QByteArray::number(seconds) + '\n';

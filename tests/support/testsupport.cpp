@@ -9,6 +9,7 @@
 #include <QPainter>
 #include <QPdfWriter>
 #include <QProcess>
+#include <QTcpServer>
 
 #include <vector>
 
@@ -250,6 +251,27 @@ std::unique_ptr<CommandLineParser> makeParser(const QStringList &arguments)
 std::unique_ptr<CommandLineParser> makeParser(const QString &basePath)
 {
     return makeParser(QStringList{QStringLiteral("--basepath"), basePath});
+}
+
+quint16 closedPort()
+{
+    QTcpServer probe;
+    probe.listen(QHostAddress::LocalHost);
+    return probe.serverPort();
+}
+
+TvserviceStandIn::TvserviceStandIn(const QString &target)
+{
+    if (QFile::exists(QStringLiteral("/opt/vc")) || !QDir().mkpath(QStringLiteral("/opt/vc/bin")))
+        return;
+    m_created = true;
+    m_ready = QFile::link(target, QStringLiteral("/opt/vc/bin/tvservice"));
+}
+
+TvserviceStandIn::~TvserviceStandIn()
+{
+    if (m_created)
+        QDir(QStringLiteral("/opt/vc")).removeRecursively();
 }
 
 QString programPath()

@@ -83,6 +83,23 @@ std::unique_ptr<CommandLineParser> makeParser(const QStringList &arguments);
 // The usual one: every configuration file under a base path.
 std::unique_ptr<CommandLineParser> makeParser(const QString &basePath);
 
+// A port on 127.0.0.1 where nothing listens.
+quint16 closedPort();
+
+// Puts a stand-in (a link to target) at the display tool's fixed path "/opt/vc/bin/tvservice"
+// for the object's lifetime, only where nothing is there yet; whatever it created goes again.
+class TvserviceStandIn
+{
+public:
+    explicit TvserviceStandIn(const QString &target);
+    ~TvserviceStandIn();
+    bool ready() const { return m_ready; }
+
+private:
+    bool m_created = false;
+    bool m_ready = false;
+};
+
 // The built program, for end-to-end tests.
 QString programPath();
 
