@@ -16,7 +16,6 @@
 #include <memory>
 
 #include <signal.h>
-#include <vlc/vlc.h>
 
 using namespace testsupport;
 
@@ -90,12 +89,6 @@ private:
 
 void TestVideo::initTestCase()
 {
-    // libVLC unloads its plugins with its last instance, and a leak checker then cannot tell
-    // whose allocations are left; this instance keeps them loaded until the program ends.
-    static const char *const quiet[] = {"--ignore-config"};
-    static libvlc_instance_t *keepPluginsLoaded = libvlc_new(1, quiet);
-    Q_UNUSED(keepPluginsLoaded);
-
     FakePrograms launcher;
     launcher.add("launchdock");
     m_parser = makeParser(m_home.path());

@@ -12,6 +12,25 @@ namespace {
 // libVLC reports nothing for some media it cannot open (a stream that never answers); an item
 // without a duration would then stay forever.
 const int openingTimeoutMs = 30000;
+
+// One libVLC instance serves every video for the life of the process: loading the plugins for
+// each item costs seconds on a small board, and unloading them leaves allocations behind.
+libvlc_instance_t *sharedInstance()
+{
+    static libvlc_instance_t *instance = nullptr;
+    if (!instance) {
+        const char *const arguments[] = {"-I",
+                                         "dummy",
+                                         "--no-xlib",
+                                         "--ignore-config",
+                                         "--no-video-title-show",
+                                         "--no-disable-screensaver",
+                                         "--vout",
+                                         "omxil_vout"};
+        instance = libvlc_new(8, arguments);
+    }
+    return instance;
+}
 } // namespace
 
 VLCVideoImpl::VLCVideoImpl(Video *video, PlaylistItem *item)
@@ -20,15 +39,7 @@ VLCVideoImpl::VLCVideoImpl(Video *video, PlaylistItem *item)
 {
     video->setBlackBackground();
 
-    const char *const arguments[] = {"-I",
-                                     "dummy",
-                                     "--no-xlib",
-                                     "--ignore-config",
-                                     "--no-video-title-show",
-                                     "--no-disable-screensaver",
-                                     "--vout",
-                                     "omxil_vout"};
-    m_instance = libvlc_new(8, arguments);
+    m_instance = sharedInstance();
     if (!m_instance) {
         qWarning() << "Cannot start libVLC:" << libvlc_errmsg();
         return;
@@ -62,8 +73,6 @@ VLCVideoImpl::~VLCVideoImpl()
         libvlc_media_player_release(m_player);
     }
     releaseMedia();
-    if (m_instance)
-        libvlc_release(m_instance);
 }
 
 QUrl VLCVideoImpl::mediaAddress(const QString &location)
