@@ -31,6 +31,7 @@
 #include <QPixmap>
 #include <QPointer>
 #include <QRegularExpression>
+#include <QSaveFile>
 #include <QScreen>
 
 namespace {
@@ -575,7 +576,10 @@ void Dispatcher::shootScreen()
     // Platforms without a real screen cannot grab a window; render the widgets instead.
     if (picture.isNull() || picture.width() <= 1)
         picture = m_viewer->grab();
-    picture.save(QString::fromLatin1(screenshotPath), "PNG");
+    // Written aside and renamed, so the remote server never serves a half-written picture.
+    QSaveFile file(QString::fromLatin1(screenshotPath));
+    if (file.open(QIODevice::WriteOnly) && picture.save(&file, "PNG"))
+        file.commit();
 }
 
 void Dispatcher::finalize()
