@@ -1,5 +1,6 @@
 #include "commandlineparser.h"
 #include "dispatcher.h"
+#include "installpaths.h"
 #include "logger.h"
 #include "proxyfactory.h"
 #include "signalrelay.h"
@@ -36,7 +37,7 @@ int main(int argc, char *argv[])
 
     QTranslator translator;
     translator.load(QStringLiteral("browser_") + QLocale::system().name(),
-                    QStringLiteral("/usr/share/vorsane-sitedeck/i18n"));
+                    QStringLiteral(VORSANE_DATA_DIR "/i18n"));
     QApplication::installTranslator(&translator);
 
     Logger::init();

@@ -52,9 +52,12 @@ void showOffline(QWidget *widget)
     if (widget)
         widget->hide();
     if (qobject_cast<QApplication *>(QCoreApplication::instance())) {
-        QMessageBox::critical(nullptr, QStringLiteral("Network unreachable"),
-                              QStringLiteral("Vorsane Kiosk is Offline.\nPlease select local "
-                                             "playlist option or connect the system to a network."),
+        QMessageBox::critical(nullptr,
+                              QCoreApplication::translate("PlaylistParser", "Network unreachable"),
+                              QCoreApplication::translate(
+                                  "PlaylistParser",
+                                  "Vorsane Kiosk is Offline.\nPlease select local playlist "
+                                  "option or connect the system to a network."),
                               QMessageBox::Ok);
     }
     // Queued, so that it also ends an event loop that has not started yet.

@@ -1,5 +1,7 @@
 #include "commandlineparser.h"
 
+#include "installpaths.h"
+
 #include <QDebug>
 
 #include <cstring>
@@ -7,7 +9,7 @@
 #include <iostream>
 
 namespace {
-const char defaultBasePath[] = "/etc/xdg/sitedeck";
+const char defaultBasePath[] = VORSANE_CONFIG_DIR;
 }
 
 CommandLineParser::CommandLineParser(int argc, char **argv)

@@ -1,6 +1,7 @@
 #include "settings.h"
 
 #include "commandlineparser.h"
+#include "installpaths.h"
 #include "utils.h"
 
 #include <QDateTime>
@@ -378,7 +379,7 @@ void Settings::save(bool autostart, const QString &basePath)
 void Settings::save(bool autostart)
 {
     // Deliberately the fixed default location, not the --basepath one.
-    save(autostart, QStringLiteral("/etc/xdg/sitedeck"));
+    save(autostart, QStringLiteral(VORSANE_CONFIG_DIR));
 }
 
 void Settings::enableScreenSaver(bool enable)

@@ -8,10 +8,14 @@ packages=(
     build-essential cmake pkg-config clang-format curl
     # Qt 5 modules
     qtbase5-dev qtbase5-dev-tools libqt5sql5-sqlite qtscript5-dev libqt5webkit5-dev
+    # translations (lupdate, lrelease and their CMake functions)
+    qttools5-dev qttools5-dev-tools
     # media, PDF, proxy discovery, password hashing
     libvlc-dev vlc-plugin-base libpoppler-qt5-dev libproxy-dev libcrypt-dev
     # run time: X server for headless machines, desktop helpers the program calls
     xvfb xauth x11-xserver-utils unzip
+    # tests: xwininfo reads the window titles the program shows
+    x11-utils
     # test media
     ffmpeg
 )

@@ -2,6 +2,7 @@
 
 #include "browsereventfilter.h"
 #include "exitpassworddialog.h"
+#include "installpaths.h"
 #include "panelmanager.h"
 #include "playlisteventfilter.h"
 #include "playlistitem.h"
@@ -29,7 +30,7 @@
 #include <QWebSettings>
 
 namespace {
-const char textTemplateUrl[] = "file:///usr/share/vorsane-sitedeck/text.html";
+const char textTemplateUrl[] = "file://" VORSANE_DATA_DIR "/text.html";
 
 // Content widgets declare end() each on their own, with no common base class that has it, so
 // their signals are found by name.

@@ -1,5 +1,7 @@
 #include "kioskprocess.h"
 
+#include "installpaths.h"
+
 #include <QDir>
 #include <QHostAddress>
 #include <QImage>
@@ -76,7 +78,7 @@ bool KioskProcess::screenShows(const QColor &color, int timeoutMs, const QPointF
 
 KioskProcess::Templates::Templates()
 {
-    const QString target = QStringLiteral("/usr/share/vorsane-sitedeck/");
+    const QString target = QStringLiteral(VORSANE_DATA_DIR "/");
     for (const QString &name : {QStringLiteral("text.html"), QStringLiteral("template.html")}) {
         if (QFile::exists(target + name))
             continue;

@@ -1,5 +1,6 @@
 #include "webpage.h"
 
+#include "installpaths.h"
 #include "playlistitem.h"
 #include "settings.h"
 #include "sqlitecookiejar.h"
@@ -18,10 +19,10 @@
 #include <QWebFrame>
 
 namespace {
-const char templatePath[] = "/usr/share/vorsane-sitedeck/template.html";
+const char templatePath[] = VORSANE_DATA_DIR "/template.html";
 const char renderedTemplate[] = "/.vorsane-kiosk/current-template.html";
-const char networkErrorText[]
-    = "Network error: please make sure you are correctly connected to internet.";
+const char networkErrorText[] = QT_TRANSLATE_NOOP(
+    "Webpage", "Network error: please make sure you are correctly connected to internet.");
 const int scrollDelayMs = 5000;
 const int scrollTickMs = 50;
 
@@ -160,7 +161,7 @@ void Webpage::errorCheck(QNetworkReply *reply)
 
     qWarning() << "Cannot load page" << m_url.toString() << reply->errorString();
     if (m_options.contains(QLatin1String("all_webpages"))) {
-        setHtml(QString::fromLatin1(networkErrorText), QUrl());
+        setHtml(tr(networkErrorText), QUrl());
         return;
     }
     emit end();

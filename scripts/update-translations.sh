@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Collects the program's user-visible texts from the sources into translations/browser_<locale>.ts
+# (new texts are added untranslated, texts gone from the code are marked obsolete). Translate them
+# with Qt Linguist (`linguist translations/browser_fr_FR.ts`); the build turns each .ts into the
+# .qm the program loads. Give locale names (e.g. de_DE) to start new languages.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+command -v lupdate >/dev/null || bash scripts/install-deps.sh
+
+shopt -s nullglob
+files=(translations/browser_*.ts)
+for locale in "$@"; do
+    files+=("translations/browser_$locale.ts")
+done
+if [ ${#files[@]} -eq 0 ]; then
+    echo "No translation yet: give a locale name, e.g. $0 fr_FR" >&2
+    exit 1
+fi
+# Without source locations, so that code edits elsewhere do not churn the .ts files.
+lupdate -recursive -locations none -extensions cpp,h common browser -ts "${files[@]}"

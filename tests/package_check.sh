@@ -1,0 +1,66 @@
+#!/usr/bin/env bash
+# Installs a built vorsane-kiosk package with apt into a throw-away Debian 12 chroot, as a player
+# would get it, and checks that every file the program reads is where the installed program reads
+# it, and that the default configuration plays the demo pictures. Needs root and the Debian mirror.
+#   bash tests/package_check.sh dist/vorsane-kiosk_1.0_amd64.deb
+set -euo pipefail
+deb=$(realpath "$1")
+mirror=${DEBIAN_MIRROR:-http://deb.debian.org/debian}
+root=$(mktemp -d /var/tmp/vorsane-chroot.XXXXXX)
+mounted=()
+cleanup() {
+    for m in "${mounted[@]}"; do umount -l "$m" || true; done
+    rm -rf --one-file-system "$root"
+}
+trap cleanup EXIT
+fail() { echo "FAIL: $*" >&2; exit 1; }
+in_root() { chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin "$@"; }
+
+echo "Making a Debian 12 chroot in $root"
+debootstrap --variant=minbase bookworm "$root" "$mirror" >"$root.log" 2>&1 \
+    || { tail -20 "$root.log"; fail "debootstrap"; }
+rm -f "$root.log"
+if mount -t proc proc "$root/proc" 2>/dev/null; then mounted+=("$root/proc"); fi
+
+cp "$deb" "$root/tmp/"
+in_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends \
+    "/tmp/$(basename "$deb")" >/dev/null || fail "apt could not install the package"
+
+help=$(in_root vorsane-kiosk --help) || fail "vorsane-kiosk --help failed"
+grep -qF -- "--basepath     Use this as default base path (default=/etc/xdg/sitedeck)" <<<"$help" \
+    || fail "unexpected help text: $help"
+
+# Every data or configuration path compiled into the program must exist in the installed system.
+# The /usr/local one is only ever written to the debug output, never opened.
+bin=$root/usr/bin/vorsane-kiosk
+paths=$(grep -aoE '/(usr|etc)/[A-Za-z0-9_./-]*(vorsane-sitedeck|sitedeck)[A-Za-z0-9_./-]*' "$bin" \
+    | grep -v '^/usr/local/' | sort -u)
+for p in $paths /etc/xdg/sitedeck/{preferences,playlist,list} \
+    /usr/share/vorsane-sitedeck/i18n/browser_fr_FR.qm /etc/xdg/autostart/vorsane-kiosk.desktop \
+    /usr/bin/vorsane-kiosk-session; do
+    [ -e "$root$p" ] || fail "$p is read by the program but not installed"
+    echo "present: $p"
+done
+grep -qx '/usr/share/vorsane-sitedeck/template.html' <<<"$paths" || fail "template path not found in the binary"
+
+# Configuration files survive upgrades as conffiles; the preferences carry this build's marker.
+conffiles=$(in_root dpkg-query --control-show vorsane-kiosk conffiles)
+for c in /etc/xdg/sitedeck/preferences /etc/xdg/sitedeck/playlist /etc/xdg/sitedeck/list \
+    /etc/xdg/autostart/vorsane-kiosk.desktop; do
+    grep -q "^ *$c " <<<"$conffiles" || fail "$c is not a conffile"
+done
+marker=$(sed -n 's/^version=//p' "$root/etc/xdg/sitedeck/preferences")
+grep -aqF "$marker" "$bin" || fail "preferences version $marker is not this build's"
+grep -q '^Exec=vorsane-kiosk-session$' "$root/etc/xdg/autostart/vorsane-kiosk.desktop" \
+    || fail "autostart entry does not run the session supervisor"
+
+# The default configuration plays the demo pictures: the first one runs its five seconds.
+mkdir -p "$root/tmp/home"
+in_root env HOME=/tmp/home QT_QPA_PLATFORM=offscreen XDG_CURRENT_DESKTOP=none \
+    timeout -s INT 20 vorsane-kiosk >"$root/tmp/run.log" 2>&1 || true
+log=$(cat "$root/tmp/run.log")
+grep -q 'onTimeoutImpl' <<<"$log" || { echo "$log" | tail -30; fail "the demo playlist did not play"; }
+for bad in "Software has been updated" "Nothing to display" "Cannot read playlist"; do
+    if grep -qF "$bad" <<<"$log"; then fail "default configuration: $bad"; fi
+done
+echo "PASS: $(basename "$deb") installs into Debian 12 and plays its demo configuration"
