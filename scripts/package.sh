@@ -15,23 +15,28 @@ if ! dpkg-checkbuilddeps >/dev/null 2>&1 || ! dpkg-query -W "${tools[@]}" >/dev/
     "${sudo_cmd[@]}" env DEBIAN_FRONTEND=noninteractive apt-get build-dep -y -qq ./ </dev/null
 fi
 
+# Built from a copy, so the build leaves nothing in the source tree and its results (which
+# dpkg-buildpackage writes next to the tree) stay inside build-deb/.
+stage=$PWD/build-deb
+rm -rf "$stage/vorsane-kiosk" "$stage"/*.deb "$stage"/*.changes "$stage"/*.buildinfo
+mkdir -p "$stage/vorsane-kiosk" dist
+tar --exclude='./build*' --exclude=./dist --exclude=./.git --exclude='./obj-*' -cf - . \
+    | tar -xf - -C "$stage/vorsane-kiosk"
+
 # debhelper gives the build its own HOME, so the compiler cache is named explicitly.
 if command -v ccache >/dev/null; then
-    export CCACHE_DIR=${CCACHE_DIR:-$HOME/.cache/ccache} CCACHE_BASEDIR=$PWD
+    export CCACHE_DIR=${CCACHE_DIR:-$HOME/.cache/ccache} CCACHE_BASEDIR=$stage
     export VORSANE_CMAKE_ARGS=-DCMAKE_CXX_COMPILER_LAUNCHER=ccache
 fi
-dpkg-buildpackage -b -us -uc -j"$(nproc)"
+(cd "$stage/vorsane-kiosk" && dpkg-buildpackage -b -us -uc -j"$(nproc)")
 
 version=$(dpkg-parsechangelog -S Version)
 arch=$(dpkg-architecture -qDEB_HOST_ARCH)
-mkdir -p dist
-for f in ../vorsane-kiosk{,-dbgsym}_"${version}"_"${arch}".{deb,buildinfo,changes}; do
-    [ ! -e "$f" ] || mv -f "$f" dist/
-done
+mv -f "$stage"/vorsane-kiosk*_"${version}"_"${arch}".* dist/
 deb=dist/vorsane-kiosk_${version}_${arch}.deb
 echo "Built $deb"
 
-lintian --fail-on error "dist/vorsane-kiosk_${version}_${arch}.changes"
+lintian --fail-on error "$PWD/dist/vorsane-kiosk_${version}_${arch}.changes"
 
 if [ "${NO_CHECK:-0}" != 1 ]; then
     "${sudo_cmd[@]}" bash tests/package_check.sh "$deb"

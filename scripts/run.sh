@@ -8,13 +8,18 @@ bash scripts/install-deps.sh
 export BUILD_DIR=${BUILD_DIR:-build-run}
 bash scripts/build.sh -DVORSANE_BUILD_TESTS=OFF
 
-# The program reads its HTML templates from this fixed place.
-templates=/usr/share/vorsane-sitedeck
-if ! cmp -s templates/text.html "$templates/text.html" || ! cmp -s templates/template.html "$templates/template.html"; then
-    sudo_cmd=(); [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
-    "${sudo_cmd[@]}" install -D -m 644 templates/text.html "$templates/text.html"
-    "${sudo_cmd[@]}" install -D -m 644 templates/template.html "$templates/template.html"
-fi
+# The program reads its HTML templates and translations from the data directory it was built for.
+data=$(sed -n 's/^#define VORSANE_DATA_DIR "\(.*\)"$/\1/p' "$BUILD_DIR/generated/installpaths.h")
+for f in templates/text.html templates/template.html "$BUILD_DIR"/i18n/*.qm; do
+    case $f in
+        *.qm) target=$data/i18n/${f##*/} ;;
+        *) target=$data/${f##*/} ;;
+    esac
+    if ! cmp -s "$f" "$target"; then
+        sudo_cmd=(); [ "$(id -u)" -eq 0 ] || [ -w "$(dirname "$target")" ] || sudo_cmd=(sudo)
+        "${sudo_cmd[@]}" install -D -m 644 "$f" "$target"
+    fi
+done
 
 state="$HOME/.vorsane-kiosk"
 mkdir -p "$state"

@@ -64,6 +64,10 @@ void TestTranslation::offlineMessageSpeaksTheUsersLanguage()
 
     const auto windowTitles = [] {
         QProcess xwininfo;
+        // Its own locale, which the machine has: under one it lacks it prints no accents.
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
+        xwininfo.setProcessEnvironment(env);
         xwininfo.start(QStringLiteral("xwininfo"), {QStringLiteral("-root"), QStringLiteral("-tree")});
         xwininfo.waitForFinished();
         return QString::fromUtf8(xwininfo.readAllStandardOutput());
