@@ -22,6 +22,9 @@ debootstrap --variant=minbase bookworm "$root" "$mirror" >"$root.log" 2>&1 \
 rm -f "$root.log"
 if mount -t proc proc "$root/proc" 2>/dev/null; then mounted+=("$root/proc"); fi
 
+# No services start inside the chroot.
+printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d"
+chmod +x "$root/usr/sbin/policy-rc.d"
 cp "$deb" "$root/tmp/"
 in_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends \
     "/tmp/$(basename "$deb")" >/dev/null || fail "apt could not install the package"
@@ -33,21 +36,24 @@ grep -qF -- "--basepath     Use this as default base path (default=/etc/xdg/site
 # Every data or configuration path compiled into the program must exist in the installed system.
 # The /usr/local one is only ever written to the debug output, never opened.
 bin=$root/usr/bin/vorsane-kiosk
-paths=$(grep -aoE '/(usr|etc)/[A-Za-z0-9_./-]*(vorsane-sitedeck|sitedeck)[A-Za-z0-9_./-]*' "$bin" \
-    | grep -v '^/usr/local/' | sort -u)
+# Texts written as QStringLiteral are stored as UTF-16, hence both encodings.
+paths=$({ strings -a "$bin"; strings -a -e l "$bin"; } \
+    | grep -oE '/(usr|etc)/[A-Za-z0-9_./-]*sitedeck[A-Za-z0-9_./-]*' | grep -v '^/usr/local/' | sort -u)
 for p in $paths /etc/xdg/sitedeck/{preferences,playlist,list} \
     /usr/share/vorsane-sitedeck/i18n/browser_fr_FR.qm /etc/xdg/autostart/vorsane-kiosk.desktop \
     /usr/bin/vorsane-kiosk-session; do
     [ -e "$root$p" ] || fail "$p is read by the program but not installed"
     echo "present: $p"
 done
-grep -qx '/usr/share/vorsane-sitedeck/template.html' <<<"$paths" || fail "template path not found in the binary"
+for p in /usr/share/vorsane-sitedeck/template.html /usr/share/vorsane-sitedeck/i18n; do
+    grep -qx "$p" <<<"$paths" || fail "$p not found in the binary"
+done
 
 # Configuration files survive upgrades as conffiles; the preferences carry this build's marker.
 conffiles=$(in_root dpkg-query --control-show vorsane-kiosk conffiles)
 for c in /etc/xdg/sitedeck/preferences /etc/xdg/sitedeck/playlist /etc/xdg/sitedeck/list \
     /etc/xdg/autostart/vorsane-kiosk.desktop; do
-    grep -q "^ *$c " <<<"$conffiles" || fail "$c is not a conffile"
+    grep -qx "$c" <<<"$conffiles" || fail "$c is not a conffile"
 done
 marker=$(sed -n 's/^version=//p' "$root/etc/xdg/sitedeck/preferences")
 grep -aqF "$marker" "$bin" || fail "preferences version $marker is not this build's"
