@@ -10,6 +10,8 @@ packages=(
     qtbase5-dev qtbase5-dev-tools libqt5sql5-sqlite qtscript5-dev libqt5webkit5-dev
     # media, PDF, proxy discovery, password hashing
     libvlc-dev vlc-plugin-base libpoppler-qt5-dev libproxy-dev libcrypt-dev
+    # the remote-control web server
+    libcpp-httplib-dev
     # run time: X server for headless machines, desktop helpers the program calls
     xvfb xauth x11-xserver-utils unzip
     # test media
