@@ -16,6 +16,8 @@ packages=(
     xvfb xauth x11-xserver-utils unzip
     # test media
     ffmpeg
+    # the remote page's browser test
+    chromium chromium-driver python3-selenium
 )
 
 if [ "$(id -u)" -eq 0 ]; then
