@@ -62,12 +62,9 @@ bool DropFolder::isAccepted(const QString &name)
     const QString mime
         = QMimeDatabase().mimeTypeForFile(name, QMimeDatabase::MatchExtension).name();
     static const char *const documents[] = {
-        "application/pdf",
-        "text/plain",
-        "application/rtf",
-        "application/msword",
-        "application/vnd.ms-excel",
-        "application/vnd.ms-powerpoint",
+        "application/pdf",          "text/plain",
+        "application/rtf",          "application/msword",
+        "application/vnd.ms-excel", "application/vnd.ms-powerpoint",
     };
     if (mime.startsWith(QLatin1String("image/")) || mime.startsWith(QLatin1String("video/")))
         return true;
@@ -86,8 +83,7 @@ bool DropFolder::hasRoomFor(qint64 bytes) const
     QStorageInfo storage(m_staging);
     if (!storage.isValid())
         storage.setPath(QFileInfo(m_staging).absolutePath());
-    return bytes >= 0 && storage.isValid()
-           && bytes <= storage.bytesAvailable() - SpaceMargin;
+    return bytes >= 0 && storage.isValid() && bytes <= storage.bytesAvailable() - SpaceMargin;
 }
 
 QList<DropFolder::Entry> DropFolder::list() const
@@ -102,8 +98,8 @@ QList<DropFolder::Entry> DropFolder::list() const
 
 QString DropFolder::stagingFile() const
 {
-    return m_staging + QLatin1Char('/')
-           + QUuid::createUuid().toString(QUuid::WithoutBraces) + QLatin1String(".part");
+    return m_staging + QLatin1Char('/') + QUuid::createUuid().toString(QUuid::WithoutBraces)
+           + QLatin1String(".part");
 }
 
 QString DropFolder::commit(const QString &stagedFile, const QString &cleanedName) const
@@ -117,8 +113,7 @@ QString DropFolder::commit(const QString &stagedFile, const QString &cleanedName
         const QString target = m_path + QLatin1Char('/') + name;
         // link() fails when the target exists, so two uploads of one name never overwrite
         // each other; rename() would replace silently.
-        if (::link(QFile::encodeName(stagedFile).constData(),
-                   QFile::encodeName(target).constData())
+        if (::link(QFile::encodeName(stagedFile).constData(), QFile::encodeName(target).constData())
             == 0) {
             QFile::remove(stagedFile);
             return name;

@@ -209,8 +209,8 @@ QByteArray RemoteServer::datagram(const QJsonObject &command)
     case 4:
         break;
     case 2:
-        fields = "\"index\":" + number(data.value(QStringLiteral("index"))) + ",\"loop\":"
-                 + number(data.value(QStringLiteral("loop")));
+        fields = "\"index\":" + number(data.value(QStringLiteral("index")))
+                 + ",\"loop\":" + number(data.value(QStringLiteral("loop")));
         break;
     case 5:
     case 7: {
@@ -307,9 +307,10 @@ void RemoteServer::route()
         reply(response, 200, QJsonObject{{QStringLiteral("files"), files}});
     });
 
-    server.Post("/api/files",
-                [this](const Request &request, Response &response,
-                       const httplib::ContentReader &reader) { upload(request, response, reader); });
+    server.Post("/api/files", [this](const Request &request, Response &response,
+                                     const httplib::ContentReader &reader) {
+        upload(request, response, reader);
+    });
 
     server.Delete("/api/files", [this](const Request &request, Response &response) {
         const QString name = QString::fromStdString(request.get_param_value("name"));
@@ -319,10 +320,9 @@ void RemoteServer::route()
                 return fail(response, 404, tr("No such file: %1").arg(name));
         }
         // The slideshow deletes it, so it never plays a file that has just gone.
-        const QByteArray message
-            = datagram(QJsonObject{{QStringLiteral("action"), 8},
-                                   {QStringLiteral("data"),
-                                    QJsonObject{{QStringLiteral("path"), name}}}});
+        const QByteArray message = datagram(
+            QJsonObject{{QStringLiteral("action"), 8},
+                        {QStringLiteral("data"), QJsonObject{{QStringLiteral("path"), name}}}});
         if (!send(message))
             return fail(response, 502, tr("The command could not be sent to the slideshow."));
         reply(response, 202, QJsonObject{{QStringLiteral("sent"), QString::fromLatin1(message)}});
@@ -368,7 +368,7 @@ void RemoteServer::route()
 }
 
 void RemoteServer::upload(const httplib::Request &request, httplib::Response &response,
-                                    const httplib::ContentReader &reader)
+                          const httplib::ContentReader &reader)
 {
     // Whatever happens, the rest of a refused body is not read: the connection ends.
     response.set_header("Connection", "close");

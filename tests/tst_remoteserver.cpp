@@ -54,16 +54,16 @@ private:
     QNetworkReply *request(const QByteArray &method, const QString &path,
                            const QByteArray &body = QByteArray(), QHttpMultiPart *form = nullptr,
                            const QByteArray &cookie = "vorsane_remote=" + key.toPercentEncoding());
+    static int status(QNetworkReply *reply)
+    {
+        return reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    }
     QByteArray nextDatagram();
     static int action(const QByteArray &datagram)
     {
         return QJsonDocument::fromJson(datagram).object().value("action").toInt(-1);
     }
     QByteArray raw(const QByteArray &head, const QByteArray &body, bool cut);
-    QString dropped(const QString &name) const
-    {
-        return m_home->stateDir() + QStringLiteral("/dragndrop/") + name;
-    }
 
     std::unique_ptr<TempHome> m_home;
     QProcess m_server;
@@ -109,8 +109,8 @@ QNetworkReply *TestRemoteServer::request(const QByteArray &method, const QString
         request.setRawHeader("Cookie", cookie);
     if (!form)
         request.setHeader(QNetworkRequest::ContentTypeHeader, "application/json");
-    QNetworkReply *reply = form ? m_network.post(request, form)
-                                : m_network.sendCustomRequest(request, method, body);
+    QNetworkReply *reply
+        = form ? m_network.post(request, form) : m_network.sendCustomRequest(request, method, body);
     reply->setParent(this);
     QSignalSpy finished(reply, &QNetworkReply::finished);
     finished.wait(10000);
@@ -164,12 +164,12 @@ void TestRemoteServer::refused()
     QFETCH(QString, path);
     QFETCH(QByteArray, cookie);
     QNetworkReply *reply = request("GET", path, QByteArray(), nullptr, cookie);
-    QCOMPARE(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), 403);
+    QCOMPARE(status(reply), 403);
     QCOMPARE(reply->readAll(), QByteArray("Forbidden\n"));
 
     // The right key in the address sets the cookie that lets later requests in.
     reply = request("GET", "/?k=" + key.toPercentEncoding(), QByteArray(), nullptr, QByteArray());
-    QCOMPARE(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), 200);
+    QCOMPARE(status(reply), 200);
     const QByteArray setCookie = reply->rawHeader("Set-Cookie");
     QVERIFY(setCookie.startsWith("vorsane_remote=" + key.toPercentEncoding() + ";"));
     QVERIFY(setCookie.contains("HttpOnly") && setCookie.contains("SameSite=Strict"));
@@ -179,14 +179,12 @@ void TestRemoteServer::commandsBecomeDatagrams()
 {
     request("POST", "/api/command", R"({"action":5,"data":{"text":"Grüße","duration":12}})");
     // The slideshow reads datagrams as Latin-1 script: the rest travels as escapes.
-    QCOMPARE(nextDatagram(), QByteArray(R"({"action":5,"data":{"text":"Gr\u00fc\u00dfe","duration":12}})"));
+    QCOMPARE(nextDatagram(),
+             QByteArray(R"({"action":5,"data":{"text":"Gr\u00fc\u00dfe","duration":12}})"));
     request("POST", "/api/command", R"({"action":2,"data":{"loop":1,"index":0,"x":"y"}})");
     QCOMPARE(nextDatagram(), QByteArray(R"({"action":2,"data":{"index":0,"loop":1}})"));
     // Removal of a file the server never stored is not passed on.
-    QCOMPARE(request("DELETE", "/api/files?name=..%2Fplaylist")
-                 ->attribute(QNetworkRequest::HttpStatusCodeAttribute)
-                 .toInt(),
-             404);
+    QCOMPARE(status(request("DELETE", "/api/files?name=..%2Fplaylist")), 404);
     QVERIFY(!m_slideshow.hasPendingDatagrams());
 }
 
@@ -200,8 +198,8 @@ void TestRemoteServer::upload()
     form->append(part);
     QNetworkReply *reply = request("POST", "/api/files", QByteArray(), form);
     form->setParent(reply);
-    QCOMPARE(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), 200);
-    QCOMPARE(readFile(dropped("x.png")), QByteArray("picture"));
+    QCOMPARE(status(reply), 200);
+    QCOMPARE(readFile(m_home->stateDir() + "/dragndrop/x.png"), QByteArray("picture"));
     QVERIFY(!QFile::exists(m_home->stateDir() + "/x.png"));
     QVERIFY(request("GET", "/api/files")->readAll().contains(R"({"name":"x.png","size":7})"));
 
@@ -220,7 +218,7 @@ void TestRemoteServer::cutUploadLeavesNothing()
     QCOMPARE(raw(head, body, true), QByteArray("cut"));
     const QDir staging(m_home->stateDir() + QStringLiteral("/remote-upload"));
     QTRY_VERIFY(staging.isEmpty(QDir::Files));
-    QVERIFY(!QFile::exists(dropped("cut.png")));
+    QVERIFY(!QFile::exists(m_home->stateDir() + "/dragndrop/cut.png"));
 }
 
 void TestRemoteServer::oversizedUploadRefusedBeforeBody()
@@ -240,8 +238,8 @@ void TestRemoteServer::invalidPlaylistRejected_data()
     QTest::addColumn<QByteArray>("message");
     QTest::newRow("not a playlist") << QByteArray("hello\n") << QByteArray("Not a playlist");
     QTest::newRow("other XML") << QByteArray("<html><loop/></html>") << QByteArray("schedule");
-    QTest::newRow("schedule without loop") << QByteArray("<schedule a=\"1\"></schedule>")
-                                           << QByteArray("no loop");
+    QTest::newRow("schedule without loop")
+        << QByteArray("<schedule a=\"1\"></schedule>") << QByteArray("no loop");
     QTest::newRow("flat list without entry")
         << QByteArray("#Vorsane playlist\n# nothing\n") << QByteArray("no entry");
 }
@@ -253,17 +251,14 @@ void TestRemoteServer::invalidPlaylistRejected()
     const QString path = m_home->filePath("conf/playlist");
     const QByteArray before = readFile(path);
     QNetworkReply *reply = request("POST", "/api/playlist", playlist);
-    QCOMPARE(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), 422);
+    QCOMPARE(status(reply), 422);
     QVERIFY2(reply->readAll().contains(message), message.constData());
     QCOMPARE(readFile(path), before);
     QVERIFY(!m_slideshow.hasPendingDatagrams());
 
     // A good one replaces it, keeps the old one beside it and restarts the show.
     const QByteArray good = "#Vorsane playlist\nhttp://c.example/ 10\n";
-    QCOMPARE(request("POST", "/api/playlist", good)
-                 ->attribute(QNetworkRequest::HttpStatusCodeAttribute)
-                 .toInt(),
-             200);
+    QCOMPARE(status(request("POST", "/api/playlist", good)), 200);
     QCOMPARE(readFile(path), good);
     QCOMPARE(readFile(path + ".previous"), before);
     QCOMPARE(action(nextDatagram()), 4);
@@ -280,8 +275,14 @@ void TestRemoteServer::pageRunsInWebKit()
     QVERIFY(loaded.wait(10000));
     QCOMPARE(loaded.first().first().toBool(), true);
     // The loops of the playlist arrived through the API, so the scripts ran and the cookie works.
-    QTRY_COMPARE(page.mainFrame()->evaluateJavaScript("document.getElementById('loop').options.length").toInt(), 2);
-    QCOMPARE(page.mainFrame()->evaluateJavaScript("document.getElementById('loop').options[1].textContent").toString(), QStringLiteral("Loop 7"));
+    QTRY_COMPARE(page.mainFrame()
+                     ->evaluateJavaScript("document.getElementById('loop').options.length")
+                     .toInt(),
+                 2);
+    QCOMPARE(page.mainFrame()
+                 ->evaluateJavaScript("document.getElementById('loop').options[1].textContent")
+                 .toString(),
+             QStringLiteral("Loop 7"));
     page.mainFrame()->evaluateJavaScript("document.getElementById('next').click()");
     // The page asks for screenshots on its own; the click's command comes among them.
     QList<int> actions;
@@ -302,8 +303,8 @@ void TestRemoteServer::kioskRunsAndEndsServer()
     QFETCH(bool, killed);
     KioskProcess kiosk;
     const quint16 port = closedPort();
-    QVERIFY(kiosk.start("#Vorsane playlist\n",
-                        "[remote]\nenabled=true\nkey=abc\nport=" + QByteArray::number(port) + "\n"));
+    QVERIFY(kiosk.start("#Vorsane playlist\n", "[remote]\nenabled=true\nkey=abc\nport="
+                                                   + QByteArray::number(port) + "\n"));
     QTcpSocket probe;
     QTRY_VERIFY_WITH_TIMEOUT((probe.abort(), probe.connectToHost(QHostAddress::LocalHost, port),
                               probe.waitForConnected(200)),
