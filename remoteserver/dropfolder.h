@@ -29,7 +29,7 @@ public:
 
     // A bare file name: no folders, no "..", no leading dot, no control characters.
     static QString cleanName(const QString &name);
-    // Pictures, videos, PDFs and documents: what the slideshow can show.
+    // Pictures, videos, PDFs and HTML or text documents: what the slideshow can show.
     static bool isAccepted(const QString &name);
     // Whether bytes more can be written and still leave the margin free.
     bool hasRoomFor(qint64 bytes) const;

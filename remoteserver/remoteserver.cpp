@@ -441,10 +441,12 @@ void RemoteServer::upload(const httplib::Request &request, httplib::Response &re
             saved.append(name);
     }
     if (saved.isEmpty() && !rejected.isEmpty())
-        return reply(response, 415,
-                     QJsonObject{{QStringLiteral("error"),
-                                  tr("Only pictures, videos, PDFs and documents are accepted.")},
-                                 {QStringLiteral("rejected"), rejected}});
+        return reply(
+            response, 415,
+            QJsonObject{
+                {QStringLiteral("error"),
+                 tr("Only pictures, videos, PDFs and HTML or text documents are accepted.")},
+                {QStringLiteral("rejected"), rejected}});
     reply(response, 200,
           QJsonObject{{QStringLiteral("saved"), saved}, {QStringLiteral("rejected"), rejected}});
 }
