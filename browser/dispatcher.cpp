@@ -2,6 +2,7 @@
 
 #include "cleanser.h"
 #include "commandlineparser.h"
+#include "displaypower.h"
 #include "document.h"
 #include "downloader.h"
 #include "externalbrowser.h"
@@ -13,6 +14,7 @@
 #include "pdf.h"
 #include "playlistparser.h"
 #include "remote.h"
+#include "remoteserverprocess.h"
 #include "runnable.h"
 #include "settings.h"
 #include "utils.h"
@@ -61,6 +63,7 @@ Dispatcher::Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject 
     m_reference = QDateTime::currentDateTime();
 
     m_remote = new Remote(this);
+    m_remoteServer = new RemoteServerProcess(this);
     m_cleanser = new Cleanser(m_settings, this);
     connect(m_remote, &Remote::restart, this, &Dispatcher::startSlideshow);
     connect(m_remote, &Remote::next, this, &Dispatcher::next);
@@ -111,6 +114,8 @@ Dispatcher::~Dispatcher()
 {
     // Content widgets belong to the viewer's stack; only the pending one is still ours.
     delete m_nextWidget;
+    // Every way out of the program passes here or finalize(): no server outlives the kiosk.
+    m_remoteServer->stop();
 }
 
 bool Dispatcher::serverMode() const
@@ -586,42 +591,33 @@ void Dispatcher::finalize()
 {
     if (m_shownWidget)
         m_shownWidget->close();
+    m_remoteServer->stop();
     QCoreApplication::quit();
 }
 
 void Dispatcher::endIdle()
 {
-    QByteArray status;
-    Utils::runAndWait(QStringLiteral("/opt/vc/bin/tvservice"), {QStringLiteral("--status")},
-                      &status);
-    if (!status.contains("[TV is off]"))
+    if (!DisplayPower::isOff())
         return;
     qDebug() << "Display was off; switching it back on.";
-    Utils::runAndWait(QStringLiteral("sudo"),
-                      {QStringLiteral("/opt/vc/bin/tvservice"), QStringLiteral("-p")});
-    // Switching consoles makes X repaint the freshly powered display.
-    Utils::runAndWait(QStringLiteral("sudo"), {QStringLiteral("chvt"), QStringLiteral("6")});
-    Utils::runAndWait(QStringLiteral("sudo"), {QStringLiteral("chvt"), QStringLiteral("7")});
+    DisplayPower::on();
 }
 
 void Dispatcher::startRemote()
 {
-    QByteArray running;
-    Utils::runAndWait(QStringLiteral("pgrep"),
-                      {QStringLiteral("-f"), QStringLiteral("vorsane-remote")}, &running);
-    if (!running.trimmed().isEmpty())
-        return;
-    const QString port = m_settings->get(QStringLiteral("remote/port")).toString();
-    if (!QProcess::startDetached(QStringLiteral("vorsane-remote"),
-                                 {QStringLiteral("--port"), port}))
-        qDebug() << "Remote server could not be started: vorsane-remote is missing.";
+    // The server reads the same preference and playlist files as the kiosk.
+    m_remoteServer->start(m_settings->get(QStringLiteral("remote/port")).toInt(),
+                          m_settings->get(QStringLiteral("remote/key")).toString(),
+                          {QStringLiteral("--preference"), m_settings->preferencesFilename(),
+                           QStringLiteral("--playlist"), m_settings->playlistFilename()});
 }
 
 void Dispatcher::startInlineRemote()
 {
-    const QString address = m_settings->get(QStringLiteral("remote/local_url")).toString()
-                            + QStringLiteral("?k=")
-                            + m_settings->get(QStringLiteral("remote/key")).toString();
+    const QString key = m_settings->get(QStringLiteral("remote/key")).toString();
+    QString address = m_settings->get(QStringLiteral("remote/local_url")).toString();
+    if (!key.isEmpty())
+        address += QStringLiteral("?k=") + QString::fromLatin1(QUrl::toPercentEncoding(key));
     m_viewer->showUrl(address,
                       m_settings->get(QStringLiteral("main/stop_session_after_seconds")).toInt());
 }

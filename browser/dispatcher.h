@@ -18,6 +18,7 @@ class Cleanser;
 class CommandLineParser;
 class PlaylistParser;
 class Remote;
+class RemoteServerProcess;
 class Settings;
 class Viewer;
 
@@ -90,6 +91,7 @@ private:
     QWidget *m_shownWidget = nullptr;
     Viewer *m_viewer;
     Remote *m_remote;
+    RemoteServerProcess *m_remoteServer;
     QString m_mode;
     QDateTime m_lastEdit;
     int m_state = 0;

@@ -12,12 +12,16 @@ packages=(
     qttools5-dev qttools5-dev-tools
     # media, PDF, proxy discovery, password hashing
     libvlc-dev vlc-plugin-base libpoppler-qt5-dev libproxy-dev libcrypt-dev
+    # the remote-control web server
+    libcpp-httplib-dev
     # run time: X server for headless machines, desktop helpers the program calls
     xvfb xauth x11-xserver-utils unzip
     # tests: xwininfo reads the window titles the program shows
     x11-utils
     # test media
     ffmpeg
+    # the remote page's browser test
+    chromium chromium-driver python3-selenium
 )
 
 if [ "$(id -u)" -eq 0 ]; then

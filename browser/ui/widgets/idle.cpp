@@ -1,16 +1,12 @@
 #include "idle.h"
 
-#include "utils.h"
+#include "displaypower.h"
 
 #include "playlistitem.h"
 
 #include <QDebug>
 #include <QMouseEvent>
 #include <QProcess>
-
-namespace {
-const char tvservice[] = "/opt/vc/bin/tvservice";
-} // namespace
 
 Idle::Idle(PlaylistItem *item, QWidget *parent)
     : QLabel(parent)
@@ -30,11 +26,8 @@ void Idle::setBlackBackground()
 bool Idle::startImpl()
 {
     qDebug() << "Starting idle";
-    // Output on with its preferred mode first, then off; the second call deliberately goes
-    // without sudo. Turning the display back on is left to whoever ends the idle period.
-    Utils::runAndWait(QStringLiteral("sudo"),
-                      {QString::fromLatin1(tvservice), QStringLiteral("-p")});
-    Utils::runAndWait(QString::fromLatin1(tvservice), {QStringLiteral("-o")});
+    // Turning the display back on is left to whoever ends the idle period.
+    DisplayPower::off();
     return true;
 }
 

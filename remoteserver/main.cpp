@@ -1,0 +1,72 @@
+#include "commandlineparser.h"
+#include "playlistparser.h"
+#include "remoteserver.h"
+#include "settings.h"
+
+#include <QCoreApplication>
+#include <QDebug>
+
+#include <csignal>
+#include <cstring>
+#include <iostream>
+#include <vector>
+
+int main(int argc, char *argv[])
+{
+    // Blocked before any thread starts, so every thread leaves them to the sigwait below.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    // --port is this program's own; everything else is the kiosk's command line, which names
+    // the preference and playlist files.
+    int port = 0;
+    std::vector<char *> kioskArguments{argv[0]};
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--port") == 0 && i + 1 < argc) {
+            port = QByteArray(argv[++i]).toInt();
+        } else if (std::strcmp(argv[i], "--help") == 0) {
+            std::cout << "Usage: vorsane-remote [--port PORT] [--basepath DIR] [--preference FILE]"
+                         " [--playlist FILE]\n"
+                         "Serves the remote-control page on PORT (default: remote/port).\n"
+                         "The key is VORSANE_REMOTE_KEY from the environment, else remote/key.\n";
+            return 0;
+        } else {
+            kioskArguments.push_back(argv[i]);
+        }
+    }
+    kioskArguments.push_back(nullptr);
+
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("vorsane-remote"));
+    CommandLineParser parser(int(kioskArguments.size()) - 1, kioskArguments.data());
+    Settings *settings = Settings::load(false, &parser);
+
+    RemoteServer::Config config;
+    config.port = quint16(port > 0 ? port : settings->get(QStringLiteral("remote/port")).toInt());
+    config.key = settings->get(QStringLiteral("remote/key")).toString();
+    if (qEnvironmentVariableIsSet("VORSANE_REMOTE_KEY")) {
+        config.key = qEnvironmentVariable("VORSANE_REMOTE_KEY");
+        qunsetenv("VORSANE_REMOTE_KEY");
+    }
+    config.localPlaylist = settings->get(QStringLiteral("remote/localplaylist")).toBool();
+    config.tv = settings->get(QStringLiteral("remote/tv")).toBool();
+    config.home = QString::fromLocal8Bit(qgetenv("HOME"));
+    config.playlistPath = settings->playlistFilename();
+    config.loopsPath = settings->get(QStringLiteral("slideshow/playlist_update_mode")).toString()
+                               == QLatin1String("localPlaylist")
+                           ? config.playlistPath
+                           : PlaylistParser::localCopyPath();
+
+    RemoteServer server(config);
+    if (!server.start())
+        return 1;
+    int signal = 0;
+    sigwait(&stopSignals, &signal);
+    qInfo() << "Remote server stopping on signal" << signal;
+    server.stop();
+    return 0;
+}

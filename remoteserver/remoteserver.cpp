@@ -1,0 +1,452 @@
+#include "remoteserver.h"
+
+#include "displaypower.h"
+
+#include <QCryptographicHash>
+#include <QDebug>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QRegularExpression>
+#include <QUdpSocket>
+#include <QUrl>
+
+#include <httplib.h>
+
+#include <vector>
+
+namespace {
+const char jsonType[] = "application/json; charset=utf-8";
+
+void reply(httplib::Response &response, int status, const QJsonObject &body)
+{
+    response.status = status;
+    response.set_header("Cache-Control", "no-store");
+    response.set_content(QJsonDocument(body).toJson(QJsonDocument::Compact).toStdString(),
+                         jsonType);
+}
+
+void fail(httplib::Response &response, int status, const QString &message)
+{
+    reply(response, status, QJsonObject{{QStringLiteral("error"), message}});
+}
+
+QJsonObject jsonBody(const httplib::Request &request)
+{
+    return QJsonDocument::fromJson(QByteArray::fromStdString(request.body)).object();
+}
+
+// The kiosk reads a datagram as Latin-1 script text: everything beyond ASCII goes as \u escapes,
+// which the script reads back exactly; U+2028 and U+2029 would end a script line.
+QByteArray scriptString(const QString &text)
+{
+    QByteArray out("\"");
+    for (const QChar c : text) {
+        const ushort u = c.unicode();
+        if (u == '"' || u == '\\') {
+            out += '\\';
+            out += char(u);
+        } else if (u >= 0x20 && u < 0x7f) {
+            out += char(u);
+        } else {
+            out += "\\u" + QByteArray::number(u, 16).rightJustified(4, '0');
+        }
+    }
+    return out + '"';
+}
+
+QByteArray number(const QJsonValue &value)
+{
+    return QByteArray::number(qint64(value.toDouble()));
+}
+
+qint64 contentLength(const httplib::Request &request)
+{
+    if (!request.has_header("Content-Length"))
+        return -1;
+    bool ok = false;
+    const qint64 length
+        = QByteArray::fromStdString(request.get_header_value("Content-Length")).toLongLong(&ok);
+    return ok ? length : -1;
+}
+
+QByteArray cookieValue(const httplib::Request &request, const char *name)
+{
+    const QByteArray header = QByteArray::fromStdString(request.get_header_value("Cookie"));
+    const QList<QByteArray> pairs = header.split(';');
+    for (const QByteArray &pair : pairs) {
+        const int equals = pair.indexOf('=');
+        if (equals > 0 && pair.left(equals).trimmed() == name)
+            return QByteArray::fromPercentEncoding(pair.mid(equals + 1).trimmed());
+    }
+    return QByteArray();
+}
+
+// The page with every "{{text}}" replaced by its translation.
+QByteArray page()
+{
+    QFile file(QStringLiteral(":/remote/remote.html"));
+    if (!file.open(QIODevice::ReadOnly))
+        return QByteArray();
+    const QString source = QString::fromUtf8(file.readAll());
+    static const QRegularExpression marker(QStringLiteral("\\{\\{(.*?)\\}\\}"));
+    QString out;
+    int from = 0;
+    QRegularExpressionMatchIterator matches = marker.globalMatch(source);
+    while (matches.hasNext()) {
+        const QRegularExpressionMatch match = matches.next();
+        out += source.midRef(from, match.capturedStart() - from);
+        out += QCoreApplication::translate("RemotePage", match.captured(1).toUtf8().constData())
+                   .toHtmlEscaped();
+        from = match.capturedEnd();
+    }
+    out += source.midRef(from);
+    return out.toUtf8();
+}
+
+struct StagedUpload
+{
+    QString name;
+    QString staged;
+    std::unique_ptr<QFile> file;
+};
+} // namespace
+
+// Outside any namespace: the resource initialiser is declared where this is expanded. The
+// library is static, so without this call the linker drops the page.
+static void initPageResources()
+{
+    static std::once_flag once;
+    std::call_once(once, [] { Q_INIT_RESOURCE(remoteserver); });
+}
+
+RemoteServer::RemoteServer(const Config &config)
+    : m_config(config)
+    , m_drop(config.home)
+    , m_playlist(config.playlistPath)
+    , m_server(std::make_unique<httplib::Server>())
+{
+    initPageResources();
+}
+
+RemoteServer::~RemoteServer()
+{
+    stop();
+}
+
+bool RemoteServer::start()
+{
+    if (!m_drop.ensureExists())
+        qWarning() << "Remote server: cannot create" << m_drop.path();
+    m_drop.clearStaging();
+    route();
+    QString host = QStringLiteral("0.0.0.0");
+    if (m_config.key.isEmpty()) {
+        host = QStringLiteral("127.0.0.1");
+        qWarning() << "Remote server: remote/key is empty, so only this machine may connect"
+                   << "(listening on 127.0.0.1).";
+    }
+    if (!m_server->bind_to_port(host.toStdString(), m_config.port)) {
+        qWarning() << "Remote server: cannot listen on" << host << "port" << m_config.port;
+        return false;
+    }
+    qInfo() << "Remote server listening on" << host << "port" << m_config.port;
+    m_thread = std::thread([this] { m_server->listen_after_bind(); });
+    return true;
+}
+
+void RemoteServer::stop()
+{
+    if (!m_thread.joinable())
+        return;
+    m_server->stop();
+    m_thread.join();
+    m_drop.clearStaging();
+}
+
+bool RemoteServer::keysMatch(const QByteArray &given, const QByteArray &expected)
+{
+    // Digests of equal length compared in full: the time taken says nothing about the key,
+    // neither its length nor where a guess goes wrong.
+    const QByteArray left = QCryptographicHash::hash(given, QCryptographicHash::Sha256);
+    const QByteArray right = QCryptographicHash::hash(expected, QCryptographicHash::Sha256);
+    unsigned char difference = 0;
+    for (int i = 0; i < left.size(); ++i)
+        difference |= static_cast<unsigned char>(left.at(i) ^ right.at(i));
+    return difference == 0 && !expected.isEmpty();
+}
+
+bool RemoteServer::authorise(const httplib::Request &request, httplib::Response &response) const
+{
+    if (m_config.key.isEmpty())
+        return true;
+    const QByteArray expected = m_config.key.toUtf8();
+    if (request.has_param("k")) {
+        const QByteArray given = QByteArray::fromStdString(request.get_param_value("k"));
+        if (keysMatch(given, expected)) {
+            response.set_header(
+                "Set-Cookie",
+                QStringLiteral("%1=%2; Path=/; Max-Age=31536000; HttpOnly; SameSite=Strict")
+                    .arg(QLatin1String(CookieName),
+                         QString::fromLatin1(expected.toPercentEncoding()))
+                    .toStdString());
+            return true;
+        }
+        return false;
+    }
+    return keysMatch(cookieValue(request, CookieName), expected);
+}
+
+QByteArray RemoteServer::datagram(const QJsonObject &command)
+{
+    const int action = command.value(QStringLiteral("action")).toInt(-1);
+    const QJsonObject data = command.value(QStringLiteral("data")).toObject();
+    QByteArray fields;
+    switch (action) {
+    case 0:
+    case 1:
+    case 3:
+    case 4:
+        break;
+    case 2:
+        fields = "\"index\":" + number(data.value(QStringLiteral("index")))
+                 + ",\"loop\":" + number(data.value(QStringLiteral("loop")));
+        break;
+    case 5:
+    case 7: {
+        const QString field = action == 5 ? QStringLiteral("text") : QStringLiteral("url");
+        fields = '"' + field.toLatin1() + "\":" + scriptString(data.value(field).toString())
+                 + ",\"duration\":" + number(data.value(QStringLiteral("duration")));
+        break;
+    }
+    case 8:
+        fields = "\"path\":" + scriptString(data.value(QStringLiteral("path")).toString());
+        break;
+    default:
+        return QByteArray();
+    }
+    return "{\"action\":" + QByteArray::number(action) + ",\"data\":{" + fields + "}}";
+}
+
+bool RemoteServer::send(const QByteArray &datagram) const
+{
+    QUdpSocket socket;
+    return socket.writeDatagram(datagram, QHostAddress::LocalHost, m_config.datagramPort)
+           == datagram.size();
+}
+
+void RemoteServer::route()
+{
+    using httplib::Request;
+    using httplib::Response;
+    httplib::Server &server = *m_server;
+    server.set_read_timeout(30, 0);
+    server.set_write_timeout(30, 0);
+
+    server.set_pre_routing_handler([this](const Request &request, Response &response) {
+        if (!authorise(request, response)) {
+            response.status = 403;
+            response.set_header("Connection", "close");
+            response.set_content("Forbidden\n", "text/plain");
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        if (request.path != "/api/files" && contentLength(request) > MaxRequestBody) {
+            response.set_header("Connection", "close");
+            fail(response, 413, tr("The request is too large."));
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        return httplib::Server::HandlerResponse::Unhandled;
+    });
+
+    server.Get("/", [](const Request &, Response &response) {
+        response.set_header("Cache-Control", "no-store");
+        response.set_content(page().toStdString(), "text/html; charset=utf-8");
+    });
+
+    server.Get("/screen.png", [this](const Request &, Response &response) {
+        QFile screen(m_config.screenshotPath);
+        response.set_header("Cache-Control", "no-store");
+        if (!screen.open(QIODevice::ReadOnly)) {
+            response.status = 404;
+            return;
+        }
+        response.set_content(screen.readAll().toStdString(), "image/png");
+    });
+
+    server.Get("/api/status", [this](const Request &, Response &response) {
+        reply(response, 200,
+              QJsonObject{{QStringLiteral("localplaylist"), m_config.localPlaylist},
+                          {QStringLiteral("tv"), m_config.tv}});
+    });
+
+    server.Post("/api/command", [this](const Request &request, Response &response) {
+        const QByteArray message = datagram(jsonBody(request));
+        if (message.isEmpty() || message.startsWith("{\"action\":8"))
+            return fail(response, 400, tr("Unknown command."));
+        if (!send(message))
+            return fail(response, 502, tr("The command could not be sent to the slideshow."));
+        reply(response, 200, QJsonObject{{QStringLiteral("sent"), QString::fromLatin1(message)}});
+    });
+
+    server.Get("/api/loops", [this](const Request &, Response &response) {
+        QFile file(m_config.loopsPath);
+        QByteArray text;
+        if (file.open(QIODevice::ReadOnly))
+            text = file.readAll();
+        std::lock_guard<std::mutex> lock(m_files);
+        reply(response, 200, QJsonObject{{QStringLiteral("loops"), PlaylistFile::loops(text)}});
+    });
+
+    server.Get("/api/files", [this](const Request &, Response &response) {
+        QJsonArray files;
+        std::lock_guard<std::mutex> lock(m_files);
+        const QList<DropFolder::Entry> entries = m_drop.list();
+        for (const DropFolder::Entry &entry : entries)
+            files.append(QJsonObject{{QStringLiteral("name"), entry.name},
+                                     {QStringLiteral("size"), entry.size}});
+        reply(response, 200, QJsonObject{{QStringLiteral("files"), files}});
+    });
+
+    server.Post("/api/files", [this](const Request &request, Response &response,
+                                     const httplib::ContentReader &reader) {
+        upload(request, response, reader);
+    });
+
+    server.Delete("/api/files", [this](const Request &request, Response &response) {
+        const QString name = QString::fromStdString(request.get_param_value("name"));
+        {
+            std::lock_guard<std::mutex> lock(m_files);
+            if (!m_drop.contains(name))
+                return fail(response, 404, tr("No such file: %1").arg(name));
+        }
+        // The slideshow deletes it, so it never plays a file that has just gone.
+        const QByteArray message = datagram(
+            QJsonObject{{QStringLiteral("action"), 8},
+                        {QStringLiteral("data"), QJsonObject{{QStringLiteral("path"), name}}}});
+        if (!send(message))
+            return fail(response, 502, tr("The command could not be sent to the slideshow."));
+        reply(response, 202, QJsonObject{{QStringLiteral("sent"), QString::fromLatin1(message)}});
+    });
+
+    server.Get("/api/playlist", [this](const Request &, Response &response) {
+        if (!m_config.localPlaylist)
+            return fail(response, 403, tr("Editing the local playlist is turned off."));
+        std::lock_guard<std::mutex> lock(m_files);
+        response.set_header("Cache-Control", "no-store");
+        response.set_content(m_playlist.read().toStdString(), "text/plain; charset=utf-8");
+    });
+
+    server.Post("/api/playlist", [this](const Request &request, Response &response) {
+        if (!m_config.localPlaylist)
+            return fail(response, 403, tr("Editing the local playlist is turned off."));
+        QByteArray text = QByteArray::fromStdString(request.body);
+        if (request.is_multipart_form_data()) {
+            if (request.files.empty())
+                return fail(response, 400, tr("No playlist file was sent."));
+            text = QByteArray::fromStdString(request.files.begin()->second.content);
+        }
+        QString error;
+        {
+            std::lock_guard<std::mutex> lock(m_files);
+            if (!m_playlist.replace(text, &error))
+                return fail(response, 422, error);
+        }
+        send(datagram(QJsonObject{{QStringLiteral("action"), 4}}));
+        reply(response, 200, QJsonObject{{QStringLiteral("saved"), m_playlist.path()}});
+    });
+
+    server.Post("/api/tv", [this](const Request &request, Response &response) {
+        if (!m_config.tv)
+            return fail(response, 403, tr("Switching the screen is turned off."));
+        const bool on = jsonBody(request).value(QStringLiteral("on")).toBool();
+        if (on)
+            DisplayPower::on();
+        else
+            DisplayPower::off();
+        reply(response, 200, QJsonObject{{QStringLiteral("on"), on}});
+    });
+}
+
+void RemoteServer::upload(const httplib::Request &request, httplib::Response &response,
+                          const httplib::ContentReader &reader)
+{
+    // Whatever happens, the rest of a refused body is not read: the connection ends.
+    response.set_header("Connection", "close");
+    if (!request.is_multipart_form_data())
+        return fail(response, 400, tr("Send the files as multipart/form-data."));
+    const qint64 length = contentLength(request);
+    if (length < 0)
+        return fail(response, 411, tr("The upload must state its length."));
+    if (!m_drop.hasRoomFor(length))
+        return fail(response, 507, tr("Not enough free disk space for this upload."));
+
+    std::vector<StagedUpload> uploads;
+    QJsonArray rejected;
+    StagedUpload *current = nullptr;
+    bool writeFailed = false;
+    const bool complete = reader(
+        [&](const httplib::MultipartFormData &part) {
+            current = nullptr;
+            if (part.filename.empty())
+                return true;
+            const QString original = QString::fromStdString(part.filename);
+            const QString name = DropFolder::cleanName(original);
+            if (name.isEmpty() || !DropFolder::isAccepted(name)) {
+                rejected.append(original);
+                return true;
+            }
+            StagedUpload upload;
+            upload.name = name;
+            upload.staged = m_drop.stagingFile();
+            upload.file = std::make_unique<QFile>(upload.staged);
+            if (!upload.file->open(QIODevice::WriteOnly)) {
+                writeFailed = true;
+                return false;
+            }
+            uploads.push_back(std::move(upload));
+            current = &uploads.back();
+            return true;
+        },
+        [&](const char *data, size_t size) {
+            if (!current)
+                return true;
+            if (current->file->write(data, qint64(size)) != qint64(size)) {
+                writeFailed = true;
+                return false;
+            }
+            return true;
+        });
+
+    bool flushed = true;
+    for (StagedUpload &upload : uploads)
+        flushed = upload.file->flush() && flushed;
+    if (!complete || writeFailed || !flushed) {
+        for (StagedUpload &upload : uploads) {
+            upload.file->close();
+            QFile::remove(upload.staged);
+        }
+        qWarning() << "Remote server: upload not complete, nothing kept.";
+        return fail(response, writeFailed || !flushed ? 507 : 400,
+                    tr("The upload was not complete; nothing was kept."));
+    }
+
+    QJsonArray saved;
+    std::lock_guard<std::mutex> lock(m_files);
+    for (StagedUpload &upload : uploads) {
+        upload.file->close();
+        const QString name = m_drop.commit(upload.staged, upload.name);
+        if (name.isEmpty())
+            rejected.append(upload.name);
+        else
+            saved.append(name);
+    }
+    if (saved.isEmpty() && !rejected.isEmpty())
+        return reply(
+            response, 415,
+            QJsonObject{
+                {QStringLiteral("error"),
+                 tr("Only pictures, videos, PDFs and HTML or text documents are accepted.")},
+                {QStringLiteral("rejected"), rejected}});
+    reply(response, 200,
+          QJsonObject{{QStringLiteral("saved"), saved}, {QStringLiteral("rejected"), rejected}});
+}

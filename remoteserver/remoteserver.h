@@ -1,0 +1,73 @@
+#pragma once
+
+#include "dropfolder.h"
+#include "playlistfile.h"
+
+#include <QCoreApplication>
+#include <QJsonObject>
+#include <QString>
+
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace httplib {
+class ContentReader;
+class Server;
+struct Request;
+struct Response;
+} // namespace httplib
+
+// The remote-control web server: a small page and a JSON API that send the slideshow its
+// datagrams, take uploads into the drag-and-drop folder, replace the local playlist and switch
+// the screen. Requests are served on a pool of threads; file work is serialised by one mutex.
+class RemoteServer
+{
+    Q_DECLARE_TR_FUNCTIONS(RemoteServer)
+
+public:
+    struct Config
+    {
+        quint16 port = 7575;
+        // Empty: no key is asked for, and only this machine may connect.
+        QString key;
+        bool localPlaylist = true;
+        bool tv = true;
+        QString home;
+        // The playlist the page may replace, and the one whose loops it lists.
+        QString playlistPath;
+        QString loopsPath;
+        QString screenshotPath = QStringLiteral("/tmp/screen.png");
+        quint16 datagramPort = 54545;
+    };
+
+    static constexpr const char *CookieName = "vorsane_remote";
+    // Anything but an upload carries at most this much.
+    static constexpr qint64 MaxRequestBody = 2 * 1024 * 1024;
+
+    explicit RemoteServer(const Config &config);
+    ~RemoteServer();
+
+    // Binds the port and serves on a thread of its own.
+    bool start();
+    void stop();
+
+    // The datagram for a command as the page sends it ({"action": n, "data": {...}}), with only
+    // the fields that command reads; empty for an unknown command.
+    static QByteArray datagram(const QJsonObject &command);
+    static bool keysMatch(const QByteArray &given, const QByteArray &expected);
+
+private:
+    void route();
+    bool authorise(const httplib::Request &request, httplib::Response &response) const;
+    bool send(const QByteArray &datagram) const;
+    void upload(const httplib::Request &request, httplib::Response &response,
+                const httplib::ContentReader &reader);
+
+    Config m_config;
+    DropFolder m_drop;
+    PlaylistFile m_playlist;
+    std::unique_ptr<httplib::Server> m_server;
+    std::thread m_thread;
+    mutable std::mutex m_files;
+};
