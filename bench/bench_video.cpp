@@ -12,7 +12,6 @@
 #include <QApplication>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QLabel>
 #include <QProcess>
 #include <QScreen>
 #include <QSignalSpy>
@@ -48,7 +47,7 @@ QColor screenCentre()
 {
     QScreen *screen = QGuiApplication::primaryScreen();
     const QPoint centre = screen->geometry().center();
-    return screen->grabWindow(0, centre.x(), centre.y(), 1, 1).toImage().pixelColor(0, 0);
+    return screen->grabWindow(0, centre.x() - 2, centre.y() - 2, 4, 4).toImage().pixelColor(2, 2);
 }
 
 // User and system CPU time of this process, in seconds.
@@ -67,11 +66,14 @@ double cpuSeconds()
 
 // Shows the red picture, then moves to the video as the viewer does; milliseconds until the
 // video's first frame is on the X screen, -1 if none came.
-qint64 timeToFirstFrame(QStackedWidget &stage, QLabel &previous, PlaylistItem &item)
+qint64 timeToFirstFrame(QStackedWidget &stage, QWidget &previous, PlaylistItem &item)
 {
     stage.setCurrentWidget(&previous);
-    if (!QTest::qWaitFor([] { return screenCentre() == QColor(Qt::red); }, 5000))
+    if (!QTest::qWaitFor([] { return screenCentre() == QColor(Qt::red); }, 5000)) {
+        std::fprintf(stderr, "the previous item is not on screen (%s)\n",
+                     qPrintable(screenCentre().name()));
         return -1;
+    }
 
     QElapsedTimer clock;
     clock.start();
@@ -127,11 +129,17 @@ int main(int argc, char **argv)
     }
 
     QStackedWidget stage;
-    QLabel previous;
+    QWidget previous;
+    QPalette red = previous.palette();
+    red.setColor(QPalette::Window, Qt::red);
+    previous.setPalette(red);
     previous.setAutoFillBackground(true);
-    previous.setStyleSheet(QStringLiteral("background: #ff0000"));
     stage.addWidget(&previous);
+    // No window manager sizes a full-screen window here.
+    stage.setGeometry(QGuiApplication::primaryScreen()->geometry());
     stage.showFullScreen();
+    if (!QTest::qWaitForWindowExposed(&stage))
+        std::fprintf(stderr, "the stage was not shown\n");
 
     PlaylistItem shortItem("file://" + shortClip, PlaylistItem::Video, 0, false, {});
     QList<qint64> times;
