@@ -132,6 +132,7 @@ void TestVideo::playerChoice()
 {
     QFETCH(bool, external);
     m_settings->set("slideshow/external_player", external);
+    m_fakes->add("omxplayer");
     PlaylistItem item("file://" + m_clip, PlaylistItem::Video, 0, false, {});
     Video video(&item, nullptr);
 
