@@ -14,6 +14,10 @@ packages=(
     libvlc-dev vlc-plugin-base libpoppler-qt5-dev libproxy-dev libcrypt-dev
     # the remote-control web server
     libcpp-httplib-dev
+    # video: libVLC's X11 outputs (the base plugins decode H.264, H.265 and VP9), its plugin
+    # cache (without it every start loads all ~370 plugins: seconds on a small board), and the
+    # VA-API drivers for hardware decoding where the machine has it
+    vlc-plugin-video-output libvlc-bin va-driver-all
     # run time: X server for headless machines, desktop helpers the program calls
     xvfb xauth x11-xserver-utils unzip
     # tests: xwininfo reads the window titles the program shows

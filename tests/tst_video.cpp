@@ -132,6 +132,7 @@ void TestVideo::playerChoice()
 {
     QFETCH(bool, external);
     m_settings->set("slideshow/external_player", external);
+    m_fakes->add("omxplayer");
     PlaylistItem item("file://" + m_clip, PlaylistItem::Video, 0, false, {});
     Video video(&item, nullptr);
 
@@ -273,24 +274,32 @@ void TestVideo::playerEndsByItself()
 void TestVideo::playerThatCannotStart_data()
 {
     QTest::addColumn<QString>("command");
-    QTest::newRow("missing program") << "no-such-player-here %f";
-    QTest::newRow("empty program") << " %f";
-    QTest::newRow("not executable") << "noexec %f";
+    // A player that is not installed gives way to the built-in one, which plays the clip.
+    QTest::addColumn<bool>("builtIn");
+    QTest::newRow("missing program") << "no-such-player-here %f" << true;
+    QTest::newRow("empty program") << " %f" << true;
+    QTest::newRow("not executable") << "noexec %f" << true;
+    QTest::newRow("missing interpreter") << "badinterp %f" << false;
 }
 
 void TestVideo::playerThatCannotStart()
 {
     QFETCH(QString, command);
+    QFETCH(bool, builtIn);
     QVERIFY(writeFile(m_fakes->dir() + "/noexec", "#!/bin/sh\nexit 0\n"));
+    QVERIFY(writeFile(m_fakes->dir() + "/badinterp", "#!/no/such/interpreter\n"));
+    QVERIFY(QFile::setPermissions(m_fakes->dir() + "/badinterp",
+                                  QFile::ReadOwner | QFile::ExeOwner));
     m_settings->set("slideshow/external_player_cmd", command);
 
     PlaylistItem item("file://" + m_clip, PlaylistItem::Video, 0, false, {});
     Video video(&item, nullptr);
+    QCOMPARE(dynamic_cast<VLCVideoImpl *>(video.impl()) != nullptr, builtIn);
     QSignalSpy end(&video, &Video::end);
     QVERIFY(video.start());
     // Not from inside start(): the receiver is still busy starting this item.
     QCOMPARE(end.count(), 0);
-    QVERIFY(end.wait(5000));
+    QVERIFY(end.wait(15000));
     QCOMPARE(end.count(), 1);
     video.stop();
 }

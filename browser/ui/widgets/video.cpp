@@ -10,6 +10,7 @@
 #include <QMouseEvent>
 #include <QPalette>
 #include <QScreen>
+#include <QStandardPaths>
 
 Video::Video(PlaylistItem *item, QWidget *parent)
     : QWidget(parent)
@@ -28,6 +29,14 @@ Video::Video(PlaylistItem *item, QWidget *parent)
     } else {
         qDebug() << "Using external command:" << cmd;
         command = cmd.split(QLatin1Char(' '));
+    }
+    // Current Raspberry Pi OS no longer ships omxplayer: a player that is not there would skip
+    // every video, so the built-in one plays it instead.
+    const QString program = command.value(0);
+    if (QStandardPaths::findExecutable(program).isEmpty()) {
+        qWarning() << "Video player not installed, playing with the built-in player:" << program;
+        m_impl = std::make_unique<VLCVideoImpl>(this, item);
+        return;
     }
     m_impl = std::make_unique<ExternalVideoImpl>(this, command, item);
 }

@@ -1,11 +1,19 @@
 #include "vlcvideoimpl.h"
 
 #include "playlistitem.h"
+#include "settings.h"
 #include "video.h"
 
 #include <QDebug>
+#include <QDir>
+#include <QDirIterator>
+#include <QFileInfo>
+#include <QGuiApplication>
 #include <QMetaObject>
 
+#include <vector>
+
+#include <dlfcn.h>
 #include <vlc/vlc.h>
 
 namespace {
@@ -13,21 +21,69 @@ namespace {
 // without a duration would then stay forever.
 const int openingTimeoutMs = 30000;
 
+// The old Raspberry Pi firmware's OpenMAX output draws the video on a layer of its own; libVLC
+// cannot list its outputs, so the plugin is looked for where libVLC loads its plugins from.
+bool omxilOutputInstalled()
+{
+    QStringList directories
+        = qEnvironmentVariable("VLC_PLUGIN_PATH").split(QLatin1Char(':'), Qt::SkipEmptyParts);
+    Dl_info library;
+    if (dladdr(reinterpret_cast<void *>(&libvlc_new), &library) && library.dli_fname) {
+        directories << QFileInfo(QString::fromLocal8Bit(library.dli_fname)).absolutePath()
+                           + QStringLiteral("/vlc/plugins");
+    }
+    for (const QString &directory : qAsConst(directories)) {
+        QDirIterator plugins(directory, {QStringLiteral("libomxil_vout_plugin.so")}, QDir::Files,
+                             QDirIterator::Subdirectories);
+        if (plugins.hasNext())
+            return true;
+    }
+    return false;
+}
+
+enum class Output {
+    Omxil,
+    // Into the Video widget's own X window.
+    XWindow,
+    // Nothing to draw into (offscreen platform); libVLC must not open a window of its own on
+    // whatever display the environment names.
+    None,
+    // Another window system: libVLC opens its own window.
+    Own
+};
+
+Output videoOutput()
+{
+    static const Output output = [] {
+        if (omxilOutputInstalled())
+            return Output::Omxil;
+        const QString platform = QGuiApplication::platformName();
+        if (platform == QLatin1String("xcb"))
+            return Output::XWindow;
+        if (platform == QLatin1String("offscreen") || platform == QLatin1String("minimal"))
+            return Output::None;
+        return Output::Own;
+    }();
+    return output;
+}
+
 // One libVLC instance serves every video for the life of the process: loading the plugins for
 // each item costs seconds on a small board, and unloading them leaves allocations behind.
 libvlc_instance_t *sharedInstance()
 {
     static libvlc_instance_t *instance = nullptr;
     if (!instance) {
-        const char *const arguments[] = {"-I",
-                                         "dummy",
-                                         "--no-xlib",
-                                         "--ignore-config",
-                                         "--no-video-title-show",
-                                         "--no-disable-screensaver",
-                                         "--vout",
-                                         "omxil_vout"};
-        instance = libvlc_new(8, arguments);
+        std::vector<const char *> arguments{"-I",
+                                            "dummy",
+                                            "--no-xlib",
+                                            "--ignore-config",
+                                            "--no-video-title-show",
+                                            "--no-disable-screensaver"};
+        if (videoOutput() == Output::Omxil)
+            arguments.insert(arguments.end(), {"--vout", "omxil_vout"});
+        else if (videoOutput() == Output::None)
+            arguments.insert(arguments.end(), {"--vout", "dummy"});
+        instance = libvlc_new(int(arguments.size()), arguments.data());
     }
     return instance;
 }
@@ -38,6 +94,15 @@ VLCVideoImpl::VLCVideoImpl(Video *video, PlaylistItem *item)
     , m_location(item->url)
 {
     video->setBlackBackground();
+    Settings *settings = Settings::load(false, nullptr);
+    m_stretch = settings->get(QStringLiteral("slideshow/stretch")).toBool();
+    m_mute = settings->get(QStringLiteral("slideshow/mute")).toBool();
+    if (videoOutput() == Output::XWindow) {
+        // libVLC draws into a window of its own inside this widget's X window; the ancestors
+        // stay as they are.
+        video->setAttribute(Qt::WA_DontCreateNativeAncestors);
+        video->setAttribute(Qt::WA_NativeWindow);
+    }
 
     m_instance = sharedInstance();
     if (!m_instance) {
@@ -49,6 +114,9 @@ VLCVideoImpl::VLCVideoImpl(Video *video, PlaylistItem *item)
         qWarning() << "Cannot create a libVLC player:" << libvlc_errmsg();
         return;
     }
+    // Clicks and keys belong to the show (right click, stop on event), not to the video window.
+    libvlc_video_set_mouse_input(m_player, 0);
+    libvlc_video_set_key_input(m_player, 0);
     libvlc_event_manager_t *events = libvlc_media_player_event_manager(m_player);
     libvlc_event_attach(events, libvlc_MediaPlayerEndReached, &VLCVideoImpl::onMediaEndReached,
                         this);
@@ -127,7 +195,11 @@ bool VLCVideoImpl::start()
         postPlaybackOver(true);
         return true;
     }
+    if (m_mute)
+        libvlc_media_add_option(m_media, ":no-audio");
     libvlc_media_player_set_media(m_player, m_media);
+    if (videoOutput() == Output::XWindow)
+        embedInto();
     if (libvlc_media_player_play(m_player) != 0) {
         postPlaybackOver(true);
         return true;
@@ -172,6 +244,14 @@ void VLCVideoImpl::onPlaybackOver(quint64 generation, bool failed)
         return;
     m_playing = false;
     m_openingTimer.stop();
+    // libVLC plays a file of random bytes to its "end" without an error; it found nothing in it.
+    if (!failed && m_media) {
+        libvlc_media_track_t **tracks = nullptr;
+        const unsigned count = libvlc_media_tracks_get(m_media, &tracks);
+        if (count > 0)
+            libvlc_media_tracks_release(tracks, count);
+        failed = count == 0;
+    }
     if (failed)
         qWarning() << "Cannot play video" << mediaAddress(m_location).toEncoded();
     emit m_video->end();
@@ -187,6 +267,20 @@ void VLCVideoImpl::onOpeningTimeout()
     qWarning() << "Video did not start in time" << mediaAddress(m_location).toEncoded();
     m_playing = false;
     emit m_video->end();
+}
+
+void VLCVideoImpl::embedInto()
+{
+    if (!m_video->isVisible())
+        m_video->show();
+    libvlc_media_player_set_xwindow(m_player, quint32(m_video->winId()));
+    // Stretched, the picture takes the widget's shape; otherwise it keeps its own, fitted inside.
+    const QSize area = m_video->size();
+    const QByteArray aspect = m_stretch && !area.isEmpty() ? QByteArray::number(area.width()) + ':'
+                                                                 + QByteArray::number(area.height())
+                                                           : QByteArray();
+    libvlc_video_set_aspect_ratio(m_player, aspect.isEmpty() ? nullptr : aspect.constData());
+    libvlc_video_set_scale(m_player, 0);
 }
 
 void VLCVideoImpl::releaseMedia()

@@ -40,6 +40,7 @@ private:
     void postPlaybackOver(bool failed);
     void onPlaybackOver(quint64 generation, bool failed);
     void onOpeningTimeout();
+    void embedInto();
     void releaseMedia();
 
     Video *m_video;
@@ -51,5 +52,7 @@ private:
     // Counts starts and stops, so that an event of an earlier playback is recognised as stale.
     std::atomic<quint64> m_generation{0};
     bool m_playing = false;
+    bool m_stretch = false;
+    bool m_mute = false;
     QTimer m_openingTimer;
 };
