@@ -15,6 +15,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QPointer>
+#include <QSettings>
 #include <QStandardPaths>
 #include <QtTest>
 
@@ -102,7 +103,8 @@ private Q_SLOTS:
     void contentEnds();
 
 private:
-    QByteArray preferences(const QStringList &entries) const;
+    // "section/key=value" entries over the few every test needs.
+    void writePreferences(const QStringList &entries) const;
     // Writes playlist and preferences, builds viewer and dispatcher; begin: call next() once.
     void launch(const QByteArray &playlist, const QStringList &prefs = QStringList(),
                 bool begin = true);
@@ -162,31 +164,20 @@ void TestDispatcher::cleanup()
     m_usbWarning = QImage();
 }
 
-QByteArray TestDispatcher::preferences(const QStringList &entries) const
+void TestDispatcher::writePreferences(const QStringList &entries) const
 {
-    QMap<QString, QMap<QString, QString>> sections;
-    sections["main"]["version"] = QStringLiteral("QFGLs6IVf1");
-    sections["main"]["fullscreen"] = QStringLiteral("false");
-    sections["slideshow"]["hide_pointer"] = QStringLiteral("false");
-    for (const QString &entry : entries) {
-        const int slash = entry.indexOf('/');
-        const int equals = entry.indexOf('=');
-        sections[entry.left(slash)][entry.mid(slash + 1, equals - slash - 1)]
-            = entry.mid(equals + 1);
-    }
-    QByteArray text;
-    for (auto section = sections.cbegin(); section != sections.cend(); ++section) {
-        text += "[" + section.key().toUtf8() + "]\n";
-        for (auto key = section->cbegin(); key != section->cend(); ++key)
-            text += key.key().toUtf8() + "=" + key.value().toUtf8() + "\n";
-    }
-    return text;
+    QSettings file(m_home->filePath("conf/preferences"), QSettings::IniFormat);
+    file.setValue("main/version", "QFGLs6IVf1");
+    file.setValue("main/fullscreen", false);
+    file.setValue("slideshow/hide_pointer", false);
+    for (const QString &entry : entries)
+        file.setValue(entry.section('=', 0, 0), entry.section('=', 1));
 }
 
 void TestDispatcher::launch(const QByteArray &playlist, const QStringList &prefs, bool begin)
 {
     QVERIFY(writeFile(m_home->filePath("conf/playlist"), playlist));
-    QVERIFY(writeFile(m_home->filePath("conf/preferences"), preferences(prefs)));
+    writePreferences(prefs);
     Settings::load(true, m_parser.get());
     m_viewer = std::make_unique<Viewer>();
     m_dispatcher = std::make_unique<Dispatcher>(m_viewer.get(), m_parser.get());
