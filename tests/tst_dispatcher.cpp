@@ -101,6 +101,7 @@ private Q_SLOTS:
     void contentEndingAtOnceRests();
     void contentEnds_data();
     void contentEnds();
+    void pollingIntervalHasAFloor();
 
 private:
     // "section/key=value" entries over the few every test needs.
@@ -627,6 +628,19 @@ void TestDispatcher::contentEnds()
     QVERIFY2(clock.elapsed() >= minimumMs, qPrintable(QString::number(clock.elapsed())));
     if (type == "video")
         QVERIFY(m_fakes->callLines("pkill").contains("-9 omxplayer"));
+}
+void TestDispatcher::pollingIntervalHasAFloor()
+{
+    // A zero interval once asked the content server as fast as it answered.
+    const QByteArray xml = schedule(xmlLoop("id=\"0\"", xmlItem(pictureUrl("red"), "image")));
+    m_server.setRoute(QString::fromLatin1(playlistPath), xml);
+    m_server.setRoute("/webapp/db/getEdit/hall-1/playlist/", "2024;05;06;07;08;09;");
+    launch(xml, {"slideshow/playlist_update_mode=serverVorsaneTV",
+                 "slideshow/pages=" + m_server.url(playlistPath).toString(),
+                 "slideshow/refresh_after_minutes=0"});
+    QCOMPARE(shown(), QStringLiteral("red"));
+    QSignalSpy requests(&m_server, &HttpServer::requestReceived);
+    QVERIFY(!requests.wait(500));
 }
 
 QTEST_MAIN(TestDispatcher)
