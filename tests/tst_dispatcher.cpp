@@ -350,6 +350,7 @@ void TestDispatcher::screenOff_data()
     QTest::newRow("overnight span, now before midnight") << -60 << -90 << true;
     QTest::newRow("overnight span that began yesterday") << 60 - 24 * 60 << 30 << true;
     QTest::newRow("span still to come") << 60 << 120 << false;
+    QTest::newRow("span already over") << -120 << -60 << false;
 }
 
 void TestDispatcher::screenOff()
