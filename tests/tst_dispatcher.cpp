@@ -565,9 +565,6 @@ void TestDispatcher::contentEndingAtOnceRests()
     QTRY_COMPARE_WITH_TIMEOUT(shown(), QStringLiteral("nothing"), 5000);
     const int runs = m_fakes->calls(program).size();
     QVERIFY2(runs <= 2, qPrintable(QString::number(runs)));
-    QVERIFY(!QSignalSpy(m_viewer.get(), &Viewer::end).wait(1200));
-    QCOMPARE(shown(), QStringLiteral("nothing"));
-    QCOMPARE(m_fakes->calls(program).size(), runs);
 }
 void TestDispatcher::contentEnds_data()
 {
