@@ -210,14 +210,6 @@ bool makeVideo(const QString &path, int seconds, const QSize &size)
                       QStringLiteral("-pix_fmt"), QStringLiteral("yuv420p"), path});
 }
 
-bool makeGif(const QString &path, int frames, const QSize &size)
-{
-    return runFfmpeg(
-        {QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"),
-         QStringLiteral("testsrc=size=%1x%2:rate=10").arg(size.width()).arg(size.height()),
-         QStringLiteral("-frames:v"), QString::number(frames), path});
-}
-
 bool writeFile(const QString &path, const QByteArray &content)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
@@ -258,20 +250,6 @@ quint16 closedPort()
     QTcpServer probe;
     probe.listen(QHostAddress::LocalHost);
     return probe.serverPort();
-}
-
-TvserviceStandIn::TvserviceStandIn(const QString &target)
-{
-    if (QFile::exists(QStringLiteral("/opt/vc")) || !QDir().mkpath(QStringLiteral("/opt/vc/bin")))
-        return;
-    m_created = true;
-    m_ready = QFile::link(target, QStringLiteral("/opt/vc/bin/tvservice"));
-}
-
-TvserviceStandIn::~TvserviceStandIn()
-{
-    if (m_created)
-        QDir(QStringLiteral("/opt/vc")).removeRecursively();
 }
 
 QString programPath()

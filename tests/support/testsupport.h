@@ -74,7 +74,6 @@ bool makeImage(const QString &path, const QSize &size, const QColor &color,
 bool makePdf(const QString &path, int pages);
 // Generated with ffmpeg; false when ffmpeg is missing or fails.
 bool makeVideo(const QString &path, int seconds, const QSize &size = QSize(64, 48));
-bool makeGif(const QString &path, int frames, const QSize &size = QSize(32, 32));
 bool writeFile(const QString &path, const QByteArray &content);
 QByteArray readFile(const QString &path);
 
@@ -85,20 +84,6 @@ std::unique_ptr<CommandLineParser> makeParser(const QString &basePath);
 
 // A port on 127.0.0.1 where nothing listens.
 quint16 closedPort();
-
-// Puts a stand-in (a link to target) at the display tool's fixed path "/opt/vc/bin/tvservice"
-// for the object's lifetime, only where nothing is there yet; whatever it created goes again.
-class TvserviceStandIn
-{
-public:
-    explicit TvserviceStandIn(const QString &target);
-    ~TvserviceStandIn();
-    bool ready() const { return m_ready; }
-
-private:
-    bool m_created = false;
-    bool m_ready = false;
-};
 
 // The built program, for end-to-end tests.
 QString programPath();

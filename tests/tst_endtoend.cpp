@@ -1,0 +1,171 @@
+#include "kioskprocess.h"
+#include "testsupport.h"
+
+#include <QElapsedTimer>
+#include <QImage>
+#include <QPageSize>
+#include <QPainter>
+#include <QPdfWriter>
+#include <QtTest>
+
+using namespace testsupport;
+
+namespace {
+const char screenshot[] = "/tmp/screen.png";
+
+QByteArray clock(qint64 secondsFromNow)
+{
+    return QDateTime::currentDateTime().addSecs(secondsFromNow).toString("hh:mm").toUtf8();
+}
+
+QByteArray item(const QString &path, int seconds, const QByteArray &type = "image")
+{
+    return "<item uri=\"file://" + path.toUtf8() + "\" type=\"" + type + "\" time=\""
+           + QByteArray::number(seconds) + "\"/>\n";
+}
+
+QString picture(KioskProcess &kiosk, const QString &name, const QColor &colour)
+{
+    const QString path = kiosk.home().filePath("pics/" + name);
+    makeImage(path, QSize(320, 240), colour, "PNG");
+    return path;
+}
+
+// One solid page per colour, small enough to be scaled up to the screen.
+bool makeColourPdf(const QString &path, const QList<QColor> &pages)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QPdfWriter writer(path);
+    writer.setResolution(72);
+    writer.setPageSize(QPageSize(QSizeF(300, 200), QPageSize::Point));
+    writer.setPageMargins(QMarginsF(0, 0, 0, 0));
+    QPainter painter(&writer);
+    for (int page = 0; page < pages.size(); ++page) {
+        if (page > 0)
+            writer.newPage();
+        painter.fillRect(QRect(0, 0, writer.width(), writer.height()), pages.at(page));
+    }
+    return painter.end();
+}
+
+// Scaling shifts a colour a little.
+bool sameColour(const QColor &a, const QColor &b)
+{
+    return a.isValid() && qAbs(a.red() - b.red()) <= 24 && qAbs(a.green() - b.green()) <= 24
+           && qAbs(a.blue() - b.blue()) <= 24;
+}
+
+// Asks the show for fresh screenshots until the centre shows the colour: pages that finish
+// loading change the screen without a new item. Not too often: each request costs the show a
+// grab of the screen. Every picture read must be whole.
+bool waitForScreen(KioskProcess &kiosk, const QColor &colour, int timeoutMs = 15000)
+{
+    QElapsedTimer sinceRequest;
+    QString seen;
+    const bool shown = QTest::qWaitFor(
+        [&] {
+            if (!sinceRequest.isValid() || sinceRequest.elapsed() >= 700) {
+                KioskProcess::sendDatagram(R"({"action": 3})");
+                sinceRequest.start();
+            }
+            const QColor current = KioskProcess::screenColor();
+            if (QFile::exists(screenshot) && !current.isValid())
+                seen += " HALF-WRITTEN";
+            else if (current.isValid() && !seen.endsWith(current.name()))
+                seen += " " + current.name();
+            return sameColour(current, colour);
+        },
+        timeoutMs);
+    if (!shown)
+        qWarning().noquote() << "Waited for" << colour.name() << "; saw" << seen << "\n"
+                             << kiosk.log().right(3000);
+    return shown && !seen.contains("HALF");
+}
+} // namespace
+
+// The real program under Xvfb: what it shows is read from the screenshots it writes, and it is
+// steered by real datagrams on the remote-control port.
+class TestEndToEnd : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void scheduledMixedMedia();
+    void remoteControl();
+};
+
+void TestEndToEnd::scheduledMixedMedia()
+{
+    KioskProcess kiosk;
+    const QString pdf = kiosk.home().filePath("media/pages.pdf");
+    const QString html = kiosk.home().filePath("media/page.html");
+    QVERIFY(makeColourPdf(pdf, {Qt::red, Qt::green}));
+    QVERIFY(writeFile(html, "<html><body style=\"background:#ff00ff\"></body></html>\n"));
+    // The player runs until it is killed: only the item's duration ends the video.
+    kiosk.fakes().addHanging("omxplayer");
+    // Only loop 1 applies now; a demo picture comes after its first item.
+    const QByteArray playlist
+        = "<?xml version=\"1.0\"?>\n<schedule>\n<loop id=\"0\">\n"
+          + item(picture(kiosk, "blue.png", Qt::blue), 1) + "</loop>\n<loop id=\"1\" start=\""
+          + clock(-3600) + "\" end=\"" + clock(3600) + "\">\n" + item(pdf, 1, "pdf")
+          + item(kiosk.home().filePath("media/clip.mp4"), 1, "video") + item(html, 1, "url")
+          + "</loop>\n<loop id=\"2\" repeat=\"7\">\n" + item(picture(kiosk, "cyan.png", Qt::cyan), 1)
+          + "</loop>\n</schedule>\n";
+    QVERIFY(kiosk.start(playlist, "fullscreen=false\n[slideshow]\nexternal_player=true\n"));
+
+    QVERIFY2(waitForScreen(kiosk, Qt::red), "PDF page 1");
+    QVERIFY2(waitForScreen(kiosk, Qt::green), "PDF page 2");
+    QVERIFY(kiosk.waitForLog("Launching command:"));
+    QVERIFY2(waitForScreen(kiosk, QColor(255, 0, 255)), "page after the video");
+    QVERIFY(kiosk.fakes().callLines("pkill").contains("-9 omxplayer"));
+    QVERIFY(!kiosk.log().contains("file://" + kiosk.home().filePath("pics/blue.png").toUtf8()));
+    QCOMPARE(kiosk.interrupt(), 2);
+}
+
+void TestEndToEnd::remoteControl()
+{
+    KioskProcess::Templates templates;
+    KioskProcess kiosk;
+    const QByteArray playlist = "<?xml version=\"1.0\"?>\n<schedule>\n<loop id=\"0\">\n"
+                                + item(picture(kiosk, "red.png", Qt::red), 60)
+                                + item(picture(kiosk, "green.png", Qt::green), 60)
+                                + item(picture(kiosk, "blue.png", Qt::blue), 60)
+                                + "</loop>\n</schedule>\n";
+    QVERIFY(kiosk.start(playlist, "fullscreen=false\n"));
+    QVERIFY2(kiosk.screenShows(Qt::red), kiosk.log().right(3000));
+
+    // Positions count the demo picture at position 1.
+    kiosk.sendDatagram(R"({"action": 2, "data": {"index": 2, "loop": 0}})");
+    QVERIFY2(kiosk.screenShows(Qt::green, 5000), kiosk.log().right(3000));
+    // Senders end the text with a NUL and may leave bytes after it.
+    kiosk.sendDatagram(QByteArray(R"({"action": "1"})") + '\0' + "junk");
+    QVERIFY2(kiosk.screenShows(Qt::blue, 5000), kiosk.log().right(3000));
+
+    // Unknown codes change nothing; a screenshot on request is a whole picture.
+    const int started = kiosk.log().count("Starting");
+    kiosk.sendDatagram(R"({"action": 9})");
+    QFile::remove(screenshot);
+    kiosk.sendDatagram(R"({"action": 3})");
+    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(screenshot), 5000);
+    QCOMPARE(KioskProcess::screenColor(), QColor(Qt::blue));
+    QCOMPARE(kiosk.log().count("Starting"), started);
+
+    // A text over the show for a second; its end moves the show on.
+    kiosk.sendDatagram(R"({"action": 5, "data": {"text": "Hello", "duration": 1}})");
+    QVERIFY2(kiosk.screenShows(Qt::black, 5000, QPointF(0.02, 0.02)), kiosk.log().right(3000));
+    QVERIFY(kiosk.waitForLog("For 1 seconds."));
+    QVERIFY2(waitForScreen(kiosk, Qt::red, 5000), "the show after the text");
+
+    // Pause and resume reach the item on screen.
+    kiosk.sendDatagram(R"({"action": 0})");
+    QVERIFY(kiosk.waitForLog("Pause", 5000));
+    kiosk.sendDatagram(R"({"action": 0})");
+    QVERIFY(kiosk.waitForLog("Resume", 5000));
+
+    QCOMPARE(kiosk.interrupt(), 2);
+    QVERIFY(kiosk.log().contains("Caught signal 2"));
+    QCOMPARE(kiosk.fakes().callLines("xset").first(), QStringLiteral("dpms 0 0 0"));
+}
+
+QTEST_GUILESS_MAIN(TestEndToEnd)
+#include "tst_endtoend.moc"
