@@ -2,6 +2,7 @@
 
 #include "cleanser.h"
 #include "commandlineparser.h"
+#include "deferreddelete.h"
 #include "document.h"
 #include "downloader.h"
 #include "externalbrowser.h"
@@ -464,7 +465,8 @@ bool Dispatcher::view_next()
 {
     if (m_shownWidget) {
         qDebug() << "DELETE CALLED";
-        m_shownWidget->deleteLater();
+        // Not while a loop the widget opened (a page's dialog, a wait) still runs inside it.
+        deleteAfterLoops(m_shownWidget, m_shownLevel);
         m_shownWidget = nullptr;
     }
     if (!m_nextWidget)
@@ -472,6 +474,7 @@ bool Dispatcher::view_next()
     QWidget *widget = m_nextWidget;
     m_nextWidget = nullptr;
     m_shownWidget = widget;
+    m_shownLevel = currentLoopLevel();
     const bool started = m_viewer->next(widget);
     if (started) {
         m_shownSince.start();

@@ -88,6 +88,7 @@ private:
     Cleanser *m_cleanser;
     QWidget *m_nextWidget = nullptr;
     QWidget *m_shownWidget = nullptr;
+    int m_shownLevel = 0;
     Viewer *m_viewer;
     Remote *m_remote;
     QString m_mode;
