@@ -133,6 +133,15 @@ Viewer::~Viewer()
             m_pointerHider->kill();
         m_pointerHider->waitForFinished(1000);
         delete m_pointerHider;
+        qDebug() << "Mouse pointer shown again.";
+    }
+    // A muted show gives the sound back; unmuting is what a desktop expects anyway.
+    if (m_settings->get(QStringLiteral("slideshow/mute")).toBool()) {
+        for (const QString &channel : {QStringLiteral("PCM")}) {
+            Utils::runAndWait(QStringLiteral("amixer"),
+                              {QStringLiteral("set"), channel, QStringLiteral("unmute")});
+            qDebug() << "Sound restored on channel:" << channel;
+        }
     }
     delete m_usbAuto;
     m_shortcutManager.reset();
