@@ -22,10 +22,7 @@ public:
     bool extension(Extension extension, const ExtensionOption *option = nullptr,
                    ExtensionReturn *output = nullptr) override;
     bool supportsExtension(Extension extension) const override;
-
-public Q_SLOTS:
-    // Not virtual in the web engine: it is looked up as a slot by name.
-    bool shouldInterruptJavaScript();
+    bool shouldInterruptJavaScript() override;
 
 protected:
     QString userAgentForUrl(const QUrl &url) const override;
