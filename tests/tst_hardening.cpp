@@ -56,12 +56,19 @@ void TestHardening::pagesNeverOpenDialogs_data()
         << QByteArray("window.onbeforeunload=function(){return 'leave?'};"
                       "setTimeout(function(){location.href='other.html'},300);")
         << QByteArray("Suppressed confirm");
+    QTest::newRow("authentication")
+        << QByteArray("setTimeout(function(){new Image().src='SERVER/secret'},300);")
+        << QByteArray("Suppressed authentication request");
 }
 
 void TestHardening::pagesNeverOpenDialogs()
 {
     QFETCH(QByteArray, script);
     QFETCH(QByteArray, suppressed);
+    HttpServer server;
+    server.setRoute("/secret", "no", 401);
+    server.setHeader("/secret", "WWW-Authenticate", "Basic realm=\"kiosk\"");
+    script.replace("SERVER", server.url("").toEncoded());
     KioskProcess kiosk;
     const QString page = kiosk.home().filePath("pages/page.html");
     QVERIFY(writeFile(page, "<html><body style='background:#00f'><script>" + script
