@@ -98,12 +98,11 @@ void Remote::handle(const QByteArray &datagram)
                                                 + QLatin1String("\n))"));
     const bool aborted = !deadline.isActive();
     deadline.stop();
-    if (aborted) {
+    if (aborted)
         qDebug() << "Remote datagram evaluation aborted after" << MaxEvaluationMs << "ms.";
-        return;
-    }
-    // A datagram that is not an object literal acts as a pause, as it always has.
-    if (engine.hasUncaughtException() || !fields.isObject()) {
+    // A datagram that is not an object literal, or whose evaluation was cut off, acts as a
+    // pause, as a script error always has.
+    if (aborted || engine.hasUncaughtException() || !fields.isObject()) {
         Q_EMIT pause();
         return;
     }
