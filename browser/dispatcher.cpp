@@ -3,6 +3,7 @@
 #include "cleanser.h"
 #include "commandlineparser.h"
 #include "displaypower.h"
+#include "deferreddelete.h"
 #include "document.h"
 #include "downloader.h"
 #include "externalbrowser.h"
@@ -17,6 +18,7 @@
 #include "remoteserverprocess.h"
 #include "runnable.h"
 #include "settings.h"
+#include "signalrelay.h"
 #include "utils.h"
 #include "video.h"
 #include "viewer.h"
@@ -207,6 +209,8 @@ void Dispatcher::startSlideshow()
 
     const bool allDownloaded = downloadLoops();
     m_settingUp = false;
+    if (SignalRelay::caughtSignal())
+        return;
     if (allDownloaded)
         m_failedSetUps = 0;
     else
@@ -238,8 +242,12 @@ void Dispatcher::updateRevalidateFlag()
 bool Dispatcher::downloadLoops()
 {
     bool allDone = true;
+    m_setUpClock.start();
     const QList<PlaylistLoopPtr> loops = m_parser->getLoops();
     for (const PlaylistLoopPtr &loop : loops) {
+        // The program is ending: no further wait would be answered.
+        if (SignalRelay::caughtSignal())
+            return false;
         if (loop->active)
             allDone = downloadLoop(loop) && allDone;
     }
@@ -260,10 +268,34 @@ bool Dispatcher::downloadLoop(const PlaylistLoopPtr &loop)
         finished = true;
         wait.quit();
     });
+    // All walks of one set-up share one deadline: a server that never answers must not keep
+    // the screen blank once per item, nor once per loop.
+    QTimer deadline;
+    deadline.setSingleShot(true);
+    connect(&deadline, &QTimer::timeout, &wait, &QEventLoop::quit);
     downloader->start();
     // A walk with nothing to fetch ends before the wait would begin.
-    if (!finished)
+    if (!finished) {
+        deadline.start(int(qMax<qint64>(MinimumWalkWaitMs, SetUpWaitMs - m_setUpClock.elapsed())));
         wait.exec();
+    }
+    if (!finished && !SignalRelay::caughtSignal()) {
+        // The show starts with what is cached or local; the walk goes on behind it, and the
+        // items it has not fetched yet are passed over until it has.
+        disconnect(downloader, nullptr, &wait, nullptr);
+        ++m_walksInFlight;
+        qDebug() << "Loop still downloading; showing what is cached meanwhile.";
+        connect(downloader, &Downloader::downloadDone, this, [this] {
+            --m_walksInFlight;
+            qDebug() << "Loop downloaded";
+        });
+        connect(downloader, &Downloader::downloadNotDone, this, [this] {
+            --m_walksInFlight;
+            qDebug() << "Loop not downloaded";
+            afterFailedSetUp();
+        });
+        return true;
+    }
     qDebug() << (done ? "Loop downloaded" : "Loop not downloaded");
     return done;
 }
@@ -442,6 +474,12 @@ QWidget *Dispatcher::widgetFor(const PlaylistItemPtr &item)
 
     if (skippedByExtension(item->url) || item->href)
         return nullptr;
+    // Cache files appear whole (written aside, then renamed), so a missing one is still coming.
+    if (m_walksInFlight > 0 && item->url.startsWith(QLatin1String("file://"))
+        && !item->url.startsWith(QLatin1String("file://:")) && !QFile::exists(item->url.mid(7))) {
+        qDebug() << "Not downloaded yet; passed over:" << item->url;
+        return nullptr;
+    }
 
     switch (item->type) {
     case PlaylistItem::Video:
@@ -469,7 +507,8 @@ bool Dispatcher::view_next()
 {
     if (m_shownWidget) {
         qDebug() << "DELETE CALLED";
-        m_shownWidget->deleteLater();
+        // Not while a loop the widget opened (a page's dialog, a wait) still runs inside it.
+        deleteAfterLoops(m_shownWidget, m_shownLevel);
         m_shownWidget = nullptr;
     }
     if (!m_nextWidget)
@@ -477,6 +516,7 @@ bool Dispatcher::view_next()
     QWidget *widget = m_nextWidget;
     m_nextWidget = nullptr;
     m_shownWidget = widget;
+    m_shownLevel = currentLoopLevel();
     const bool started = m_viewer->next(widget);
     if (started) {
         m_shownSince.start();

@@ -36,6 +36,10 @@ public:
     static constexpr int LastEditTimeoutMs = 30000;
     // Content that ends by itself sooner than this after its start counts as not started.
     static constexpr int QuickEndMs = 500;
+    // How long a set-up waits for its downloads, all loops together, before the show starts
+    // with what is cached; the downloads go on behind the show.
+    static constexpr int SetUpWaitMs = 15000;
+    static constexpr int MinimumWalkWaitMs = 200;
 
     Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject *parent = nullptr);
     ~Dispatcher() override;
@@ -89,6 +93,7 @@ private:
     Cleanser *m_cleanser;
     QWidget *m_nextWidget = nullptr;
     QWidget *m_shownWidget = nullptr;
+    int m_shownLevel = 0;
     Viewer *m_viewer;
     Remote *m_remote;
     RemoteServerProcess *m_remoteServer;
@@ -118,4 +123,6 @@ private:
     QElapsedTimer m_shownSince;
     bool m_endedBySelf = false;
     bool m_settingUp = false;
+    QElapsedTimer m_setUpClock;
+    int m_walksInFlight = 0;
 };

@@ -14,9 +14,22 @@
 #include <QProcess>
 #include <QTranslator>
 
+namespace {
+int run(int argc, char *argv[]);
+}
+
 int main(int argc, char *argv[])
 {
     SignalRelay::install();
+    const int code = run(argc, argv);
+    // Everything is given back by now (panel, key map, pointer, sound).
+    SignalRelay::finishSignal();
+    return code;
+}
+
+namespace {
+int run(int argc, char *argv[])
+{
 
     const QString stateDir
         = QString::fromLocal8Bit(qgetenv("HOME")) + QLatin1String("/.vorsane-kiosk");
@@ -57,9 +70,12 @@ int main(int argc, char *argv[])
         return 1;
 
     int code = 0;
+    // A signal caught while the start-up waited (playlist, downloads) ends the program here:
+    // the application's loop would otherwise forget the request and run on.
     if (dispatcher.next())
-        code = QApplication::exec();
+        code = SignalRelay::caughtSignal() ? SignalRelay::caughtSignal() : QApplication::exec();
 
     Logger::shutdown();
     return code;
 }
+} // namespace

@@ -6,6 +6,55 @@
 #include <QScriptValue>
 #include <QTimer>
 
+namespace {
+// Reads the datagram's object (appended after this text, then a line feed and "))") into plain
+// values: the
+// action (a number, a string, or nothing) and, for the action, its converted arguments.
+const char commandReader[] = R"((function (v) {
+    var out = {};
+    if (v === null || (typeof v !== 'object' && typeof v !== 'function'))
+        return out;
+    var a = v.action;
+    if (typeof a === 'number')
+        out.action = isFinite(a) ? (a >= 0 ? Math.floor(a + 0.5) : Math.ceil(a - 0.5)) : 0;
+    else if (typeof a === 'string')
+        out.action = /^\s*[+-]?\d+\s*$/.test(a) ? parseInt(a, 10) : 0;
+    else
+        out.action = a === true ? 1 : 0;
+    var d = v.data;
+    var isObject = d !== null && (typeof d === 'object' || typeof d === 'function');
+    var text = function (x) { return isObject ? String(x) : ''; };
+    var integer = function (x) {
+        var n = Number(x);
+        return isNaN(n) ? 0 : (n < 0 ? Math.ceil(n) : Math.floor(n));
+    };
+    switch (out.action) {
+    case 2:
+        out.hasFilePath = isObject && ('filePath' in d);
+        if (out.hasFilePath)
+            out.filePath = String(d.filePath);
+        else {
+            out.index = isObject ? integer(d.index) : 0;
+            out.loop = isObject ? integer(d.loop) : 0;
+        }
+        break;
+    case 5:
+        out.text = isObject ? text(d.text) : '';
+        out.duration = isObject ? d.duration | 0 : 0;
+        break;
+    case 7:
+        out.url = isObject ? text(d.url) : '';
+        out.duration = isObject ? d.duration | 0 : 0;
+        break;
+    case 8:
+        out.path = isObject ? text(d.path) : '';
+        break;
+    }
+    return out;
+})((
+)";
+} // namespace
+
 Remote::Remote(QObject *parent)
     : QUdpSocket(parent)
 {
@@ -37,19 +86,31 @@ void Remote::handle(const QByteArray &datagram)
 
     QScriptEngine engine;
     // An endless script in a datagram must not freeze the show: the engine hands control back
-    // to the event loop now and then, and a timer stops the evaluation.
+    // to the event loop now and then, and a timer stops the evaluation. Every step that can run
+    // the sender's code (getters, toString, valueOf) happens inside that one evaluation, which
+    // hands back plain values only.
     engine.setProcessEventsInterval(50);
     QTimer deadline;
     deadline.setSingleShot(true);
     connect(&deadline, &QTimer::timeout, &engine, [&engine] { engine.abortEvaluation(); });
     deadline.start(MaxEvaluationMs);
-    QScriptValue value = engine.evaluate(QLatin1Char('(') + text + QLatin1Char(')'));
-    if (!deadline.isActive())
-        qDebug() << "Remote datagram evaluation aborted after" << MaxEvaluationMs << "ms.";
+    const QScriptValue fields = engine.evaluate(QLatin1String(commandReader) + text
+                                                + QLatin1String("\n))"));
+    const bool aborted = !deadline.isActive();
     deadline.stop();
+    if (aborted)
+        qDebug() << "Remote datagram evaluation aborted after" << MaxEvaluationMs << "ms.";
+    // A datagram that is not an object literal, or whose evaluation was cut off, acts as a
+    // pause, as a script error always has.
+    if (aborted || engine.hasUncaughtException() || !fields.isObject()) {
+        Q_EMIT pause();
+        return;
+    }
 
-    const int action = value.property(QStringLiteral("action")).toVariant().toInt();
-    const QScriptValue data = value.property(QStringLiteral("data"));
+    const int action = fields.property(QStringLiteral("action")).toInt32();
+    const auto field = [&fields](const char *name) {
+        return fields.property(QLatin1String(name));
+    };
     switch (action) {
     case 0:
         Q_EMIT pause();
@@ -58,7 +119,10 @@ void Remote::handle(const QByteArray &datagram)
         Q_EMIT next();
         break;
     case 2:
-        processGoTo(&value);
+        if (field("hasFilePath").toBool())
+            Q_EMIT goTo(field("filePath").toString());
+        else
+            Q_EMIT goTo(int(field("index").toInteger()), int(field("loop").toInteger()));
         break;
     case 3:
         Q_EMIT screenshot();
@@ -67,20 +131,19 @@ void Remote::handle(const QByteArray &datagram)
         Q_EMIT restart();
         break;
     case 5: {
-        const QString message = data.property(QStringLiteral("text")).toString();
+        const QString message = field("text").toString();
         if (!message.isEmpty())
-            Q_EMIT this->text(message, data.property(QStringLiteral("duration")).toInt32());
+            Q_EMIT this->text(message, field("duration").toInt32());
         break;
     }
     case 6:
         Q_EMIT loop();
         break;
     case 7:
-        Q_EMIT readUrl(data.property(QStringLiteral("url")).toString(),
-                       data.property(QStringLiteral("duration")).toInt32());
+        Q_EMIT readUrl(field("url").toString(), field("duration").toInt32());
         break;
     case 8:
-        removeDroppedFile(data.property(QStringLiteral("path")).toString());
+        removeDroppedFile(field("path").toString());
         break;
     default:
         break;

@@ -11,7 +11,7 @@ class Remote : public QUdpSocket
 
 public:
     static constexpr quint16 Port = 54545;
-    // A datagram's object literal that takes longer than this to evaluate is dropped as an error.
+    // A datagram whose evaluation, reads included, takes longer than this counts as a script error.
     static constexpr int MaxEvaluationMs = 1000;
 
     explicit Remote(QObject *parent = nullptr);

@@ -2,6 +2,17 @@
 
 #include <QDebug>
 
+#include <climits>
+
+namespace {
+// A display time too long for the timer's milliseconds runs as long as the timer can wait,
+// instead of wrapping round to a few milliseconds.
+int intervalMs(int seconds)
+{
+    return int(qMin<qint64>(qint64(seconds) * 1000, INT_MAX));
+}
+} // namespace
+
 RunnableTimer::RunnableTimer(Runnable *runnable, QObject *parent)
     : QTimer(parent)
     , m_runnable(runnable)
@@ -24,7 +35,7 @@ Runnable::Runnable(int timeout)
 {
     // A resume before any start must not run a zero-interval timer.
     if (timeout > 0)
-        m_timer.setInterval(timeout * 1000);
+        m_timer.setInterval(intervalMs(timeout));
 }
 
 Runnable::~Runnable() = default;
@@ -33,7 +44,7 @@ void Runnable::setTimeout(int timeout)
 {
     m_timeout = timeout;
     if (timeout > 0 && !m_timer.isActive())
-        m_timer.setInterval(timeout * 1000);
+        m_timer.setInterval(intervalMs(timeout));
 }
 
 bool Runnable::isActive() const
@@ -50,17 +61,28 @@ bool Runnable::start()
     qDebug() << "Starting" << static_cast<const void *>(this);
     if (!startImpl())
         return false;
+    m_stopped = false;
     if (m_timeout >= 1 && !m_timer.isActive())
-        m_timer.start(m_timeout * 1000);
+        m_timer.start(intervalMs(m_timeout));
     m_active = true;
     return true;
 }
 
 void Runnable::stop()
 {
+    // Content that stopped already (its time ran out, then the next item replaced it) is not
+    // stopped again; neither is content whose stop is still under way.
+    if (m_stopped)
+        return;
     qDebug() << "Stopping" << static_cast<const void *>(this);
+    m_stopped = true;
+    const bool stopped = stopImpl();
+    if (!stopped) {
+        m_stopped = false;
+        return;
+    }
     // Untimed content keeps its active flag on purpose; callers track its end themselves.
-    if (stopImpl() && m_timer.isActive()) {
+    if (m_timer.isActive()) {
         m_timer.stop();
         m_active = false;
     }

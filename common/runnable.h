@@ -48,4 +48,5 @@ private:
     RunnableTimer m_timer;
     int m_timeout;
     bool m_active = false;
+    bool m_stopped = false;
 };

@@ -11,7 +11,8 @@
 
 namespace {
 int s_pipe[2] = {-1, -1};
-}
+int s_caught = 0;
+} // namespace
 
 void signal_callback_handler(int signum)
 {
@@ -32,7 +33,28 @@ bool SignalRelay::install()
     action.sa_handler = signal_callback_handler;
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESTART;
-    return ::sigaction(SIGINT, &action, nullptr) == 0;
+    // SIGTERM and SIGHUP end the program as before, but only after it has given the desktop
+    // back what it took (see finishSignal()).
+    bool installed = true;
+    for (int signum : {SIGINT, SIGTERM, SIGHUP})
+        installed = ::sigaction(signum, &action, nullptr) == 0 && installed;
+    return installed;
+}
+
+int SignalRelay::caughtSignal()
+{
+    return s_caught;
+}
+
+void SignalRelay::finishSignal()
+{
+    if (s_caught != SIGTERM && s_caught != SIGHUP)
+        return;
+    struct sigaction action = {};
+    action.sa_handler = SIG_DFL;
+    sigemptyset(&action.sa_mask);
+    ::sigaction(s_caught, &action, nullptr);
+    ::raise(s_caught);
 }
 
 SignalRelay::SignalRelay(QObject *parent)
@@ -50,6 +72,9 @@ void SignalRelay::onActivated()
     while (::read(s_pipe[0], &byte, 1) == 1) {
         const int signum = byte;
         qDebug() << "Caught signal" << signum;
+        s_caught = signum;
+        // Leaves every running loop, nested waits included; a wait that starts afterwards
+        // returns at once.
         QCoreApplication::exit(signum);
     }
 }

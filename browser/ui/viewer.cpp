@@ -1,6 +1,7 @@
 #include "viewer.h"
 
 #include "browsereventfilter.h"
+#include "deferreddelete.h"
 #include "exitpassworddialog.h"
 #include "installpaths.h"
 #include "panelmanager.h"
@@ -133,6 +134,15 @@ Viewer::~Viewer()
             m_pointerHider->kill();
         m_pointerHider->waitForFinished(1000);
         delete m_pointerHider;
+        qDebug() << "Mouse pointer shown again.";
+    }
+    // A muted show gives the sound back; unmuting is what a desktop expects anyway.
+    if (m_settings->get(QStringLiteral("slideshow/mute")).toBool()) {
+        for (const QString &channel : {QStringLiteral("PCM")}) {
+            Utils::runAndWait(QStringLiteral("amixer"),
+                              {QStringLiteral("set"), channel, QStringLiteral("unmute")});
+            qDebug() << "Sound restored on channel:" << channel;
+        }
     }
     delete m_usbAuto;
     m_shortcutManager.reset();
@@ -159,6 +169,25 @@ bool Viewer::next(QWidget *w)
 {
     if (!w)
         return false;
+    // A start or stop that waits in a loop of its own lets timers, remote commands and clicks
+    // in; a replacement asked for meanwhile waits until this one is over.
+    if (m_replacing) {
+        qDebug() << "Replacement in progress; the next widget waits for it.";
+        m_deferred = w;
+        return true;
+    }
+    m_replacing = true;
+    const bool started = replace(w);
+    m_replacing = false;
+    if (QWidget *deferred = m_deferred.data()) {
+        m_deferred = nullptr;
+        next(deferred);
+    }
+    return started;
+}
+
+bool Viewer::replace(QWidget *w)
+{
     addWidget(w);
     w->setMouseTracking(true);
 
@@ -188,7 +217,7 @@ bool Viewer::next(QWidget *w)
     const bool started = runnable && runnable->start();
     if (!started)
         return false;
-    if (m_currentWidget) {
+    if (m_currentWidget && m_currentWidget != w) {
         if (auto *previous = dynamic_cast<Runnable *>(m_currentWidget.data()))
             previous->stop();
         removeWidget(m_currentWidget);
@@ -272,6 +301,12 @@ Webpage *Viewer::startPage(const QString &url, int seconds)
 {
     PlaylistItem item(url, PlaylistItem::Webpage, seconds, false, QStringList());
     auto *page = new Webpage(&item, this);
+    // An overlay that has ended goes, once nothing runs inside it any more.
+    const int level = currentLoopLevel();
+    connect(page, &Webpage::end, this, [this, page, level] {
+        removeWidget(page);
+        deleteAfterLoops(page, level);
+    });
     page->start();
     return page;
 }
@@ -291,10 +326,14 @@ void Viewer::showText(const QString &text, int seconds)
     qDebug() << "For" << seconds << "seconds.";
     Webpage *page = startPage(QString::fromLatin1(textTemplateUrl), seconds);
 
+    QPointer<Webpage> guard(page);
     auto *loop = new QEventLoop;
     connect(page, &QWebView::loadFinished, loop, &QEventLoop::quit);
+    connect(page, &QObject::destroyed, loop, &QEventLoop::quit);
     loop->exec();
     loop->deleteLater();
+    if (!guard)
+        return;
 
     QWebElement element = page->page()->mainFrame()->findFirstElement(QStringLiteral("#text"));
     element.setPlainText(text);

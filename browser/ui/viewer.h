@@ -74,6 +74,7 @@ private:
     bool passwordSet() const;
     bool displayMode() const;
     Webpage *startPage(const QString &url, int seconds);
+    bool replace(QWidget *w);
 
     Settings *m_settings;
     QTimer m_sessionTimer;
@@ -83,6 +84,8 @@ private:
     UsbAuto *m_usbAuto = nullptr;
     QProcess *m_pointerHider = nullptr;
     QPointer<QWidget> m_currentWidget;
+    bool m_replacing = false;
+    QPointer<QWidget> m_deferred;
     PlaylistEventFilter *m_playlistFilter;
     BrowserEventFilter *m_browserFilter;
     QTimer m_unlockTimer;

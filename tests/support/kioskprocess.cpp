@@ -50,6 +50,7 @@ bool KioskProcess::start(const QByteArray &playlist, const QByteArray &preferenc
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
     env.insert(QStringLiteral("XDG_CURRENT_DESKTOP"), QStringLiteral("none"));
+    env.insert(m_env);
     m_process.setProcessEnvironment(env);
     m_process.setWorkingDirectory(m_home.path());
     m_process.start(programPath(),

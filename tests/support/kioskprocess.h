@@ -30,6 +30,8 @@ public:
     bool start(const QByteArray &playlist, const QByteArray &preferences = QByteArray(),
                const QStringList &extraArguments = QStringList());
     QProcess &process() { return m_process; }
+    // An environment variable for the next start, over the defaults start() sets.
+    void setEnvironment(const QString &name, const QString &value) { m_env.insert(name, value); }
     QByteArray log() const { return m_log; }
     bool waitForLog(const QByteArray &text, int timeoutMs = 15000);
 
@@ -59,6 +61,7 @@ private:
     TempHome m_home;
     FakePrograms m_fakes;
     QProcess m_process;
+    QProcessEnvironment m_env;
     QByteArray m_log;
 };
 

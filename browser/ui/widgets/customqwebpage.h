@@ -2,7 +2,13 @@
 
 #include <QWebPage>
 
-// The page of every slideshow web view: it only answers with the kiosk's user agent.
+class QAuthenticator;
+class QNetworkProxy;
+class QNetworkReply;
+
+// The page of every slideshow web view: it answers with the kiosk's user agent. Unattended (the
+// slideshow), it never opens a dialog: a dialog runs a nested event loop that the show would
+// advance under, and nobody is there to answer it.
 class CustomQWebPage : public QWebPage
 {
     Q_OBJECT
@@ -10,6 +16,26 @@ class CustomQWebPage : public QWebPage
 public:
     explicit CustomQWebPage(QObject *parent = nullptr);
 
+    void setUnattended(bool unattended);
+    bool unattended() const { return m_unattended; }
+
+    bool extension(Extension extension, const ExtensionOption *option = nullptr,
+                   ExtensionReturn *output = nullptr) override;
+    bool supportsExtension(Extension extension) const override;
+    bool shouldInterruptJavaScript() override;
+
 protected:
     QString userAgentForUrl(const QUrl &url) const override;
+    void javaScriptAlert(QWebFrame *frame, const QString &message) override;
+    bool javaScriptConfirm(QWebFrame *frame, const QString &message) override;
+    bool javaScriptPrompt(QWebFrame *frame, const QString &message, const QString &defaultValue,
+                          QString *result) override;
+    QString chooseFile(QWebFrame *frame, const QString &suggestedFile) override;
+
+private:
+    void onPrintRequested();
+    void onAuthenticationRequired(QNetworkReply *reply, QAuthenticator *authenticator);
+    void onProxyAuthenticationRequired(const QNetworkProxy &proxy, QAuthenticator *authenticator);
+
+    bool m_unattended = false;
 };

@@ -49,6 +49,8 @@ Webpage::Webpage(PlaylistItem *item, QWidget *parent)
     , m_options(item->parameters)
 {
     setPage(&m_page);
+    // Nobody watches a slideshow page to answer its dialogs.
+    m_page.setUnattended(true);
     installEventFilter(this);
 
     m_cookieJar = new SqliteCookieJar(this);
