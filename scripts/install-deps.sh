@@ -8,8 +8,10 @@ packages=(
     build-essential cmake pkg-config clang-format curl
     # Qt 5 modules
     qtbase5-dev qtbase5-dev-tools libqt5sql5-sqlite qtscript5-dev libqt5webkit5-dev
-    # media, PDF, proxy discovery, password hashing
-    libvlc-dev vlc-plugin-base libpoppler-qt5-dev libproxy-dev libcrypt-dev
+    # media, PDF, proxy discovery, password hashing, URL pattern sets
+    libvlc-dev vlc-plugin-base libpoppler-qt5-dev libproxy-dev libcrypt-dev libre2-dev
+    # run time: downloads are shown with the desktop's file opener
+    xdg-utils
     # run time: X server for headless machines, desktop helpers the program calls
     xvfb xauth x11-xserver-utils unzip
     # test media
