@@ -292,7 +292,7 @@ void TestKiosk::pointerMovementKeepsSessionAlive()
     QVERIFY(browser() && m_viewer->sessionTimerActive());
     QElapsedTimer clock;
     clock.start();
-    while (clock.elapsed() < 3500) {
+    while (clock.elapsed() < 3500 && browser()) {
         QMouseEvent move(QEvent::MouseMove, QPointF(100, 100 + clock.elapsed() % 50), Qt::NoButton,
                          Qt::NoButton, Qt::NoModifier);
         QApplication::sendEvent(view(browser()), &move);
