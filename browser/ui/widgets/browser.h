@@ -7,7 +7,10 @@
 #include <QUrl>
 #include <QWidget>
 
+namespace kiosk {
 class Page;
+}
+using kiosk::Page;
 class QLabel;
 class QStatusBar;
 class QTabWidget;

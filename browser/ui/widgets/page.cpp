@@ -10,6 +10,8 @@
 #include <QWebElement>
 #include <QWebFrame>
 
+namespace kiosk {
+
 Page::Page(QUrl url, QWidget *parent)
     : QWidget(parent)
     , m_settings(Settings::load(false, nullptr))
@@ -103,3 +105,5 @@ void Page::onUrlDenied(QString &url)
 {
     emit urlDenied(url);
 }
+
+} // namespace kiosk

@@ -8,7 +8,10 @@ class QVBoxLayout;
 class RestrictedWebView;
 class Settings;
 
-// One tab of the kiosk browser: its navigation bar and its view.
+namespace kiosk {
+
+// One tab of the kiosk browser: its navigation bar and its view. In a namespace because the PDF
+// library has a global class of the same name, and the linker would mix their destructors.
 class Page : public QWidget
 {
     Q_OBJECT
@@ -46,3 +49,7 @@ private:
     NavBar *m_bar = nullptr;
     QVBoxLayout *m_layout = nullptr;
 };
+
+} // namespace kiosk
+
+using kiosk::Page;
