@@ -301,7 +301,6 @@ void Dispatcher::showLoopNext()
     if (m_state == 1)
         return;
     m_state = 3;
-    m_inlineRemote = false;
     // While a new playlist is being cached the current item stays on screen; the set-up
     // continues the show when it is done.
     if (!m_parser || m_settingUp)
@@ -571,7 +570,6 @@ bool Dispatcher::startBrowser(QUrl url)
             browser->newPage(url);
         widget = browser;
     }
-    m_inlineRemote = false;
     m_nextWidget = widget;
     const bool started = view_next();
     execHook(QStringLiteral("session-start"));
@@ -650,8 +648,8 @@ void Dispatcher::startInlineRemote()
     const QString address = m_settings->get(QStringLiteral("remote/local_url")).toString()
                             + QStringLiteral("?k=")
                             + m_settings->get(QStringLiteral("remote/key")).toString();
-    // Its end comes back through next(), which goes on with the show.
-    m_inlineRemote = true;
+    // It replaces the current item; its end comes back through next(), which goes on with the
+    // show.
     m_nextWidget = new Browser(m_viewer, QUrl(address));
     view_next();
 }

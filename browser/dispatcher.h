@@ -45,7 +45,6 @@ public:
     PlaylistParser *playlistParser() const { return m_parser.get(); }
     QWidget *shownWidget() const { return m_shownWidget; }
     int currentPosition() const { return m_position; }
-    bool inlineRemoteShown() const { return m_inlineRemote; }
 
 public Q_SLOTS:
     bool next();
@@ -118,6 +117,4 @@ private:
     bool m_endedBySelf = false;
     bool m_settingUp = false;
     bool m_openingSession = false;
-    // The remote-control page is shown in place of the current item.
-    bool m_inlineRemote = false;
 };

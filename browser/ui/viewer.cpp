@@ -173,8 +173,13 @@ bool Viewer::next(QWidget *w)
                 connect(browser, &Browser::mouseMoved, this, &Viewer::resetTimer,
                         Qt::UniqueConnection);
                 setTimer();
-                // A session ended from outside (a remote command) leaves no timer behind.
-                connect(browser, &QObject::destroyed, this, &Viewer::stop);
+                // A session ended from outside (a remote command) leaves no timer behind,
+                // unless a new session has taken the screen meanwhile.
+                browser->setProperty("sessionTimed", true);
+                connect(browser, &QObject::destroyed, this, [this] {
+                    if (!m_currentWidget || !m_currentWidget->property("sessionTimed").toBool())
+                        m_sessionTimer.stop();
+                });
             }
         }
     } else {

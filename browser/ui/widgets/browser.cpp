@@ -84,10 +84,8 @@ Browser::Browser(QWidget *parent, const QUrl &remoteControl)
         m_newTabUrl = m_home;
 }
 
-Browser::~Browser()
-{
-    RestrictedWebPage::setSessionCookieJar(nullptr);
-}
+// The pages' jar pointer clears itself with the jar; a newer session's jar is left alone.
+Browser::~Browser() = default;
 
 void Browser::setShortcuts()
 {
