@@ -20,8 +20,8 @@ QString convert(QString line)
 
 QString wordFor(quint32 n)
 {
-    static const char *const parts[] = {"news", "shop", "media", "cdn", "mail", "play", "wiki",
-                                        "maps", "video", "learn", "bank", "city"};
+    static const char *const parts[] = {"news", "shop", "media", "cdn",   "mail", "play",
+                                        "wiki", "maps", "video", "learn", "bank", "city"};
     return QString::fromLatin1(parts[n % 12]) + QString::number(n);
 }
 

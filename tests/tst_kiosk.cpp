@@ -136,7 +136,9 @@ void TestKiosk::launch(const QStringList &prefs, const QByteArray &list)
     QVERIFY(writeFile(conf + "/playlist", "#Vorsane playlist\nfile://" + red.toUtf8() + " 60\n"));
     QVERIFY(writeFile(conf + "/list", list));
     QMap<QString, QMap<QString, QString>> ini;
-    ini["main"] = {{"version", "QFGLs6IVf1"}, {"fullscreen", "false"}, {"mode", "kiosk"},
+    ini["main"] = {{"version", "QFGLs6IVf1"},
+                   {"fullscreen", "false"},
+                   {"mode", "kiosk"},
                    {"default_url", m_server->url("/home").toString()}};
     ini["slideshow"]["hide_pointer"] = "false";
     for (const QString &entry : prefs) {
@@ -175,7 +177,8 @@ void TestKiosk::onWindow(const char *className, std::function<void(QWidget *)> a
     auto *timer = new QTimer(this);
     connect(timer, &QTimer::timeout, this, [timer, className, act] {
         for (QWidget *window : QApplication::topLevelWidgets()) {
-            if (window->isVisible() && (window->inherits(className) || window->objectName() == className)) {
+            if (window->isVisible()
+                && (window->inherits(className) || window->objectName() == className)) {
                 timer->stop();
                 timer->deleteLater();
                 act(window);
@@ -216,7 +219,7 @@ void TestKiosk::listsFilterNavigation()
 void TestKiosk::blankTargetOpensTab()
 {
     html("/home", "<a id='l' target='_blank' href='/other' "
-                                "style='display:block;width:300px;height:80px'>open</a>");
+                  "style='display:block;width:300px;height:80px'>open</a>");
     launch({});
     QTRY_VERIFY(text(browser()).contains("open"));
     const QRect link = view(browser())->page()->mainFrame()->findFirstElement("#l").geometry();
@@ -356,9 +359,11 @@ void TestKiosk::inlineRemoteIsInteractive()
     QCOMPARE(browser()->getHome(), QUrl(m_server->url("/remote").toString() + "?k=abc"));
     QWebFrame *frame = view(browser())->page()->mainFrame();
     QTRY_VERIFY(!frame->findFirstElement("#i").isNull());
-    QTest::mouseClick(view(browser()), Qt::LeftButton, {}, frame->findFirstElement("#i").geometry().center());
+    QTest::mouseClick(view(browser()), Qt::LeftButton, {},
+                      frame->findFirstElement("#i").geometry().center());
     QTest::keyClicks(view(browser()), "hi");
-    QTRY_COMPARE(frame->evaluateJavaScript("document.getElementById('i').value").toString(), QString("hi"));
+    QTRY_COMPARE(frame->evaluateJavaScript("document.getElementById('i').value").toString(),
+                 QString("hi"));
     QVERIFY(!m_viewer->sessionTimerActive());
     browser()->onEnd();
     QTRY_VERIFY(qobject_cast<Image *>(m_dispatcher->shownWidget()));

@@ -33,7 +33,8 @@ void Ui_AuthDialog::setupUi(QDialog *dialog)
 void Ui_AuthDialog::retranslateUi(QDialog *dialog)
 {
     dialog->setWindowTitle(QCoreApplication::translate("AuthDialog", "Authentication"));
-    label->setText(QCoreApplication::translate("AuthDialog", "This website requires authentication:"));
+    label->setText(
+        QCoreApplication::translate("AuthDialog", "This website requires authentication:"));
     usernameLabel->setText(QCoreApplication::translate("AuthDialog", "Username:"));
     passwordLabel->setText(QCoreApplication::translate("AuthDialog", "Password:"));
 }

@@ -148,8 +148,9 @@ void Browser::onWebViewCreated(RestrictedWebView *view)
 
 void Browser::setupPage(Page *page)
 {
-    const QUrl url = page->view()->url().isEmpty() ? page->view()->page()->mainFrame()->requestedUrl()
-                                                   : page->view()->url();
+    const QUrl url = page->view()->url().isEmpty()
+                         ? page->view()->page()->mainFrame()->requestedUrl()
+                         : page->view()->url();
     page->view()->setHomeUrl(m_home);
     const QString title = url.isValid() && !url.isEmpty() ? url.toString() : tr("New Page");
     m_pages.append(page);
@@ -292,8 +293,8 @@ void Browser::showRemaining()
     if (!m_timeLabel)
         return;
     const int left = qMax(0, m_remaining);
-    m_timeLabel->setText(QString::asprintf(qPrintable(tr("remaining: %02d:%02d:%02d")),
-                                           left / 3600, left / 60 % 60, left % 60));
+    m_timeLabel->setText(QString::asprintf(qPrintable(tr("remaining: %02d:%02d:%02d")), left / 3600,
+                                           left / 60 % 60, left % 60));
 }
 
 void Browser::closeDialogs()

@@ -99,10 +99,10 @@ void NavBar::onPrint()
 
 void NavBar::onEnd()
 {
-    auto *box = new QMessageBox(
-        QMessageBox::Warning, tr("End the web session"),
-        tr("Your session will be terminated.\n\nDo you really want to continue?"),
-        QMessageBox::Yes | QMessageBox::No, this);
+    auto *box
+        = new QMessageBox(QMessageBox::Warning, tr("End the web session"),
+                          tr("Your session will be terminated.\n\nDo you really want to continue?"),
+                          QMessageBox::Yes | QMessageBox::No, this);
     QPointer<NavBar> self(this);
     const int answer = RestrictedWebPage::runDialog(box);
     if (self && answer == QMessageBox::Yes)

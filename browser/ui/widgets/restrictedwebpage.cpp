@@ -89,8 +89,9 @@ std::shared_ptr<const UrlPatternMatcher> readPatterns(QFile &file)
                                     .arg(binary)
                                     .arg(firstBinary);
     if (invalid)
-        qWarning().noquote() << QStringLiteral("Restriction file %1: %2 invalid pattern(s) "
-                                               "ignored, e.g. unbalanced brackets (first: line %3).")
+        qWarning().noquote() << QStringLiteral(
+                                    "Restriction file %1: %2 invalid pattern(s) "
+                                    "ignored, e.g. unbalanced brackets (first: line %3).")
                                     .arg(name)
                                     .arg(invalid)
                                     .arg(firstInvalid);
@@ -246,9 +247,9 @@ void RestrictedWebPage::javaScriptAlert(QWebFrame *frame, const QString &message
 bool RestrictedWebPage::javaScriptConfirm(QWebFrame *frame, const QString &message)
 {
     Q_UNUSED(frame)
-    auto *box = new QMessageBox(QMessageBox::Question, tr("JavaScript Confirm"),
-                                message.toHtmlEscaped(), QMessageBox::Yes | QMessageBox::No,
-                                view());
+    auto *box
+        = new QMessageBox(QMessageBox::Question, tr("JavaScript Confirm"), message.toHtmlEscaped(),
+                          QMessageBox::Yes | QMessageBox::No, view());
     QPointer<QMessageBox> guard(box);
     const int result = runDialog(box);
     const bool yes = guard && result != QDialog::Rejected

@@ -190,8 +190,7 @@ bool UrlPatternMatcher::setContains(const Set &set, const QByteArray &utf8) cons
 {
     if (set.compiled) {
         RE2::Set::ErrorInfo error{RE2::Set::kNoError};
-        if (set.set.Match(re2::StringPiece(utf8.constData(), size_t(utf8.size())), nullptr,
-                          &error))
+        if (set.set.Match(re2::StringPiece(utf8.constData(), size_t(utf8.size())), nullptr, &error))
             return true;
         if (error.kind == RE2::Set::kNoError)
             return false;
