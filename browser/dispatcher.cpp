@@ -1,5 +1,6 @@
 #include "dispatcher.h"
 
+#include "browser.h"
 #include "cleanser.h"
 #include "commandlineparser.h"
 #include "displaypower.h"
@@ -333,6 +334,9 @@ int Dispatcher::loopKey(const PlaylistLoopPtr &loop) const
 
 void Dispatcher::showLoopNext()
 {
+    // A web session owns the screen until it ends; set-ups and polls finishing meanwhile wait.
+    if (m_state == 1)
+        return;
     m_state = 3;
     // While a new playlist is being cached the current item stays on screen; the set-up
     // continues the show when it is done.
@@ -584,20 +588,39 @@ void Dispatcher::onMouseEvent()
 {
     if (m_mode != QLatin1String("kiosk"))
         return;
+    // One touch, one session: pointer events during a session, or while one is being opened,
+    // never open another.
+    if (m_state == 1 || m_openingSession)
+        return;
+    m_openingSession = true;
     if (auto *runnable = dynamic_cast<Runnable *>(m_shownWidget))
         runnable->stop();
     m_position = -1;
     startBrowser(QUrl());
+    m_openingSession = false;
 }
 
 bool Dispatcher::startBrowser(QUrl url)
 {
-    Q_UNUSED(url)
-    // Web sessions come with the kiosk browser; until then kiosk mode plays the slideshow.
-    qDebug() << "Web session not available in this build; showing the slideshow.";
-    Logger::logWarning("Web session not available; showing the slideshow.");
-    startSlideshow();
-    return true;
+    QWidget *widget = nullptr;
+    if (m_settings->get(QStringLiteral("main/external_browser")).toBool()) {
+        const QString address
+            = url.isEmpty() ? m_settings->get(QStringLiteral("main/default_url")).toString()
+                            : url.toString();
+        PlaylistItem item(address, PlaylistItem::Webpage, 0, false, QStringList());
+        widget = new ExternalBrowser(&item, m_viewer);
+    } else {
+        auto *browser = new Browser(m_viewer);
+        if (!url.isEmpty())
+            browser->newPage(url);
+        widget = browser;
+    }
+    m_nextWidget = widget;
+    const bool started = view_next();
+    execHook(QStringLiteral("session-start"));
+    m_state = 1;
+    connect(m_viewer, &Viewer::mouseEvent, this, &Dispatcher::onMouseEvent, Qt::UniqueConnection);
+    return started;
 }
 
 void Dispatcher::afterBrowser()
@@ -654,12 +677,17 @@ void Dispatcher::startRemote()
 
 void Dispatcher::startInlineRemote()
 {
+    // The web session's own browser is never replaced by the remote page.
+    if (m_state == 1)
+        return;
     const QString key = m_settings->get(QStringLiteral("remote/key")).toString();
     QString address = m_settings->get(QStringLiteral("remote/local_url")).toString();
     if (!key.isEmpty())
         address += QStringLiteral("?k=") + QString::fromLatin1(QUrl::toPercentEncoding(key));
-    m_viewer->showUrl(address,
-                      m_settings->get(QStringLiteral("main/stop_session_after_seconds")).toInt());
+    // It replaces the current item; its end comes back through next(), which goes on with the
+    // show.
+    m_nextWidget = new Browser(m_viewer, QUrl(address));
+    view_next();
 }
 
 QDateTime Dispatcher::getLastEdit()

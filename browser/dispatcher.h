@@ -125,4 +125,5 @@ private:
     bool m_settingUp = false;
     QElapsedTimer m_setUpClock;
     int m_walksInFlight = 0;
+    bool m_openingSession = false;
 };

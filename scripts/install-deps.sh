@@ -10,14 +10,16 @@ packages=(
     qtbase5-dev qtbase5-dev-tools libqt5sql5-sqlite qtscript5-dev libqt5webkit5-dev
     # translations (lupdate, lrelease and their CMake functions)
     qttools5-dev qttools5-dev-tools
-    # media, PDF, proxy discovery, password hashing
-    libvlc-dev vlc-plugin-base libpoppler-qt5-dev libproxy-dev libcrypt-dev
+    # media, PDF, proxy discovery, password hashing, URL pattern sets
+    libvlc-dev vlc-plugin-base libpoppler-qt5-dev libproxy-dev libcrypt-dev libre2-dev
     # the remote-control web server
     libcpp-httplib-dev
     # video: libVLC's X11 outputs (the base plugins decode H.264, H.265 and VP9), its plugin
     # cache (without it every start loads all ~370 plugins: seconds on a small board), and the
     # VA-API drivers for hardware decoding where the machine has it
     vlc-plugin-video-output libvlc-bin va-driver-all
+    # run time: downloads are shown with the desktop's file opener
+    xdg-utils
     # run time: X server for headless machines, desktop helpers the program calls
     xvfb xauth x11-xserver-utils unzip
     # tests: xwininfo reads the window titles the program shows

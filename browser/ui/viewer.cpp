@@ -1,5 +1,6 @@
 #include "viewer.h"
 
+#include "browser.h"
 #include "browsereventfilter.h"
 #include "deferreddelete.h"
 #include "exitpassworddialog.h"
@@ -191,10 +192,31 @@ bool Viewer::replace(QWidget *w)
     addWidget(w);
     w->setMouseTracking(true);
 
-    // The kiosk browser and its session timer arrive with the web-session work.
-    w->setCursor(Qt::BlankCursor);
-    if (m_settings->get(QStringLiteral("slideshow/stop_on_event")).toBool())
-        w->installEventFilter(m_playlistFilter);
+    if (auto *browser = qobject_cast<Browser *>(w)) {
+        if (m_settings->get(QStringLiteral("main/stop_session_after_seconds")).toInt() != 0) {
+            w->installEventFilter(m_browserFilter);
+            const QString remote = m_settings->get(QStringLiteral("remote/local_url")).toString()
+                                   + QStringLiteral("?k=")
+                                   + m_settings->get(QStringLiteral("remote/key")).toString();
+            // The remote-control page never runs the session limit.
+            if (browser->getHome().toString() != remote) {
+                connect(browser, &Browser::mouseMoved, this, &Viewer::resetTimer,
+                        Qt::UniqueConnection);
+                setTimer();
+                // A session ended from outside (a remote command) leaves no timer behind,
+                // unless a new session has taken the screen meanwhile.
+                browser->setProperty("sessionTimed", true);
+                connect(browser, &QObject::destroyed, this, [this] {
+                    if (!m_currentWidget || !m_currentWidget->property("sessionTimed").toBool())
+                        m_sessionTimer.stop();
+                });
+            }
+        }
+    } else {
+        w->setCursor(Qt::BlankCursor);
+        if (m_settings->get(QStringLiteral("slideshow/stop_on_event")).toBool())
+            w->installEventFilter(m_playlistFilter);
+    }
 
     connectByName(w, "end()", this, "onWidgetTimeout()");
     // Content that changes in place (a PDF turning a page) needs its own screenshot.

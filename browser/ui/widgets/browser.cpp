@@ -1,0 +1,373 @@
+#include "browser.h"
+
+#include "navbar.h"
+#include "locationedit.h"
+#include "page.h"
+#include "restricteddownload.h"
+#include "restrictedwebpage.h"
+#include "restrictedwebview.h"
+#include "settings.h"
+#include "sqlitecookiejar.h"
+#include "utils.h"
+
+#include <QAction>
+#include <QDebug>
+#include <QDialog>
+#include <QDir>
+#include <QEvent>
+#include <QIcon>
+#include <QLabel>
+#include <QPrintDialog>
+#include <QPrinter>
+#include <QStatusBar>
+#include <QTabBar>
+#include <QTabWidget>
+#include <QTimer>
+#include <QToolButton>
+#include <QVBoxLayout>
+#include <QWebFrame>
+
+namespace {
+const char makerHomePage[] = "https://www.vorsane.com/";
+const int deniedMessageMs = 5000;
+} // namespace
+
+Browser::Browser(QWidget *parent, const QUrl &remoteControl)
+    : QWidget(parent)
+    , Runnable(0)
+    , m_settings(Settings::load(false, nullptr))
+    , m_tabs(new QTabWidget(this))
+    , m_downloadIcon(new QLabel(this))
+    , m_statusBar(new QStatusBar(this))
+    , m_cookieJar(new SqliteCookieJar(this))
+    , m_hideToolbar(m_settings->get(QStringLiteral("main/hide_toolbar")).toBool())
+{
+    QDir().mkpath(RestrictedDownload::workingFolder());
+    RestrictedWebPage::setSessionCookieJar(m_cookieJar);
+
+    auto *layout = new QVBoxLayout(this);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->setSpacing(0);
+    layout->addWidget(m_tabs);
+    layout->addWidget(m_statusBar);
+    m_tabs->setTabsClosable(true);
+    m_tabs->setMovable(true);
+    connect(m_tabs, &QTabWidget::tabCloseRequested, this, &Browser::onTabCloseRequested);
+
+    if (!m_hideToolbar) {
+        auto *add = new QToolButton(m_tabs);
+        add->setIcon(QIcon::fromTheme(QStringLiteral("list-add")));
+        add->setToolTip(tr("New tab"));
+        add->setAutoRaise(true);
+        connect(add, &QToolButton::clicked, this, QOverload<>::of(&Browser::newPage));
+        m_tabs->setCornerWidget(add, Qt::TopRightCorner);
+    }
+
+    m_downloadIcon->setPixmap(QIcon::fromTheme(QStringLiteral("download")).pixmap(16, 16));
+    m_downloadIcon->hide();
+    m_statusBar->addPermanentWidget(m_downloadIcon);
+
+    if (!remoteControl.isValid() && m_settings->get(QStringLiteral("main/with_timer")).toBool()) {
+        m_remaining = m_settings->get(QStringLiteral("main/default_timer")).toInt();
+        setTimeout(1);
+        m_timeLabel = new QLabel(this);
+        m_statusBar->addPermanentWidget(m_timeLabel);
+    }
+
+    setContextMenuPolicy(Qt::CustomContextMenu);
+    setShortcuts();
+    setHome(remoteControl.isValid()
+                ? remoteControl.toString()
+                : m_settings->get(QStringLiteral("main/default_url")).toString());
+    m_newTabUrl = QUrl(m_settings->get(QStringLiteral("main/new_tab_url")).toString());
+    if (m_newTabUrl.isEmpty() || remoteControl.isValid())
+        m_newTabUrl = m_home;
+}
+
+// The pages' jar pointer clears itself with the jar; a newer session's jar is left alone.
+Browser::~Browser() = default;
+
+void Browser::setShortcuts()
+{
+    if (m_hideToolbar)
+        return;
+    const struct
+    {
+        QKeySequence keys;
+        void (Browser::*slot)();
+    } shortcuts[] = {
+        {QKeySequence(Qt::CTRL + Qt::Key_L), &Browser::selectAddressBar},
+        {QKeySequence(Qt::CTRL + Qt::Key_K), &Browser::selectAddressBarAndBeginSearch},
+        {QKeySequence(Qt::CTRL + Qt::Key_T), QOverload<>::of(&Browser::newPage)},
+        {QKeySequence(Qt::CTRL + Qt::Key_W), &Browser::closeCurrentTab},
+        // Up goes to the next tab and down to the previous one, as users of this kiosk know it.
+        {QKeySequence(Qt::CTRL + Qt::Key_PageUp), &Browser::nextTab},
+        {QKeySequence(Qt::CTRL + Qt::Key_PageDown), &Browser::prevTab},
+    };
+    for (const auto &shortcut : shortcuts) {
+        auto *action = new QAction(this);
+        action->setShortcut(shortcut.keys);
+        connect(action, &QAction::triggered, this, shortcut.slot);
+        addAction(action);
+    }
+}
+
+Page *Browser::currentPage() const
+{
+    return qobject_cast<Page *>(m_tabs->currentWidget());
+}
+
+void Browser::setHome(QString text)
+{
+    if (text.isEmpty())
+        text = QString::fromLatin1(makerHomePage);
+    m_home = QUrl(text);
+}
+
+void Browser::newPage()
+{
+    newPage(QUrl());
+}
+
+void Browser::newPage(QUrl url)
+{
+    if (url.isEmpty())
+        url = m_newTabUrl;
+    setupPage(new Page(url, this));
+}
+
+void Browser::newPage(RestrictedWebView *view)
+{
+    setupPage(new Page(view, this));
+}
+
+void Browser::onWebViewCreated(RestrictedWebView *view)
+{
+    newPage(view);
+}
+
+void Browser::setupPage(Page *page)
+{
+    const QUrl url = page->view()->url().isEmpty()
+                         ? page->view()->page()->mainFrame()->requestedUrl()
+                         : page->view()->url();
+    page->view()->setHomeUrl(m_home);
+    const QString title = url.isValid() && !url.isEmpty() ? url.toString() : tr("New Page");
+    m_pages.append(page);
+    m_tabs->setCurrentIndex(m_tabs->addTab(page, title));
+    connect(page, &Page::titleChanged, this, &Browser::onTitleChanged);
+    connect(page->view(), &RestrictedWebView::mouseMoved, this, &Browser::onMouseMove);
+    connect(page, &Page::end, this, &Browser::onEnd);
+    connect(page->view(), &RestrictedWebView::webViewCreated, this, &Browser::onWebViewCreated);
+    connect(page, &Page::downloadStarted, this, &Browser::onDownloadStarted);
+    connect(page, &Page::downloadDone, this, &Browser::onDownloadDone);
+    connect(page, &Page::urlDenied, this, &Browser::onUrlDenied);
+    connect(page->navBar(), &NavBar::printRequested, this, &Browser::onPrintRequested);
+    connect(page->view()->restrictedPage(), &RestrictedWebPage::dialogFinished, this,
+            &Browser::onDialogFinished);
+    refreshTabBar();
+}
+
+void Browser::closeCurrentTab()
+{
+    onTabCloseRequested(m_tabs->currentIndex());
+}
+
+void Browser::onTabCloseRequested(int index)
+{
+    if (m_tabs->count() < 2 || index < 0 || index >= m_tabs->count())
+        return;
+    auto *page = qobject_cast<Page *>(m_tabs->widget(index));
+    m_tabs->removeTab(index);
+    m_pages.removeAll(page);
+    if (page) {
+        // Plug-in content would go on playing until the page is really gone.
+        page->removeEmbedElements();
+        page->deleteLater();
+    }
+    refreshTabBar();
+}
+
+void Browser::nextTab()
+{
+    if (m_tabs->count() > 0)
+        m_tabs->setCurrentIndex((m_tabs->currentIndex() + 1) % m_tabs->count());
+}
+
+void Browser::prevTab()
+{
+    if (m_tabs->count() > 0)
+        m_tabs->setCurrentIndex((m_tabs->currentIndex() + m_tabs->count() - 1) % m_tabs->count());
+}
+
+void Browser::selectAddressBar()
+{
+    if (Page *page = currentPage()) {
+        page->navBar()->locationEdit()->selectAll();
+        page->navBar()->locationEdit()->setFocus();
+    }
+}
+
+void Browser::selectAddressBarAndBeginSearch()
+{
+    if (Page *page = currentPage()) {
+        LocationEdit *edit = page->navBar()->locationEdit();
+        edit->setText(QStringLiteral("?"));
+        edit->setCursorPosition(1);
+        edit->setFocus();
+    }
+}
+
+void Browser::addTime(int seconds)
+{
+    m_remaining += seconds;
+}
+
+void Browser::refreshTabBar()
+{
+    if (m_hideToolbar)
+        m_tabs->tabBar()->setVisible(m_tabs->count() >= 2);
+}
+
+void Browser::hideToolbar()
+{
+    for (Page *page : qAsConst(m_pages))
+        page->navBar()->hide();
+    refreshTabBar();
+}
+
+void Browser::onTitleChanged(QString &title, Page *page)
+{
+    const int index = m_tabs->indexOf(page);
+    if (index >= 0 && !title.isEmpty())
+        m_tabs->setTabText(index, title);
+}
+
+void Browser::onUrlDenied(QString &url)
+{
+    m_statusBar->showMessage(tr("DENIED: %1").arg(url), deniedMessageMs);
+}
+
+void Browser::onDownloadStarted()
+{
+    ++m_downloads;
+    m_downloadIcon->show();
+}
+
+void Browser::onDownloadDone(QString &path, QString &mimeType)
+{
+    m_downloads = qMax(0, m_downloads - 1);
+    if (m_downloads == 0)
+        m_downloadIcon->hide();
+    m_subprocesses.open(path, mimeType);
+}
+
+void Browser::onPrintRequested()
+{
+    Page *page = currentPage();
+    if (!page)
+        return;
+    QPrinter printer(QPrinter::ScreenResolution);
+    const QString name = m_settings->get(QStringLiteral("main/printer_name")).toString();
+    if (!name.isEmpty())
+        printer.setPrinterName(name);
+    {
+        // Built and dropped unopened: printing goes straight to the configured printer.
+        QPrintDialog dialog(&printer, this);
+    }
+    page->view()->print(&printer);
+}
+
+void Browser::onEnd()
+{
+    emit end();
+}
+
+void Browser::onMouseMove()
+{
+    emit mouseMoved();
+}
+
+void Browser::showRemaining()
+{
+    if (!m_timeLabel)
+        return;
+    const int left = qMax(0, m_remaining);
+    m_timeLabel->setText(QString::asprintf(qPrintable(tr("remaining: %02d:%02d:%02d")), left / 3600,
+                                           left / 60 % 60, left % 60));
+}
+
+void Browser::closeDialogs()
+{
+    // Alerts, prompts and the password question run their own event loops; they are closed
+    // before the browser goes, so no loop returns into a page that is gone.
+    const QList<QDialog *> dialogs = findChildren<QDialog *>();
+    for (QDialog *dialog : dialogs) {
+        if (dialog->isVisible())
+            dialog->reject();
+    }
+}
+
+void Browser::onDialogFinished()
+{
+    if (m_deleteWhenIdle && RestrictedWebPage::openDialogs() == 0) {
+        m_deleteWhenIdle = false;
+        deleteLater();
+    }
+}
+
+bool Browser::event(QEvent *event)
+{
+    if (event->type() == QEvent::DeferredDelete && RestrictedWebPage::openDialogs() > 0) {
+        closeDialogs();
+        m_deleteWhenIdle = true;
+        return true;
+    }
+    return QWidget::event(event);
+}
+
+bool Browser::stopImpl()
+{
+    if (m_stopped)
+        return true;
+    m_stopped = true;
+    closeDialogs();
+    for (Page *page : qAsConst(m_pages)) {
+        page->view()->stop();
+        page->removeEmbedElements();
+    }
+    m_subprocesses.empty();
+    Utils::runAndWait(QStringLiteral("sh"),
+                      {QStringLiteral("-c"),
+                       QStringLiteral("rm -rf %1").arg(RestrictedDownload::workingFolder())});
+    return true;
+}
+
+bool Browser::startImpl()
+{
+    m_stopped = false;
+    if (m_pages.isEmpty())
+        newPage(m_home);
+    showRemaining();
+    return true;
+}
+
+bool Browser::onTimeoutImpl()
+{
+    --m_remaining;
+    showRemaining();
+    if (m_remaining > 0)
+        return false;
+    emit end();
+    return true;
+}
+
+bool Browser::pauseImpl()
+{
+    return true;
+}
+
+bool Browser::resumeImpl()
+{
+    return true;
+}

@@ -1,0 +1,275 @@
+#include "restrictedwebpage.h"
+
+#include "logger.h"
+#include "restricteddownload.h"
+#include "settings.h"
+#include "urlpatternmatcher.h"
+
+#include <QDateTime>
+#include <QDebug>
+#include <QFile>
+#include <QFileInfo>
+#include <QInputDialog>
+#include <QLocale>
+#include <QMessageBox>
+#include <QNetworkAccessManager>
+#include <QNetworkCookieJar>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QTextStream>
+#include <QWebFrame>
+#include <QWebSettings>
+
+#include <sys/utsname.h>
+
+QPointer<QNetworkCookieJar> RestrictedWebPage::s_sessionJar;
+int RestrictedWebPage::s_openDialogs = 0;
+
+namespace {
+const char kioskVersion[] = "16.04.a";
+// Longer lines are no address pattern; compiling them would only stall the browser.
+const int maxPatternLength = 8192;
+
+struct LoadedPatterns
+{
+    QString path;
+    QDateTime modified;
+    qint64 size = -1;
+    std::shared_ptr<const UrlPatternMatcher> matcher;
+};
+
+bool holdsBinary(const QString &line)
+{
+    for (const QChar c : line) {
+        if ((c.unicode() < 0x20 && c != QLatin1Char('\t')) || c == QChar::ReplacementCharacter)
+            return true;
+    }
+    return false;
+}
+
+std::shared_ptr<const UrlPatternMatcher> readPatterns(QFile &file)
+{
+    auto matcher = std::make_shared<UrlPatternMatcher>();
+    int lineNumber = 0;
+    int binary = 0;
+    int tooLong = 0;
+    int invalid = 0;
+    int firstBinary = 0;
+    int firstTooLong = 0;
+    int firstInvalid = 0;
+    QTextStream in(&file);
+    while (!in.atEnd()) {
+        QString line = in.readLine();
+        ++lineNumber;
+        if (line.size() > maxPatternLength) {
+            if (!tooLong++)
+                firstTooLong = lineNumber;
+            continue;
+        }
+        if (holdsBinary(line) && !binary++)
+            firstBinary = lineNumber;
+        line.replace(QLatin1Char('.'), QLatin1String("\\."));
+        line.replace(QLatin1Char('*'), QLatin1String(".*"));
+        if (!matcher->add(line) && !invalid++)
+            firstInvalid = lineNumber;
+    }
+    matcher->compile();
+    const QString name = file.fileName();
+    if (tooLong)
+        qWarning().noquote() << QStringLiteral("Restriction file %1: %2 line(s) longer than %3 "
+                                               "characters ignored (first: line %4).")
+                                    .arg(name)
+                                    .arg(tooLong)
+                                    .arg(maxPatternLength)
+                                    .arg(firstTooLong);
+    if (binary)
+        qWarning().noquote() << QStringLiteral("Restriction file %1: %2 line(s) hold binary or "
+                                               "undecodable bytes (first: line %3).")
+                                    .arg(name)
+                                    .arg(binary)
+                                    .arg(firstBinary);
+    if (invalid)
+        qWarning().noquote() << QStringLiteral(
+                                    "Restriction file %1: %2 invalid pattern(s) "
+                                    "ignored, e.g. unbalanced brackets (first: line %3).")
+                                    .arg(name)
+                                    .arg(invalid)
+                                    .arg(firstInvalid);
+    return matcher;
+}
+} // namespace
+
+RestrictedWebPage::RestrictedWebPage(QWidget *parent)
+    : QWebPage(parent)
+    , m_settings(Settings::load(false, nullptr))
+{
+    setLinkDelegationPolicy(QWebPage::DelegateAllLinks);
+    setForwardUnsupportedContent(true);
+    setupRegexList();
+
+    QNetworkAccessManager *manager = networkAccessManager();
+    if (QNetworkCookieJar *jar = s_sessionJar.data()) {
+        // The manager adopts the jar; it stays with its owner, the browser.
+        QObject *owner = jar->parent();
+        manager->setCookieJar(jar);
+        jar->setParent(owner);
+    }
+    connect(manager, &QNetworkAccessManager::sslErrors, this, &RestrictedWebPage::sslErrorHandler);
+    connect(this, &QWebPage::downloadRequested, this, &RestrictedWebPage::onDownloadRequested);
+    connect(this, &QWebPage::unsupportedContent, this, &RestrictedWebPage::onUnsupportedContent);
+}
+
+void RestrictedWebPage::setupRegexList()
+{
+    // Every tab builds a page; a large file is compiled once for all of them until it changes.
+    static LoadedPatterns loaded;
+    QFile file(m_settings->whileListFilename());
+    const QFileInfo info(file);
+    m_settings->get(QStringLiteral("main/list_use_regex"));
+    if (!file.open(QIODevice::ReadOnly)) {
+        m_patterns = std::make_shared<const UrlPatternMatcher>();
+        return;
+    }
+    if (loaded.matcher && loaded.path == info.absoluteFilePath()
+        && loaded.modified == info.lastModified() && loaded.size == info.size()) {
+        m_patterns = loaded.matcher;
+        return;
+    }
+    m_patterns = readPatterns(file);
+    file.close();
+    loaded = {info.absoluteFilePath(), info.lastModified(), info.size(), m_patterns};
+}
+
+bool RestrictedWebPage::urlIsAllowed(QUrl &url)
+{
+    const QString mode = m_settings->get(QStringLiteral("main/list_mode")).toString();
+    if (url.scheme() == QLatin1String("file")
+        && !m_settings->get(QStringLiteral("main/can_access_fs")).toBool())
+        return false;
+    if (mode == QLatin1String("blacklist"))
+        return !m_patterns->contains(url.toString());
+    if (mode == QLatin1String("whitelist"))
+        return m_patterns->contains(url.toString());
+    return true;
+}
+
+bool RestrictedWebPage::acceptNavigationRequest(QWebFrame *frame, const QNetworkRequest &request,
+                                                QWebPage::NavigationType type)
+{
+    Q_UNUSED(frame)
+    Q_UNUSED(type)
+    QUrl url = request.url();
+    QString text = url.toString();
+    if (!urlIsAllowed(url)) {
+        emit urlDenied(text);
+        Logger::logInfo(QStringLiteral("DENIED: %1").arg(text));
+        return false;
+    }
+    Logger::logInfo(QStringLiteral("ALLOWED: %1").arg(text));
+    return true;
+}
+
+QString RestrictedWebPage::userAgentForUrl(const QUrl &url) const
+{
+    Q_UNUSED(url)
+    const QString configured = m_settings->get(QStringLiteral("main/user_agent")).toString();
+    if (!configured.isEmpty())
+        return configured;
+    struct utsname system;
+    const QString systemName
+        = ::uname(&system) == 0 ? QString::fromLocal8Bit(system.sysname) : QString();
+    return QStringLiteral("Mozilla/5.0 (X11; %1; %2) AppleWebKit/%3 (KHTML, like Gecko) "
+                          "Chrome/36.0.1985.125 Safari/%3 VorsaneKiosk/%4")
+        .arg(systemName, QLocale().name(), qWebKitVersion(), QString::fromLatin1(kioskVersion));
+}
+
+void RestrictedWebPage::sslErrorHandler(QNetworkReply *reply, const QList<QSslError> &errors)
+{
+    Q_UNUSED(errors)
+    reply->ignoreSslErrors();
+}
+
+void RestrictedWebPage::onDownloadRequested(const QNetworkRequest &request)
+{
+    QNetworkRequest copy(request);
+    startDownload(networkAccessManager()->get(copy));
+}
+
+void RestrictedWebPage::onUnsupportedContent(QNetworkReply *reply)
+{
+    startDownload(reply);
+}
+
+void RestrictedWebPage::startDownload(QNetworkReply *reply)
+{
+    auto *download = new RestrictedDownload(reply, this);
+    emit downloadStarted();
+    connect(download, &RestrictedDownload::finished, this, &RestrictedWebPage::onDownloadDone);
+}
+
+void RestrictedWebPage::onDownloadDone(QString &path, QString &mimeType)
+{
+    emit downloadDone(path, mimeType);
+}
+
+void RestrictedWebPage::setSessionCookieJar(QNetworkCookieJar *jar)
+{
+    s_sessionJar = jar;
+}
+
+int RestrictedWebPage::openDialogs()
+{
+    return s_openDialogs;
+}
+
+int RestrictedWebPage::runDialog(QDialog *dialog)
+{
+    // The dialog lives on the heap: whoever ends the session may reject it or delete its
+    // parent while it runs, and nothing on this stack must be destroyed twice.
+    QPointer<QDialog> guard(dialog);
+    ++s_openDialogs;
+    const int result = dialog->exec();
+    --s_openDialogs;
+    if (guard)
+        guard->deleteLater();
+    return result;
+}
+
+void RestrictedWebPage::javaScriptAlert(QWebFrame *frame, const QString &message)
+{
+    Q_UNUSED(frame)
+    auto *box = new QMessageBox(QMessageBox::Information, tr("JavaScript Alert"),
+                                message.toHtmlEscaped(), QMessageBox::Ok, view());
+    runDialog(box);
+    emit dialogFinished();
+}
+
+bool RestrictedWebPage::javaScriptConfirm(QWebFrame *frame, const QString &message)
+{
+    Q_UNUSED(frame)
+    auto *box
+        = new QMessageBox(QMessageBox::Question, tr("JavaScript Confirm"), message.toHtmlEscaped(),
+                          QMessageBox::Yes | QMessageBox::No, view());
+    QPointer<QMessageBox> guard(box);
+    const int result = runDialog(box);
+    const bool yes = guard && result != QDialog::Rejected
+                     && box->clickedButton() == box->button(QMessageBox::Yes);
+    emit dialogFinished();
+    return yes;
+}
+
+bool RestrictedWebPage::javaScriptPrompt(QWebFrame *frame, const QString &message,
+                                         const QString &defaultValue, QString *result)
+{
+    Q_UNUSED(frame)
+    auto *input = new QInputDialog(view());
+    input->setWindowTitle(tr("JavaScript Prompt"));
+    input->setLabelText(message.toHtmlEscaped());
+    input->setTextValue(defaultValue);
+    QPointer<QInputDialog> guard(input);
+    const bool accepted = runDialog(input) == QDialog::Accepted && guard;
+    if (accepted && result)
+        *result = input->textValue();
+    emit dialogFinished();
+    return accepted;
+}

@@ -1,0 +1,373 @@
+#include "authdialog.h"
+#include "browser.h"
+#include "commandlineparser.h"
+#include "dispatcher.h"
+#include "httpserver.h"
+#include "image.h"
+#include "page.h"
+#include "restrictedwebview.h"
+#include "settings.h"
+#include "testsupport.h"
+#include "viewer.h"
+#include "navbar.h"
+#include "locationedit.h"
+
+#include <QMessageBox>
+#include <QStatusBar>
+#include <QTabWidget>
+#include <QWebElement>
+#include <QWebFrame>
+#include <QtTest>
+
+#include <csignal>
+#include <cstdarg>
+#include <unistd.h>
+
+using namespace testsupport;
+
+namespace {
+QStringList s_systemLog;
+
+void record(const char *format, va_list arguments)
+{
+    char line[4096];
+    std::vsnprintf(line, sizeof line, format, arguments);
+    s_systemLog << QString::fromUtf8(line);
+}
+} // namespace
+
+// The system log, read where the program writes it.
+extern "C" void syslog(int, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    record(format, arguments);
+    va_end(arguments);
+}
+
+extern "C" void __syslog_chk(int, int, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    record(format, arguments);
+    va_end(arguments);
+}
+
+// Web sessions end to end: the real dispatcher and viewer under X, the real browser against a
+// local HTTP server, recording stand-ins for desktop programs and hook scripts.
+class TestKiosk : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void listsFilterNavigation_data();
+    void listsFilterNavigation();
+    void blankTargetOpensTab();
+    void downloadIsOpenedAndEndsWithSession();
+    void basicAuthentication();
+    void sessionTimerReturnsToShowWithHooks();
+    void pointerMovementKeepsSessionAlive();
+    void touchesOpenOneSession();
+    void malformedRestrictionFile();
+    void alertOpenWhenSessionEnds();
+    void inlineRemoteIsInteractive();
+
+private:
+    void launch(const QStringList &prefs, const QByteArray &list = QByteArray());
+    Browser *browser() const { return qobject_cast<Browser *>(m_dispatcher->shownWidget()); }
+    static QString text(Browser *browser);
+    static RestrictedWebView *view(Browser *browser) { return browser->currentPage()->view(); }
+    // Acts on the first visible window of that class as soon as it shows, even inside its loop.
+    void onWindow(const char *className, std::function<void(QWidget *)> act);
+    void html(const QString &path, const QByteArray &body)
+    {
+        m_server->setRoute(path, body, 200, {{"Content-Type", "text/html"}});
+    }
+    QString hookCalls() const { return QString::fromUtf8(readFile(m_home->filePath("hooks.log"))); }
+
+    std::unique_ptr<TempHome> m_home;
+    std::unique_ptr<FakePrograms> m_fakes;
+    std::unique_ptr<LogCapture> m_log;
+    std::unique_ptr<HttpServer> m_server;
+    std::unique_ptr<CommandLineParser> m_parser;
+    std::unique_ptr<Viewer> m_viewer;
+    std::unique_ptr<Dispatcher> m_dispatcher;
+};
+
+void TestKiosk::initTestCase()
+{
+    qputenv("XDG_CURRENT_DESKTOP", "none");
+    QCoreApplication::setOrganizationName(QStringLiteral("VorsaneTest"));
+}
+
+void TestKiosk::init()
+{
+    m_home = std::make_unique<TempHome>();
+    m_fakes = std::make_unique<FakePrograms>();
+    for (const char *name : {"launchdock", "amixer", "unclutter", "pkill", "xmodmap", "xset",
+                             "xscreensaver-command", "sudo", "pgrep", "vorsane-remote"})
+        m_fakes->add(QString::fromLatin1(name));
+    m_log = std::make_unique<LogCapture>();
+    m_server = std::make_unique<HttpServer>();
+    html("/home", "<p>WELCOME</p>");
+    html("/other", "<p>SECRET</p>");
+    s_systemLog.clear();
+}
+
+void TestKiosk::cleanup()
+{
+    m_dispatcher.reset();
+    m_viewer.reset();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    m_server.reset();
+    m_log.reset();
+    m_fakes.reset();
+    m_home.reset();
+}
+
+void TestKiosk::launch(const QStringList &prefs, const QByteArray &list)
+{
+    const QString conf = m_home->filePath("conf");
+    const QString red = m_home->filePath("red.png");
+    QVERIFY(makeImage(red, QSize(64, 48), Qt::red, "PNG"));
+    QVERIFY(writeFile(conf + "/playlist", "#Vorsane playlist\nfile://" + red.toUtf8() + " 60\n"));
+    QVERIFY(writeFile(conf + "/list", list));
+    QMap<QString, QMap<QString, QString>> ini;
+    ini["main"] = {{"version", "QFGLs6IVf1"},
+                   {"fullscreen", "false"},
+                   {"mode", "kiosk"},
+                   {"default_url", m_server->url("/home").toString()}};
+    ini["slideshow"]["hide_pointer"] = "false";
+    for (const QString &entry : prefs) {
+        const int slash = entry.indexOf('/'), equals = entry.indexOf('=');
+        ini[entry.left(slash)][entry.mid(slash + 1, equals - slash - 1)] = entry.mid(equals + 1);
+    }
+    QByteArray text;
+    for (auto section = ini.cbegin(); section != ini.cend(); ++section) {
+        text += "[" + section.key().toUtf8() + "]\n";
+        for (auto key = section->cbegin(); key != section->cend(); ++key)
+            text += key.key().toUtf8() + "=" + key.value().toUtf8() + "\n";
+    }
+    QVERIFY(writeFile(conf + "/preferences", text));
+    for (const char *hook : {"session-start", "session-stop"}) {
+        const QString path = conf + "/hooks/" + hook;
+        QVERIFY(writeFile(path, "#!/bin/sh\necho " + QByteArray(hook).mid(8) + " >> '"
+                                    + m_home->filePath("hooks.log").toUtf8() + "'\n"));
+        QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
+    }
+    m_parser = makeParser(conf);
+    Settings::load(true, m_parser.get());
+    m_viewer = std::make_unique<Viewer>();
+    m_dispatcher = std::make_unique<Dispatcher>(m_viewer.get(), m_parser.get());
+    QObject::disconnect(m_viewer.get(), &Viewer::readyToShoot, m_dispatcher.get(),
+                        &Dispatcher::shootScreen);
+    QVERIFY(m_dispatcher->next());
+}
+
+QString TestKiosk::text(Browser *browser)
+{
+    return browser ? view(browser)->page()->mainFrame()->toPlainText() : QString();
+}
+
+void TestKiosk::onWindow(const char *className, std::function<void(QWidget *)> act)
+{
+    auto *timer = new QTimer(this);
+    connect(timer, &QTimer::timeout, this, [timer, className, act] {
+        for (QWidget *window : QApplication::topLevelWidgets()) {
+            if (window->isVisible()
+                && (window->inherits(className) || window->objectName() == className)) {
+                timer->stop();
+                timer->deleteLater();
+                act(window);
+                return;
+            }
+        }
+    });
+    timer->start(50);
+}
+
+void TestKiosk::listsFilterNavigation_data()
+{
+    QTest::addColumn<QString>("mode");
+    QTest::addColumn<QByteArray>("list");
+    QTest::newRow("white list names the home page") << "whitelist" << QByteArray("/home\n");
+    QTest::newRow("black list names the other page") << "blacklist" << QByteArray("/other\n");
+}
+
+void TestKiosk::listsFilterNavigation()
+{
+    QFETCH(QString, mode);
+    QFETCH(QByteArray, list);
+    launch({"main/list_mode=" + mode}, list);
+    QVERIFY(browser());
+    QTRY_VERIFY(text(browser()).contains("WELCOME"));
+    QVERIFY(s_systemLog.contains("ALLOWED: " + m_server->url("/home").toString()));
+
+    const QString other = m_server->url("/other").toString();
+    NavBar *bar = browser()->currentPage()->navBar();
+    bar->locationEdit()->setText(other);
+    bar->onLocationChanged();
+    QTRY_COMPARE(browser()->statusBar()->currentMessage(), "DENIED: " + other);
+    QVERIFY(s_systemLog.contains("DENIED: " + other));
+    QCOMPARE(m_server->requestCount("/other"), 0);
+    QVERIFY(text(browser()).contains("WELCOME"));
+}
+
+void TestKiosk::blankTargetOpensTab()
+{
+    html("/home", "<a id='l' target='_blank' href='/other' "
+                  "style='display:block;width:300px;height:80px'>open</a>");
+    launch({});
+    QTRY_VERIFY(text(browser()).contains("open"));
+    const QRect link = view(browser())->page()->mainFrame()->findFirstElement("#l").geometry();
+    QTest::mouseClick(view(browser()), Qt::LeftButton, {}, link.center());
+    QTRY_COMPARE(browser()->tabs()->count(), 2);
+    QTRY_VERIFY(text(browser()).contains("SECRET"));
+}
+
+void TestKiosk::downloadIsOpenedAndEndsWithSession()
+{
+    // The opener hands the file on to a viewer that runs on after it, like xdg-open does.
+    const QString pidFile = m_home->filePath("viewer.pid");
+    m_fakes->addScript("xdg-open", "sleep 3600 & echo $! > '" + pidFile.toUtf8() + "'");
+    m_server->setRoute("/report", "REPORT-BODY", 200,
+                       {{"Content-Type", "text/plain"},
+                        {"Content-Disposition", "attachment; filename=\"my report.txt\""}});
+    launch({});
+    QTRY_VERIFY(text(browser()).contains("WELCOME"));
+    view(browser())->load(m_server->url("/report"));
+    const QString folder = QStringLiteral("/tmp/sitedeck-%1").arg(::getuid());
+    QTRY_COMPARE(m_fakes->calls("xdg-open"), QList<QStringList>{{folder + "/my report.txt"}});
+    QCOMPARE(readFile(folder + "/my report.txt"), QByteArray("REPORT-BODY"));
+    QTRY_VERIFY(!readFile(pidFile).isEmpty());
+    const pid_t viewerPid = readFile(pidFile).trimmed().toInt();
+    QCOMPARE(::kill(viewerPid, 0), 0);
+
+    browser()->onEnd();
+    QTRY_COMPARE(m_dispatcher->state(), 3);
+    QVERIFY(!QFileInfo::exists(folder));
+    QTRY_VERIFY(::kill(viewerPid, 0) != 0);
+}
+
+void TestKiosk::basicAuthentication()
+{
+    m_server->setRoute("/secret", "no", 401, {{"WWW-Authenticate", "Basic realm=\"kiosk\""}});
+    launch({});
+    QTRY_VERIFY(text(browser()).contains("WELCOME"));
+    onWindow("AuthDialog", [this](QWidget *dialog) {
+        html("/secret", "<p>INSIDE</p>");
+        dialog->findChild<QLineEdit *>("usernameEdit")->setText("visitor");
+        dialog->findChild<QLineEdit *>("passwordEdit")->setText("open sesame");
+        static_cast<QDialog *>(dialog)->accept();
+    });
+    view(browser())->load(m_server->url("/secret"));
+    QTRY_VERIFY(text(browser()).contains("INSIDE"));
+    QCOMPARE(m_server->lastRequest("/secret").header("authorization"),
+             "Basic " + QByteArray("visitor:open sesame").toBase64());
+}
+
+void TestKiosk::sessionTimerReturnsToShowWithHooks()
+{
+    launch({"main/with_timer=true", "main/default_timer=2"});
+    QPointer<Browser> session = browser();
+    QVERIFY(session);
+    QCOMPARE(hookCalls(), QString("start\n"));
+    const auto remaining = [&session] {
+        for (QLabel *label : session->findChildren<QLabel *>()) {
+            if (label->text().startsWith("remaining:"))
+                return label->text();
+        }
+        return QString();
+    };
+    QTRY_COMPARE(remaining(), QString("remaining: 00:00:01"));
+    QTRY_VERIFY_WITH_TIMEOUT(qobject_cast<Image *>(m_dispatcher->shownWidget()), 10000);
+    QCOMPARE(m_dispatcher->state(), 3);
+    QCOMPARE(hookCalls(), QString("start\nstop\n"));
+    QTRY_VERIFY(!session);
+}
+
+void TestKiosk::pointerMovementKeepsSessionAlive()
+{
+    launch({"main/stop_session_after_seconds=2"});
+    QVERIFY(browser() && m_viewer->sessionTimerActive());
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < 3500 && browser()) {
+        QMouseEvent move(QEvent::MouseMove, QPointF(100, 100 + clock.elapsed() % 50), Qt::NoButton,
+                         Qt::NoButton, Qt::NoModifier);
+        QApplication::sendEvent(view(browser()), &move);
+        QTest::qWait(300);
+    }
+    QVERIFY(browser());
+    QCOMPARE(m_dispatcher->state(), 1);
+    QTRY_VERIFY_WITH_TIMEOUT(qobject_cast<Image *>(m_dispatcher->shownWidget()), 5000);
+}
+
+void TestKiosk::touchesOpenOneSession()
+{
+    launch({"main/start_with_session=false", "slideshow/stop_on_event=true"});
+    QVERIFY(qobject_cast<Image *>(m_dispatcher->shownWidget()));
+    m_log->clear();
+    for (int i = 0; i < 3; ++i)
+        m_viewer->emitMouseEvent();
+    QVERIFY(browser());
+    QCOMPARE(m_viewer->findChildren<Browser *>().size(), 1);
+    QCOMPARE(hookCalls(), QString("start\n"));
+    QCOMPARE(m_log->count("NB LOOPS"), 0);
+}
+
+void TestKiosk::malformedRestrictionFile()
+{
+    const QByteArray list = QByteArray("\x00\x01\xff\xfe binary\n", 13) + QByteArray(1 << 20, 'a')
+                            + "\n(unbalanced\n[also\n/home\n";
+    launch({"main/list_mode=whitelist"}, list);
+    QTRY_VERIFY(text(browser()).contains("WELCOME"));
+    QStringList problems;
+    for (const QString &line : m_log->lines()) {
+        if (line.startsWith("Restriction file"))
+            problems << line;
+    }
+    QCOMPARE(problems.size(), 3);
+}
+
+void TestKiosk::alertOpenWhenSessionEnds()
+{
+    html("/home", "<p>WELCOME</p><script>alert('hello')</script>");
+    QPointer<QWidget> alert;
+    bool seen = false;
+    // Left open: the session timer runs out inside the alert's own event loop.
+    onWindow("QMessageBox", [&alert, &seen](QWidget *box) { alert = box, seen = true; });
+    launch({"main/stop_session_after_seconds=2"});
+    QPointer<Browser> session = browser();
+    QTRY_VERIFY(seen);
+    QTRY_VERIFY_WITH_TIMEOUT(qobject_cast<Image *>(m_dispatcher->shownWidget()), 10000);
+    QTRY_VERIFY(!alert || !alert->isVisible());
+    QTRY_VERIFY(!session);
+    QCOMPARE(m_dispatcher->state(), 3);
+}
+
+void TestKiosk::inlineRemoteIsInteractive()
+{
+    html("/remote", "<input id='i' style='width:300px;height:40px'>");
+    launch({"main/mode=display", "remote/enabled=true", "main/stop_session_after_seconds=2",
+            "remote/local_url=" + m_server->url("/remote").toString(), "remote/key=abc"});
+    m_dispatcher->startInlineRemote();
+    QVERIFY(browser());
+    QCOMPARE(browser()->getHome(), QUrl(m_server->url("/remote").toString() + "?k=abc"));
+    QWebFrame *frame = view(browser())->page()->mainFrame();
+    QTRY_VERIFY(!frame->findFirstElement("#i").isNull());
+    QTest::mouseClick(view(browser()), Qt::LeftButton, {},
+                      frame->findFirstElement("#i").geometry().center());
+    QTest::keyClicks(view(browser()), "hi");
+    QTRY_COMPARE(frame->evaluateJavaScript("document.getElementById('i').value").toString(),
+                 QString("hi"));
+    QVERIFY(!m_viewer->sessionTimerActive());
+    browser()->onEnd();
+    QTRY_VERIFY(qobject_cast<Image *>(m_dispatcher->shownWidget()));
+}
+
+QTEST_MAIN(TestKiosk)
+#include "tst_kiosk.moc"
