@@ -12,6 +12,7 @@
 #include <QTimer>
 #include <QUrl>
 
+#include <functional>
 #include <memory>
 
 class Cleanser;
@@ -116,4 +117,7 @@ private:
     QElapsedTimer m_shownSince;
     bool m_endedBySelf = false;
     bool m_settingUp = false;
+    // Remote commands and clicks that arrive while a set-up runs, carried out when it is over.
+    QList<std::function<void()>> m_pending;
+    bool deferWhileSettingUp(std::function<void()> action);
 };

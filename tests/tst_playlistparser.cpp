@@ -526,9 +526,9 @@ void TestPlaylistParser::getNetwork_data()
     QTest::newRow("unavailable for public use over a copy")
         << 200 << QByteArray("Unavailable for public use") << normal << true << copy << none
         << "xml" << QString() << empty << copy;
-    QTest::newRow("nearly unavailable is stored as it is")
+    QTest::newRow("nearly unavailable is no playlist and not stored")
         << 200 << QByteArray("Unavailable for public use\n") << normal << true << none << none
-        << "flat" << warningUrl << QByteArray("Unavailable for public use\n") << none;
+        << "xml" << QString() << none << none;
     QTest::newRow("empty reply plays the backup")
         << 200 << QByteArray() << normal << true << copy << old << "flat"
         << "http://old/" << copy << old;
