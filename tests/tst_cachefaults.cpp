@@ -250,7 +250,10 @@ void TestCacheFaults::namedEntriesSurviveCleanUp()
     // A copy the server vouches for counts as fresh again.
     const QString tag = m_home->stateDir() + "/etag/" + Downloader::cacheName(named);
     ItemDownloader item(named, dataPath(named), tag, true);
-    QVERIFY(item.inCache());
+    QSignalSpy finished(&item, &ItemDownloader::finished);
+    item.start();
+    QCOMPARE(finished.count(), 1);
+    QCOMPARE(m_server->requestCount("GET", "/named.png"), 0);
     QVERIFY(QFileInfo(tag).lastModified() > QDateTime::currentDateTime().addSecs(-60));
 }
 
@@ -259,32 +262,30 @@ void TestCacheFaults::signalMidDownloadThenRestart()
     const QString url = m_server->url("/big.png").toString();
     const QString picture = m_home->filePath("big.png");
     QVERIFY(makeImage(picture, QSize(1200, 900), Qt::green, "BMP"));
-    HttpServer::Route route{readFile(picture), 200, {}, Behaviour::HoldAfterPart};
-    route.cutAfter = route.body.size() / 2;
-    m_server->setRoute("/big.png", route);
+    m_server->setRoute("/big.png", HttpServer::Route{readFile(picture), 200, {}, Behaviour::Stall});
     const QByteArray playlist = "<schedule><loop id='0'><i uri='" + url.toUtf8()
                                 + "' type='image' time='30'/></loop></schedule>";
-    const QDir data(m_home->stateDir() + QStringLiteral("/data"));
+    const QString data = m_home->stateDir() + QStringLiteral("/data");
     {
         KioskProcess kiosk;
+        // Both runs share one cache.
+        qputenv("HOME", QFile::encodeName(m_home->path()));
         QVERIFY(kiosk.start(playlist));
-        QVERIFY(QTest::qWaitFor(
-            [&] {
-                const QFileInfoList parts = data.entryInfoList({".download-*"}, QDir::Files | QDir::Hidden);
-                return !parts.isEmpty() && parts.first().size() > 0;
-            },
-            20000));
+        QTRY_VERIFY_WITH_TIMEOUT(m_server->stalledConnections() > 0, 20000);
         kiosk.process().terminate();
         QVERIFY(kiosk.process().waitForFinished(10000));
         QVERIFY(!QFile::exists(dataPath(url)));
         m_server->closeStalledConnections();
     }
+    // What a transfer cut by power loss leaves is never taken for content.
+    QVERIFY(writeFile(data + "/.download-AbCdEf", QByteArray(500, 'p')));
 
     m_server->setBehaviour("/big.png", Behaviour::Normal);
     KioskProcess kiosk;
+    qputenv("HOME", QFile::encodeName(m_home->path()));
     QVERIFY(kiosk.start(playlist));
     QVERIFY(kiosk.waitForLog("Loop downloaded"));
-    QCOMPARE(readFile(dataPath(url)), route.body);
+    QCOMPARE(readFile(dataPath(url)), readFile(picture));
     QCOMPARE(incompleteFiles(), QStringList());
     kiosk.process().terminate();
     kiosk.process().waitForFinished(10000);

@@ -282,14 +282,6 @@ void HttpServer::answer(QTcpSocket *socket, const Request &request)
         socket->disconnectFromHost();
         return;
     }
-    if (route.behaviour == Behaviour::HoldAfterPart) {
-        send(socket, route.status, route.headers, route.body.left(qMax(route.cutAfter, 0)),
-             route.body.size(), request.method != "HEAD");
-        m_buffers.remove(socket);
-        m_stalled << socket;
-        return;
-    }
-
     int status = route.status;
     QByteArray body = route.body;
     QList<QPair<QByteArray, QByteArray>> headers = route.headers;

@@ -34,8 +34,6 @@ public:
         // Send the body with Transfer-Encoding: chunked and no length; with cutAfter set, only
         // that many bytes and no final chunk, then close.
         Chunked,
-        // Announce the full length, send cutAfter bytes, then hold the connection open.
-        HoldAfterPart,
     };
 
     struct Route
