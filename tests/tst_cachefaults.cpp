@@ -36,6 +36,7 @@ private Q_SLOTS:
     void fetchedPlaylistMustBeAPlaylist();
     void namedEntriesSurviveCleanUp();
     void signalMidDownloadThenRestart();
+    void remoteNextDuringDownloadsIsKept();
 
 private:
     PlaylistLoopPtr loopOf(const QStringList &urls);
@@ -287,6 +288,36 @@ void TestCacheFaults::signalMidDownloadThenRestart()
     QVERIFY(kiosk.waitForLog("Loop downloaded"));
     QCOMPARE(readFile(dataPath(url)), readFile(picture));
     QCOMPARE(incompleteFiles(), QStringList());
+    kiosk.process().terminate();
+    kiosk.process().waitForFinished(10000);
+}
+
+void TestCacheFaults::remoteNextDuringDownloadsIsKept()
+{
+    const QString red = m_home->filePath("red.png");
+    QVERIFY(makeImage(red, QSize(64, 48), Qt::red, "PNG"));
+    m_server->setRoute("/slow.png", HttpServer::Route{"x", 200, {}, Behaviour::Stall});
+    const QByteArray playlist = "<schedule><loop id='0'><i uri='file://" + red.toUtf8()
+                                + "' type='image' time='60'/><i uri='"
+                                + m_server->url("/slow.png").toEncoded()
+                                + "' type='image' time='60'/></loop></schedule>";
+    KioskProcess kiosk;
+    QVERIFY(kiosk.start(playlist));
+    QTRY_VERIFY_WITH_TIMEOUT(m_server->stalledConnections() > 0, 20000);
+    // The set-up waits on the download: the command is kept until it is over.
+    QVERIFY(QTest::qWaitFor([&] {
+        KioskProcess::sendDatagram("{\"action\":1}");
+        return kiosk.log().contains("carried out when it is over");
+    }, 10000));
+    m_server->setRoute("/slow.png", "gone", 404);
+    m_server->closeStalledConnections();
+    QVERIFY(kiosk.waitForLog("downloaded"));
+    // The first item came, then the kept "next" moved on from it to the demo picture.
+    QVERIFY(QTest::qWaitFor([] {
+        KioskProcess::sendDatagram("{\"action\":3}");
+        const QColor shot = KioskProcess::screenColor();
+        return shot.isValid() && shot != QColor(Qt::red) && shot != QColor(Qt::black);
+    }, 5000));
     kiosk.process().terminate();
     kiosk.process().waitForFinished(10000);
 }
