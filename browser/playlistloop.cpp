@@ -197,6 +197,9 @@ void PlaylistLoop::fromString(const QString &text)
                 addDirectoryInItems(info.filePath(), duration);
             else if (info.exists())
                 items.append(makeItem(target, PlaylistItem::Guess, duration));
+            else if (const QString alias = aliasForEncoded(url); !alias.isEmpty())
+                items.append(makeItem(QLatin1String("file://") + alias, PlaylistItem::Guess,
+                                      duration));
         } else if (scheme == QLatin1String("smb")) {
             urlSeen = true;
             addSmbShare(url, duration);
@@ -301,6 +304,17 @@ void PlaylistLoop::collectFiles(const QByteArray &directory, QList<QByteArray> &
             paths << path;
     }
     closedir(dir);
+}
+
+QString PlaylistLoop::aliasForEncoded(const QUrl &url)
+{
+    // "%E9" in a file address names the byte itself, which is no UTF-8 text.
+    const QByteArray raw = QByteArray::fromPercentEncoding(url.path(QUrl::FullyEncoded).toLatin1());
+    struct stat info = {};
+    if (QFile::encodeName(QFile::decodeName(raw)) == raw || stat(raw.constData(), &info) != 0
+        || !S_ISREG(info.st_mode))
+        return QString();
+    return aliasFor(raw);
 }
 
 QString PlaylistLoop::aliasFor(const QByteArray &path)

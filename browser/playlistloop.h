@@ -39,6 +39,8 @@ public:
     static void collectFiles(const QByteArray &directory, QList<QByteArray> &paths);
     // A link with a name that is valid text, to a file whose name is not.
     static QString aliasFor(const QByteArray &path);
+    // The same for a file address whose percent-encoded path is not UTF-8; empty otherwise.
+    static QString aliasForEncoded(const QUrl &url);
     void addDemoItems();
 
     // The checks work on "today"; the overloads taking a date exist so that a caller holding a

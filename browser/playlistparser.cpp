@@ -117,7 +117,7 @@ PlaylistParser *PlaylistParser::get(int defaultDuration, const QUrl &url, QWidge
         const QString path = url.path(QUrl::FullyDecoded);
         QByteArray bytes;
         if (readLimited(path, bytes)) {
-            QTextStream stream(bytes);
+            QTextStream stream(bytes, QIODevice::ReadOnly | QIODevice::Text);
             text = stream.readAll();
         } else if (!QFileInfo(path).isFile()) {
             qWarning() << "Cannot read playlist" << path;

@@ -12,6 +12,10 @@ if [ -n "${FUZZ_TARGETS:-}" ]; then
     read -r -a targets <<<"$FUZZ_TARGETS"
 fi
 
+if ! command -v clang++-15 >/dev/null || [ ! -d /usr/lib/llvm-15/lib/clang ]; then
+    echo "fuzz.sh needs clang-15 and libfuzzer-15-dev (apt-get install -y clang-15 libfuzzer-15-dev)" >&2
+    exit 2
+fi
 launcher=()
 if command -v ccache >/dev/null; then
     export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$PWD}

@@ -66,7 +66,6 @@ QImage Image::readPicture(const QString &path, const QSize &area)
         return QImage();
     }
     QImageReader reader(path);
-    reader.setAutoTransform(true);
     QString tooLarge;
     if (!fitsDecodeBudget(reader, &tooLarge)) {
         qWarning() << "Cannot show picture" << path << ":" << tooLarge;
@@ -74,16 +73,11 @@ QImage Image::readPicture(const QString &path, const QSize &area)
     }
     // Decoded no larger than it can be shown: large enough to cover the area whatever the
     // fitting mode, so the fitting below loses nothing. Readers that decode at a smaller scale
-    // (JPEG) never hold the full picture; the others are held to the allocation limit.
-    QSize size = reader.size();
-    if (reader.transformation() & QImageIOHandler::TransformationRotate90)
-        size.transpose();
+    // (JPEG) never hold the full picture; the others are held to the decode budget.
+    const QSize size = reader.size();
     if (size.isValid() && area.isValid() && !area.isEmpty()
         && (size.width() > area.width() || size.height() > area.height())) {
-        QSize decoded = size.scaled(area, Qt::KeepAspectRatioByExpanding);
-        if (reader.transformation() & QImageIOHandler::TransformationRotate90)
-            decoded.transpose();
-        reader.setScaledSize(decoded);
+        reader.setScaledSize(size.scaled(area, Qt::KeepAspectRatioByExpanding));
     }
     const QImage image = reader.read();
     if (image.isNull())
