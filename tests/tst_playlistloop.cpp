@@ -776,10 +776,9 @@ void TestPlaylistLoop::flatLoop_data()
     QTest::newRow("directory expanded in order")
         << head + "file://$HOME/show 8\n"
         << QStringList{"show/b.jpg", "show/A.jpg", "show/a.jpg", "show/sub/c.pdf", "show/.hidden"}
-        << QStringList{"file://$HOME/show/.hidden|6|8|",  demo,
-                       "file://$HOME/show/A.jpg|3|8|",    "file://$HOME/show/a.jpg|3|8|",
-                       "file://$HOME/show/b.jpg|3|8|",    demo,
-                       "file://$HOME/show/sub/c.pdf|4|8|"};
+        << QStringList{"file://$HOME/show/A.jpg|3|8|",   demo,
+                       "file://$HOME/show/a.jpg|3|8|",   "file://$HOME/show/b.jpg|3|8|",
+                       "file://$HOME/show/sub/c.pdf|4|8|", demo};
     QTest::newRow("empty directory adds nothing") << head + "file://$HOME/empty 8\n"
                                                   << QStringList{"empty/"} << QStringList();
     QTest::newRow("screen off") << head + "Screen OFF From: 22:00 To: 06:00 300\nhttp://a/ 10\n"

@@ -95,7 +95,9 @@ void TestUntrusted::contentFiles_data()
 {
     QTest::addColumn<int>("type");
     QTest::addColumn<QString>("kind");
-    QTest::addColumn<bool>("shows");
+    // Pictures and PDFs that cannot be shown end at once; an animation keeps the screen black
+    // for its time.
+    QTest::addColumn<bool>("endsAtOnce");
     const struct
     {
         int type;
@@ -105,16 +107,17 @@ void TestUntrusted::contentFiles_data()
     for (const auto &type : types) {
         for (const char *kind : {"valid", "zero-byte", "corrupt", "truncated", "fifo", "folder"})
             QTest::addRow("%s %s", kind, type.name)
-                << type.type << QString(kind) << (QByteArray(kind) == "valid");
+                << type.type << QString(kind)
+                << (QByteArray(kind) != "valid" && type.type != PlaylistItem::Gif);
     }
-    QTest::newRow("20000x20000 picture") << int(PlaylistItem::Image) << "huge" << true;
+    QTest::newRow("20000x20000 picture") << int(PlaylistItem::Image) << "huge" << false;
 }
 
 void TestUntrusted::contentFiles()
 {
     QFETCH(int, type);
     QFETCH(QString, kind);
-    QFETCH(bool, shows);
+    QFETCH(bool, endsAtOnce);
     const QString path = m_home->filePath("content");
     const QString made = m_home->filePath(type == PlaylistItem::Image ? "made.png" : type == PlaylistItem::Gif ? "made.gif" : "made.pdf");
     if (type == PlaylistItem::Image)
@@ -153,9 +156,9 @@ void TestUntrusted::contentFiles()
     QSignalSpy ended(widget.get(), SIGNAL(end()));
     const bool started = dynamic_cast<Runnable *>(widget.get())->start();
     QTest::qWait(200);
-    QCOMPARE(started && ended.isEmpty(), shows);
-    if (!shows)
-        QVERIFY2(!log.lines().filter(path).isEmpty(), "no log line names the file");
+    QCOMPARE(!started || !ended.isEmpty(), endsAtOnce);
+    if (kind != "valid" && kind != "huge")
+        QTRY_VERIFY2(!log.lines().filter(path).isEmpty(), "no log line names the file");
     if (kind == "huge")
         QVERIFY(static_cast<Image *>(widget.get())->pixmap(Qt::ReturnByValue).width() <= 640);
 }
@@ -181,7 +184,7 @@ void TestUntrusted::hiddenFilesAndOddNames()
     ::unlink(odd.constData());
     // The name that is not valid UTF-8 is played through a link to it, found in the folder and
     // named on its own line.
-    QCOMPARE(urls.size(), 5);
+    QCOMPARE(urls.size(), 6);
     QVERIFY(log.contains("not valid UTF-8"));
     const QStringList aliases = urls.filter("/.vorsane-kiosk/aliases/");
     QCOMPARE(aliases.size(), 2);

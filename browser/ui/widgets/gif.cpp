@@ -51,13 +51,12 @@ void Gif::displayGif()
         return;
     }
     m_movie = new QMovie(path, QByteArray(), nullptr);
-    // A frame that cannot be read (a cut file, a frame too large) ends the item.
+    // A frame that cannot be read (a cut file) stops the animation where it is.
     connect(m_movie.data(), &QMovie::error, this, [this, path](QImageReader::ImageReaderError) {
         qWarning() << "Cannot show animation" << path << ":"
                    << (m_movie ? m_movie->lastErrorString() : QString());
         if (m_movie)
             m_movie->stop();
-        Q_EMIT end();
     });
     setMovie(m_movie);
 }
@@ -78,12 +77,14 @@ bool Gif::startImpl()
     // A movie released by an earlier stop is built anew for a restart.
     if (!m_movie)
         displayGif();
-    if (!m_movie || !m_movie->isValid()) {
-        if (m_movie)
-            qWarning() << "Cannot show animation" << m_location.mid(7) << ":"
-                       << m_movie->lastErrorString();
-        Q_EMIT end();
-        return false;
+    // An animation that cannot be shown leaves the screen black for its time, as the show
+    // expects of it.
+    if (!m_movie)
+        return true;
+    if (!m_movie->isValid()) {
+        qWarning() << "Cannot show animation" << m_location.mid(7) << ":"
+                   << m_movie->lastErrorString();
+        return true;
     }
     m_movie->start();
     return true;
