@@ -305,10 +305,8 @@ void TestCacheFaults::remoteNextDuringDownloadsIsKept()
     QVERIFY(kiosk.start(playlist));
     QTRY_VERIFY_WITH_TIMEOUT(m_server->stalledConnections() > 0, 20000);
     // The set-up waits on the download: the command is kept until it is over.
-    QVERIFY(QTest::qWaitFor([&] {
-        KioskProcess::sendDatagram("{\"action\":1}");
-        return kiosk.log().contains("carried out when it is over");
-    }, 10000));
+    KioskProcess::sendDatagram("{\"action\":1}");
+    QVERIFY(kiosk.waitForLog("carried out when it is over"));
     m_server->setRoute("/slow.png", "gone", 404);
     m_server->closeStalledConnections();
     QVERIFY(kiosk.waitForLog("downloaded"));
@@ -317,7 +315,7 @@ void TestCacheFaults::remoteNextDuringDownloadsIsKept()
         KioskProcess::sendDatagram("{\"action\":3}");
         const QColor shot = KioskProcess::screenColor();
         return shot.isValid() && shot != QColor(Qt::red) && shot != QColor(Qt::black);
-    }, 5000));
+    }, 15000));
     kiosk.process().terminate();
     kiosk.process().waitForFinished(10000);
 }
