@@ -1,5 +1,7 @@
 #include "cleanser.h"
 
+#include "downloader.h"
+#include "playlistparser.h"
 #include "settings.h"
 #include "utils.h"
 
@@ -8,6 +10,9 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QSet>
+#include <QXmlStreamReader>
+
+#include <algorithm>
 
 namespace {
 const char maintenanceFile[] = "maintenance.txt";
@@ -29,6 +34,36 @@ qint64 declaredLength(const QString &tagPath)
     bool ok = false;
     const qint64 length = text.split(QLatin1Char(':')).last().toLongLong(&ok);
     return ok ? length : -1;
+}
+// Every address a playlist text names: the uri attributes of a schedule, the targets of a flat
+// list. Read the way the loop builders read them, so the cache names match.
+QStringList addressesIn(const QString &text)
+{
+    QStringList addresses;
+    if (!text.startsWith(QLatin1String("#"))) {
+        QXmlStreamReader reader(text);
+        int depth = 0;
+        while (!reader.atEnd() && depth <= PlaylistParser::MaxDocumentDepth) {
+            const QXmlStreamReader::TokenType token = reader.readNext();
+            if (token == QXmlStreamReader::EndElement)
+                --depth;
+            if (token != QXmlStreamReader::StartElement)
+                continue;
+            ++depth;
+            const QStringRef uri = reader.attributes().value(QLatin1String("uri"));
+            if (!uri.isEmpty())
+                addresses << uri.toString();
+        }
+        if (!reader.hasError())
+            return addresses;
+    }
+    const QStringList lines = text.split(QLatin1Char('\n'));
+    for (const QString &line : lines) {
+        const int blank = line.lastIndexOf(QLatin1Char(' '));
+        if (!line.startsWith(QLatin1Char('#')) && blank > 0)
+            addresses << line.left(blank);
+    }
+    return addresses;
 }
 } // namespace
 
@@ -104,6 +139,12 @@ void Cleanser::check()
     }
     qDebug() << "Size cleansing";
     listEntries();
+    // The periodic check may run while the server is out of reach: what the playlists name is
+    // kept, only a download that needs the room may take it.
+    const QSet<QString> inUse = namesInUse();
+    m_entries.erase(std::remove_if(m_entries.begin(), m_entries.end(),
+                                   [&inUse](const QString &name) { return inUse.contains(name); }),
+                    m_entries.end());
     cleanUntilFree(available, MinimumFreeSpace);
 }
 
@@ -111,6 +152,9 @@ void Cleanser::clean()
 {
     const bool expire
         = m_settings && m_settings->get(QStringLiteral("slideshow/clean_after")).toBool();
+    // What the kept playlists still name stays, however old: while the server cannot be reached
+    // it is all the show has.
+    const QSet<QString> inUse = expire ? namesInUse() : QSet<QString>();
 
     m_tagDir.refresh();
     m_dataDir.refresh();
@@ -131,8 +175,8 @@ void Cleanser::clean()
             reason = "tag without data";
         else if (declaredLength(tagPath) != QFileInfo(dataPath).size())
             reason = "data does not match its tag";
-        else if (expire)
-            reason = "older than a day";
+        else if (expire && !inUse.contains(name))
+            reason = "older than a day and no loop names it";
         if (!reason)
             continue;
         qDebug() << "Deleting" << name << '(' << reason << ')';
@@ -171,9 +215,37 @@ bool Cleanser::removeEntry(const QString &name)
 
 void Cleanser::listEntries()
 {
-    // Oldest first, so that the content stored longest ago goes first. QDir caches its listing.
+    // Oldest first, so that the content stored longest ago goes first; entries no playlist names
+    // go before all others. QDir caches its listing.
     m_tagDir.refresh();
     m_entries
         = m_tagDir.entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
                              QDir::Time | QDir::Reversed);
+    const QSet<QString> inUse = namesInUse();
+    std::stable_partition(m_entries.begin(), m_entries.end(),
+                          [&inUse](const QString &name) { return !inUse.contains(name); });
+}
+
+QSet<QString> Cleanser::namesInUse() const
+{
+    QStringList playlists{PlaylistParser::localCopyPath(), PlaylistParser::offlineCopyPath()};
+    if (m_settings
+        && m_settings->get(QStringLiteral("slideshow/playlist_update_mode")).toString()
+               == QLatin1String("localPlaylist"))
+        playlists << m_settings->playlistFilename();
+    QSet<QString> names;
+    for (const QString &path : qAsConst(playlists)) {
+        if (!QFileInfo(path).isFile())
+            continue;
+        QFile file(path);
+        if (!file.open(QIODevice::ReadOnly))
+            continue;
+        const QByteArray bytes = file.read(PlaylistParser::MaxDocumentBytes + 1);
+        if (bytes.size() > PlaylistParser::MaxDocumentBytes)
+            continue;
+        const QStringList addresses = addressesIn(QString::fromUtf8(bytes));
+        for (const QString &address : addresses)
+            names.insert(Downloader::cacheName(address));
+    }
+    return names;
 }

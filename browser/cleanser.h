@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QObject>
+#include <QSet>
 #include <QStringList>
 
 class Settings;
@@ -35,6 +36,7 @@ private:
     bool isProtected(const QString &path) const;
     bool removeEntry(const QString &name);
     void listEntries();
+    QSet<QString> namesInUse() const;
 
     Settings *m_settings;
     QDir m_tagDir;

@@ -39,6 +39,8 @@
 #include <QSaveFile>
 #include <QScreen>
 
+#include <utility>
+
 namespace {
 const char screenshotPath[] = "/tmp/screen.png";
 const char nothingToDisplayUrl[] = "file://:/image/nothing_to_display.png";
@@ -69,7 +71,10 @@ Dispatcher::Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject 
     m_remoteServer = new RemoteServerProcess(this);
     m_cleanser = new Cleanser(m_settings, this);
     connect(m_remote, &Remote::restart, this, &Dispatcher::startSlideshow);
-    connect(m_remote, &Remote::next, this, &Dispatcher::next);
+    connect(m_remote, &Remote::next, this, [this] {
+        if (!deferWhileSettingUp([this] { next(); }))
+            next();
+    });
     connect(m_remote, QOverload<int, int>::of(&Remote::goTo), this,
             QOverload<int, int>::of(&Dispatcher::goTo));
     connect(m_remote, QOverload<QString>::of(&Remote::goTo), this,
@@ -220,6 +225,19 @@ void Dispatcher::startSlideshow()
     qDebug() << "NB LOOPS : " << m_parser->getLoops().size();
     m_position = -1;
     showLoopNext();
+
+    const QList<std::function<void()>> pending = std::exchange(m_pending, {});
+    for (const std::function<void()> &action : pending)
+        action();
+}
+
+bool Dispatcher::deferWhileSettingUp(std::function<void()> action)
+{
+    if (!m_settingUp)
+        return false;
+    qDebug() << "Input during set-up: carried out when it is over.";
+    m_pending << std::move(action);
+    return true;
 }
 
 void Dispatcher::updateRevalidateFlag()
@@ -258,6 +276,7 @@ bool Dispatcher::downloadLoops()
 bool Dispatcher::downloadLoop(const PlaylistLoopPtr &loop)
 {
     auto *downloader = new Downloader(loop, m_revalidate);
+    downloader->setKeepPrevious(m_parser->playsOfflineCopy());
     QEventLoop wait;
     bool finished = false;
     bool done = false;
@@ -540,6 +559,8 @@ bool Dispatcher::view_next()
 
 void Dispatcher::goTo(int item, int loop)
 {
+    if (deferWhileSettingUp([this, item, loop] { goTo(item, loop); }))
+        return;
     if (!m_parser)
         return;
     const QList<PlaylistLoopPtr> loops = m_parser->getLoops();
@@ -555,6 +576,8 @@ void Dispatcher::goTo(int item, int loop)
 
 void Dispatcher::goTo(QString path)
 {
+    if (deferWhileSettingUp([this, path] { goTo(path); }))
+        return;
     // Widgets read the path after "file://": the address needs its third slash whether or not
     // the path came with a leading one.
     QString absolute = path;
@@ -570,6 +593,8 @@ void Dispatcher::goTo(QString path)
 
 void Dispatcher::onLeftClick()
 {
+    if (deferWhileSettingUp([this] { onLeftClick(); }))
+        return;
     switch (m_state) {
     case 0:
         startup();

@@ -12,6 +12,7 @@
 #include <QTimer>
 #include <QUrl>
 
+#include <functional>
 #include <memory>
 
 class Cleanser;
@@ -126,4 +127,7 @@ private:
     QElapsedTimer m_setUpClock;
     int m_walksInFlight = 0;
     bool m_openingSession = false;
+    // Remote commands and clicks that arrive while a set-up runs, carried out when it is over.
+    QList<std::function<void()>> m_pending;
+    bool deferWhileSettingUp(std::function<void()> action);
 };

@@ -35,6 +35,15 @@ Downloader::Downloader(PlaylistLoop *loop, bool checkOnline, QObject *parent)
     QDir().mkpath(m_root);
     QDir().mkpath(m_dataDir);
     QDir().mkpath(m_tagDir);
+    // Bodies of transfers that a signal, a power cut or a full disk cut short: never complete,
+    // and never to be taken for it.
+    QDir data(m_dataDir);
+    const QStringList partial = data.entryList({QStringLiteral(".download-*")},
+                                               QDir::Files | QDir::Hidden | QDir::System);
+    for (const QString &name : partial) {
+        qDebug() << "Removing partial download" << name;
+        data.remove(name);
+    }
 }
 
 Downloader::Downloader(const std::shared_ptr<PlaylistLoop> &loop, bool checkOnline, QObject *parent)
@@ -180,7 +189,8 @@ void Downloader::endWalk()
         emit downloadNotDone();
     } else {
         m_done = true;
-        QFile::remove(m_root + QStringLiteral("/playlist-old"));
+        if (!m_keepPrevious)
+            QFile::remove(m_root + QStringLiteral("/playlist-old"));
         emit downloadDone();
     }
     deleteLater();

@@ -22,6 +22,8 @@ public:
     ~Downloader() override;
 
     bool isDone() const { return m_done; }
+    // The loop comes from the kept offline copy: a walk that succeeds leaves "playlist-old".
+    void setKeepPrevious(bool keep) { m_keepPrevious = keep; }
 
     // The cache file name of an address: base64 of its UTF-8 bytes, "/" turned into "-".
     static QString cacheName(const QString &address);
@@ -54,4 +56,5 @@ private:
     int m_index = -1;
     int m_errors = 0;
     bool m_ended = false;
+    bool m_keepPrevious = false;
 };

@@ -3,6 +3,7 @@
 #include "cleanser.h"
 #include "settings.h"
 
+#include <QDateTime>
 #include <QDebug>
 #include <QDir>
 #include <QEventLoop>
@@ -26,11 +27,26 @@ QString cacheFolder(const char *name)
     return QDir::homePath() + QStringLiteral("/.vorsane-kiosk/") + QLatin1String(name);
 }
 
-// The tag of a response: its two headers as the server sent them.
-QString tagOf(const QNetworkReply *reply)
+// The tag of a stored body: its Last-Modified and its length. A body sent without a length
+// (chunked, or up to the end of the connection) is described by the size that was stored, so
+// the cached copy can be checked and revalidated like any other.
+QString tagOf(const QNetworkReply *reply, qint64 storedSize)
 {
+    QByteArray length = reply->rawHeader("Content-Length");
+    if (length.isEmpty())
+        length = QByteArray::number(storedSize);
     return QStringLiteral("%1:%2").arg(QString::fromLatin1(reply->rawHeader("Last-Modified")),
-                                       QString::fromLatin1(reply->rawHeader("Content-Length")));
+                                       QString::fromLatin1(length));
+}
+
+// Whether a HEAD answer still describes the stored copy. A server that gives no length for the
+// HEAD (as for a chunked body) is judged by its Last-Modified alone.
+bool sameContent(const QNetworkReply *head, const QString &tag)
+{
+    const int colon = tag.lastIndexOf(QLatin1Char(':'));
+    const QByteArray length = head->rawHeader("Content-Length");
+    return QString::fromLatin1(head->rawHeader("Last-Modified")) == tag.left(colon)
+           && (length.isEmpty() || QString::fromLatin1(length) == tag.mid(colon + 1));
 }
 
 bool hasEntries(const QString &path)
@@ -143,7 +159,12 @@ bool ItemDownloader::inCache()
 
     bool valid = true;
     if (reply->error() == QNetworkReply::NoError) {
-        valid = tagOf(reply) == tag;
+        valid = sameContent(reply, tag);
+        // The server vouched for it just now: the age that decides clean-ups starts again.
+        if (valid && m_tagFile.open(QIODevice::ReadWrite)) {
+            m_tagFile.setFileTime(QDateTime::currentDateTime(), QFileDevice::FileModificationTime);
+            m_tagFile.close();
+        }
     } else if (reply->error() == QNetworkReply::OperationCanceledError) {
         m_revalidationTimedOut = true;
         qDebug() << "Revalidation unanswered for" << s_revalidationTimeoutMs
@@ -231,7 +252,7 @@ void ItemDownloader::onFinished()
             QStringLiteral("body cut short: %1 of %2 bytes").arg(m_body->size()).arg(length));
         return;
     }
-    const QString tag = tagOf(m_reply);
+    const QString tag = tagOf(m_reply, m_body->size());
     if (!commitBody())
         return;
     writeTag(tag);

@@ -22,8 +22,16 @@ QMap<PlaylistItem::Type, QString> &typeNames()
 PlaylistItem::Type guessType(const QString &text)
 {
     const QUrl url(text, QUrl::TolerantMode);
-    if (url.isLocalFile() && QFileInfo(url.toLocalFile()).isDir())
-        return PlaylistItem::Directory;
+    if (url.isLocalFile()) {
+        const QFileInfo info(url.toLocalFile());
+        if (info.isDir())
+            return PlaylistItem::Directory;
+        // A FIFO, socket or device would block whoever opens it: never content.
+        if (info.exists() && !info.isFile()) {
+            qWarning() << "Not shown:" << info.filePath() << "is not a regular file";
+            return PlaylistItem::NotSupported;
+        }
+    }
 
     const QString scheme = url.scheme();
     if (scheme == QLatin1String("rtsp") || scheme == QLatin1String("vlc"))
@@ -74,9 +82,14 @@ PlaylistItem::PlaylistItem(QString url, PlaylistItem::Type type, int duration, b
 
     qDebug() << "Converting in Url";
     QFile link(this->url.mid(7));
+    // A desktop link is a few lines; anything else (a FIFO, a huge file) is not read.
+    if (!QFileInfo(link.fileName()).isFile() || QFileInfo(link.fileName()).size() > MaxLinkBytes) {
+        qWarning() << "Desktop link" << link.fileName() << "not read: not a small regular file";
+        return;
+    }
     if (!link.open(QIODevice::ReadOnly))
         return;
-    const QString text = QString::fromUtf8(link.readAll());
+    const QString text = QString::fromUtf8(link.read(MaxLinkBytes));
     if (text.contains(QLatin1String("URL="))) {
         // Kept on purpose: the split is on "L=", not "URL=", so an earlier key ending in "L"
         // decides what is taken.

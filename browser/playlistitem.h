@@ -29,6 +29,9 @@ public:
         NotSupported = 11,
     };
 
+    // Desktop link files larger than this are not read.
+    static constexpr qint64 MaxLinkBytes = 64 * 1024;
+
     PlaylistItem(QString url, PlaylistItem::Type type, int duration, bool href,
                  QStringList parameters);
 

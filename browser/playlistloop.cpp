@@ -4,15 +4,18 @@
 
 #include <QDebug>
 #include <QDir>
-#include <QDirIterator>
 #include <QDomElement>
 #include <QDomNode>
 #include <QFileInfo>
 #include <QProcess>
+#include <QCryptographicHash>
 #include <QUrl>
 
 #include <algorithm>
 #include <cstdlib>
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -194,6 +197,9 @@ void PlaylistLoop::fromString(const QString &text)
                 addDirectoryInItems(info.filePath(), duration);
             else if (info.exists())
                 items.append(makeItem(target, PlaylistItem::Guess, duration));
+            else if (const QString alias = aliasForEncoded(url); !alias.isEmpty())
+                items.append(makeItem(QLatin1String("file://") + alias, PlaylistItem::Guess,
+                                      duration));
         } else if (scheme == QLatin1String("smb")) {
             urlSeen = true;
             addSmbShare(url, duration);
@@ -248,12 +254,24 @@ void PlaylistLoop::addSmbShare(const QUrl &url, int duration)
 
 bool PlaylistLoop::addDirectoryInItems(const QString &directory, int duration)
 {
+    QList<QByteArray> paths;
+    collectFiles(QFile::encodeName(directory), paths);
+    if (paths.size() >= MaxDirectoryFiles)
+        qWarning() << "Directory" << directory << "holds more than" << MaxDirectoryFiles
+                   << "files; the rest is left out";
+
     QList<PlaylistItemPtr> found;
-    QDirIterator files(directory, QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot,
-                       QDirIterator::Subdirectories);
-    while (files.hasNext()) {
+    for (const QByteArray &raw : qAsConst(paths)) {
+        QString path = QFile::decodeName(raw);
+        // A name that is not valid UTF-8 cannot be named again once turned into text; it is
+        // played through a link whose name can.
+        if (QFile::encodeName(path) != raw) {
+            path = aliasFor(raw);
+            if (path.isEmpty())
+                continue;
+        }
         PlaylistItemPtr item
-            = makeItem(QLatin1String("file://") + files.next(), PlaylistItem::Guess, duration);
+            = makeItem(QLatin1String("file://") + path, PlaylistItem::Guess, duration);
         // A video plays to its end.
         if (item->type == PlaylistItem::Video)
             item->duration = 0;
@@ -262,6 +280,64 @@ bool PlaylistLoop::addDirectoryInItems(const QString &directory, int duration)
     std::sort(found.begin(), found.end(), detail::PlaylistItemCompare());
     items.append(found);
     return !found.isEmpty();
+}
+
+void PlaylistLoop::collectFiles(const QByteArray &directory, QList<QByteArray> &paths)
+{
+    DIR *dir = opendir(directory.constData());
+    if (!dir)
+        return;
+    while (const dirent *entry = readdir(dir)) {
+        // Hidden files and folders are left out: "._photo.jpg" and ".Trashes" are what other
+        // systems leave on a USB key, not content.
+        if (entry->d_name[0] == '.')
+            continue;
+        // A folder named by mistake (the root of a disk) must not stall the show for an hour.
+        if (paths.size() >= MaxDirectoryFiles)
+            break;
+        const QByteArray path = directory + '/' + entry->d_name;
+        struct stat info = {};
+        // Folders are entered only when they are real ones, so a link cannot make a cycle.
+        if (lstat(path.constData(), &info) == 0 && S_ISDIR(info.st_mode))
+            collectFiles(path, paths);
+        else if (stat(path.constData(), &info) == 0 && S_ISREG(info.st_mode))
+            paths << path;
+    }
+    closedir(dir);
+}
+
+QString PlaylistLoop::aliasForEncoded(const QUrl &url)
+{
+    // "%E9" in a file address names the byte itself, which is no UTF-8 text.
+    const QByteArray raw = QByteArray::fromPercentEncoding(url.path(QUrl::FullyEncoded).toLatin1());
+    struct stat info = {};
+    if (QFile::encodeName(QFile::decodeName(raw)) == raw || stat(raw.constData(), &info) != 0
+        || !S_ISREG(info.st_mode))
+        return QString();
+    return aliasFor(raw);
+}
+
+QString PlaylistLoop::aliasFor(const QByteArray &path)
+{
+    const QByteArray name = path.mid(path.lastIndexOf('/') + 1);
+    const int dot = name.lastIndexOf('.');
+    const QString suffix = dot > 0 ? QString::fromLatin1(name.mid(dot)) : QString();
+    const QString folder = homePath() + QLatin1String("/.vorsane-kiosk/aliases");
+    const QString alias = folder + QLatin1Char('/')
+                          + QString::fromLatin1(
+                              QCryptographicHash::hash(path, QCryptographicHash::Sha1).toHex())
+                          + (suffix.contains(QChar::ReplacementCharacter) ? QString() : suffix);
+    QDir().mkpath(folder);
+    const QByteArray target = QFile::encodeName(alias);
+    ::unlink(target.constData());
+    if (::symlink(path.constData(), target.constData()) != 0) {
+        qWarning() << "Skipped" << QFile::decodeName(path)
+                   << ": its name is not valid UTF-8 and no link to it can be made";
+        return QString();
+    }
+    qDebug() << "Playing" << QFile::decodeName(path) << "through" << alias
+             << "as its name is not valid UTF-8";
+    return alias;
 }
 
 void PlaylistLoop::addDemoItems()

@@ -26,12 +26,21 @@ struct PlaylistItemCompare
 class PlaylistLoop
 {
 public:
+    // Directory expansion stops after this many files.
+    static constexpr int MaxDirectoryFiles = 10000;
+
     PlaylistLoop(int defaultDuration, const QDomNode &node, const QString &tag);
     PlaylistLoop(int defaultDuration, const QString &text, const QString &tag);
 
     void fromXmlNode(const QDomNode &node);
     void fromString(const QString &text);
     bool addDirectoryInItems(const QString &directory, int duration);
+    // Every regular file under a folder as raw path bytes, hidden entries left out.
+    static void collectFiles(const QByteArray &directory, QList<QByteArray> &paths);
+    // A link with a name that is valid text, to a file whose name is not.
+    static QString aliasFor(const QByteArray &path);
+    // The same for a file address whose percent-encoded path is not UTF-8; empty otherwise.
+    static QString aliasForEncoded(const QUrl &url);
     void addDemoItems();
 
     // The checks work on "today"; the overloads taking a date exist so that a caller holding a

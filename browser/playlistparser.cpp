@@ -23,12 +23,33 @@ namespace {
 
 const char unavailableReply[] = "Unavailable for public use";
 
-bool readUtf8(const QString &path, QString &text)
+// Only regular files are read (a FIFO would block the show), and never more than the limit.
+bool readLimited(const QString &path, QByteArray &bytes)
 {
+    const QFileInfo info(path);
+    if (info.exists() && !info.isFile()) {
+        qWarning() << "Playlist" << path << "rejected: not a regular file";
+        return false;
+    }
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return false;
-    text = QString::fromUtf8(file.readAll());
+    bytes = file.read(PlaylistParser::MaxDocumentBytes + 1);
+    if (bytes.size() > PlaylistParser::MaxDocumentBytes) {
+        qWarning() << "Playlist" << path << "rejected: larger than"
+                   << PlaylistParser::MaxDocumentBytes / (1024 * 1024) << "MB";
+        bytes.clear();
+        return false;
+    }
+    return true;
+}
+
+bool readUtf8(const QString &path, QString &text)
+{
+    QByteArray bytes;
+    if (!readLimited(path, bytes))
+        return false;
+    text = QString::fromUtf8(bytes);
     return true;
 }
 
@@ -94,24 +115,56 @@ QString PlaylistParser::offlineCopyPath()
 PlaylistParser *PlaylistParser::get(int defaultDuration, const QUrl &url, QWidget *widget)
 {
     QString text;
+    bool offlineCopy = false;
     if (url.scheme() == QLatin1String("file")) {
-        QFile file(url.path(QUrl::FullyDecoded));
-        if (file.open(QIODevice::ReadOnly | QIODevice::Text))
-            text = QTextStream(&file).readAll();
-        else
-            qWarning() << "Cannot read playlist" << file.fileName() << file.errorString();
+        const QString path = url.path(QUrl::FullyDecoded);
+        QByteArray bytes;
+        if (readLimited(path, bytes)) {
+            QTextStream stream(bytes, QIODevice::ReadOnly | QIODevice::Text);
+            text = stream.readAll();
+        } else if (!QFileInfo(path).isFile()) {
+            qWarning() << "Cannot read playlist" << path;
+        } else {
+            // Too large: the empty schedule rather than a flat reading of a cut document.
+            text = emptySchedule();
+        }
     } else {
-        text = fetch(url, widget);
+        text = fetch(url, widget, offlineCopy);
     }
 
+    PlaylistParser *parser = nullptr;
     auto *xml = new XmlPlaylistParser(defaultDuration, text, url.toString());
-    if (xml->valid)
-        return xml;
-    delete xml;
-    return new FlatPlaylistParser(defaultDuration, text);
+    if (xml->valid) {
+        parser = xml;
+    } else if (xml->rejected) {
+        delete xml;
+        parser = new XmlPlaylistParser(defaultDuration, emptySchedule(), url.toString());
+    } else {
+        delete xml;
+        parser = new FlatPlaylistParser(defaultDuration, text);
+    }
+    parser->m_offlineCopy = offlineCopy;
+    return parser;
 }
 
-QString PlaylistParser::fetch(const QUrl &url, QWidget *widget)
+bool PlaylistParser::isPlaylist(const QString &text)
+{
+    if (text.size() > MaxDocumentBytes)
+        return false;
+    int loops = 0;
+    switch (XmlPlaylistParser::inspect(text, &loops)) {
+    case XmlPlaylistParser::Check::WellFormed:
+        return loops > 0;
+    case XmlPlaylistParser::Check::TooDeep:
+        return false;
+    case XmlPlaylistParser::Check::NotXml:
+        break;
+    }
+    // A flat list is one loop; it is only taken for one when it says what it is.
+    return text.startsWith(QLatin1String("#Vorsane playlist"));
+}
+
+QString PlaylistParser::fetch(const QUrl &url, QWidget *widget, bool &offlineCopy)
 {
     QNetworkAccessManager manager;
     QNetworkRequest request(url);
@@ -121,6 +174,15 @@ QString PlaylistParser::fetch(const QUrl &url, QWidget *widget)
     // idle this long fails like any network error and the offline copy is played.
     request.setTransferTimeout(fetchIdleTimeoutMs);
     QNetworkReply *reply = manager.get(request);
+    // A body beyond the limit is not held in memory: the transfer stops as soon as it is known.
+    bool tooLarge = false;
+    connect(reply, &QNetworkReply::downloadProgress, reply, [reply, &tooLarge](qint64 received,
+                                                                                qint64 total) {
+        if (!tooLarge && (received > MaxDocumentBytes || total > MaxDocumentBytes)) {
+            tooLarge = true;
+            reply->abort();
+        }
+    });
     QEventLoop loop;
     connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
     if (!reply->isFinished())
@@ -134,8 +196,17 @@ QString PlaylistParser::fetch(const QUrl &url, QWidget *widget)
         writeUtf8(oldPath, copy);
 
     QString text;
+    if (tooLarge) {
+        qWarning() << "Playlist from" << url.toString() << "rejected: larger than"
+                   << MaxDocumentBytes / (1024 * 1024) << "MB";
+        offlineCopy = true;
+        if (!readUtf8(oldPath, text) || text.isEmpty())
+            text = emptySchedule();
+        return text;
+    }
     if (reply->error() != QNetworkReply::NoError) {
         qWarning() << "Cannot fetch playlist" << url.toString() << reply->errorString();
+        offlineCopy = true;
         if (!haveCopy)
             showOffline(widget);
         else
@@ -145,11 +216,25 @@ QString PlaylistParser::fetch(const QUrl &url, QWidget *widget)
 
     text = QString::fromUtf8(reply->readAll());
     if (text.isEmpty()) {
+        offlineCopy = true;
         readUtf8(oldPath, text);
         return text;
     }
     if (text == QLatin1String(unavailableReply))
         text = emptySchedule();
+    if (!isPlaylist(text)) {
+        qWarning().noquote()
+            << QStringLiteral("Playlist from %1 rejected: not a playlist (%2 characters, "
+                              "status %3); the kept copy is played")
+                   .arg(url.toString())
+                   .arg(text.size())
+                   .arg(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt());
+        offlineCopy = true;
+        text.clear();
+        if (!readUtf8(oldPath, text) || text.isEmpty())
+            text = emptySchedule();
+        return text;
+    }
     writeUtf8(copyPath, text);
     return text;
 }

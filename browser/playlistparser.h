@@ -29,6 +29,17 @@ public:
     static QString localCopyPath();
     static QString offlineCopyPath();
 
+    // Limits on a playlist document: larger or deeper documents are rejected, not parsed.
+    static constexpr qint64 MaxDocumentBytes = 16 * 1024 * 1024;
+    static constexpr int MaxDocumentDepth = 64;
+    // Whether a fetched text may replace the kept copy: it must parse as a playlist that has at
+    // least one loop. A captive portal's page or half a document is not one.
+    static bool isPlaylist(const QString &text);
+
+    // The text played is the kept offline copy, not what the source gave this time: the walk
+    // over it must leave that copy in place.
+    bool playsOfflineCopy() const { return m_offlineCopy; }
+
     virtual PlaylistLoopPtr selectLoop(const QDateTime &reference) = 0;
     // The same at a given instant instead of the current local time.
     virtual PlaylistLoopPtr selectLoop(const QDateTime &reference, const QDateTime &now) = 0;
@@ -39,5 +50,7 @@ protected:
     explicit PlaylistParser(QObject *parent = nullptr);
 
 private:
-    static QString fetch(const QUrl &url, QWidget *widget);
+    static QString fetch(const QUrl &url, QWidget *widget, bool &offlineCopy);
+
+    bool m_offlineCopy = false;
 };

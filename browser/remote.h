@@ -17,6 +17,8 @@ public:
     explicit Remote(QObject *parent = nullptr);
 
     void processGoTo(QScriptValue *value);
+    // Carries out one datagram's command.
+    void handle(const QByteArray &datagram);
 
 public Q_SLOTS:
     void processMessage();
@@ -33,6 +35,5 @@ Q_SIGNALS:
     void readUrl(QString url, int duration);
 
 private:
-    void handle(const QByteArray &datagram);
     void removeDroppedFile(const QString &relativePath);
 };

@@ -23,14 +23,49 @@ QString firstScheduleAttribute(const QString &text)
 
 } // namespace
 
+XmlPlaylistParser::Check XmlPlaylistParser::inspect(const QString &text, int *loopCount)
+{
+    QXmlStreamReader reader(text);
+    reader.setNamespaceProcessing(false);
+    int depth = 0;
+    int loops = 0;
+    while (!reader.atEnd()) {
+        switch (reader.readNext()) {
+        case QXmlStreamReader::StartElement:
+            if (++depth > MaxDocumentDepth)
+                return Check::TooDeep;
+            if (reader.name() == QLatin1String("loop"))
+                ++loops;
+            break;
+        case QXmlStreamReader::EndElement:
+            --depth;
+            break;
+        default:
+            break;
+        }
+    }
+    if (reader.hasError())
+        return Check::NotXml;
+    if (loopCount)
+        *loopCount = loops;
+    return Check::WellFormed;
+}
+
 XmlPlaylistParser::XmlPlaylistParser(int defaultDuration, const QString &text,
                                      const QString &source, QObject *parent)
     : PlaylistParser(parent)
     , defaultDuration(defaultDuration)
     , source(source)
 {
+    const Check check = inspect(text);
+    if (check == Check::TooDeep) {
+        rejected = true;
+        qWarning() << "Playlist" << source << "rejected: elements nested deeper than"
+                   << MaxDocumentDepth << "levels";
+        return;
+    }
     QDomDocument document;
-    if (!document.setContent(text))
+    if (check != Check::WellFormed || !document.setContent(text))
         return;
     valid = true;
     scheduleAttribute = firstScheduleAttribute(text);

@@ -21,4 +21,11 @@ public:
     QList<PlaylistLoopPtr> loops;
     bool valid = false;
     QString scheduleAttribute;
+
+    enum class Check { WellFormed, NotXml, TooDeep };
+    // A pass over the text that builds nothing, so nesting of any depth cannot exhaust the
+    // stack: whether it is well-formed XML within the depth limit, and how many loops it has.
+    static Check inspect(const QString &text, int *loopCount = nullptr);
+    // The document was XML but nested too deep to be parsed.
+    bool rejected = false;
 };

@@ -239,6 +239,26 @@ void HttpServer::answer(QTcpSocket *socket, const Request &request)
         return;
     }
 
+    if (route.behaviour == Behaviour::Chunked && request.method != "HEAD") {
+        QByteArray head = "HTTP/1.1 " + QByteArray::number(route.status) + ' '
+                          + reasonPhrase(route.status) + "\r\n";
+        for (const auto &header : route.headers)
+            head += header.first + ": " + header.second + "\r\n";
+        socket->write(head + "Transfer-Encoding: chunked\r\n\r\n");
+        const bool cut = route.cutAfter >= 0;
+        const QByteArray body = cut ? route.body.left(route.cutAfter) : route.body;
+        for (int at = 0; at < body.size(); at += 4096) {
+            const QByteArray chunk = body.mid(at, 4096);
+            socket->write(QByteArray::number(chunk.size(), 16) + "\r\n" + chunk + "\r\n");
+        }
+        if (!cut) {
+            socket->write("0\r\n\r\n");
+            return;
+        }
+        m_buffers.remove(socket);
+        socket->disconnectFromHost();
+        return;
+    }
     int status = route.status;
     QByteArray body = route.body;
     QList<QPair<QByteArray, QByteArray>> headers = route.headers;

@@ -31,6 +31,9 @@ public:
         // Announce more bytes than the body has (extraLength), send the body, close.
         // (An error status needs no behaviour: set Route::status.)
         LongerLength,
+        // Send the body with Transfer-Encoding: chunked and no length; with cutAfter set, only
+        // that many bytes and no final chunk, then close.
+        Chunked,
     };
 
     struct Route

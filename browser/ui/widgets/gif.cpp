@@ -1,8 +1,12 @@
 #include "gif.h"
 
+#include "image.h"
 #include "playlistitem.h"
 #include "settings.h"
 
+#include <QDebug>
+#include <QFileInfo>
+#include <QImageReader>
 #include <QMouseEvent>
 #include <QMovie>
 
@@ -34,7 +38,26 @@ void Gif::setBlackBackground()
 void Gif::displayGif()
 {
     delete m_movie.data();
-    m_movie = new QMovie(m_location.mid(7), QByteArray(), nullptr);
+    const QString path = m_location.mid(7);
+    // A FIFO or a device would block the show as soon as the movie looks at it.
+    if (!path.startsWith(QLatin1Char(':')) && !QFileInfo(path).isFile()) {
+        qWarning() << "Cannot show animation" << path << ": not a readable regular file";
+        return;
+    }
+    QImageReader probe(path);
+    QString tooLarge;
+    if (!Image::fitsDecodeBudget(probe, &tooLarge)) {
+        qWarning() << "Cannot show animation" << path << ":" << tooLarge;
+        return;
+    }
+    m_movie = new QMovie(path, QByteArray(), nullptr);
+    // A frame that cannot be read (a cut file) stops the animation where it is.
+    connect(m_movie.data(), &QMovie::error, this, [this, path](QImageReader::ImageReaderError) {
+        qWarning() << "Cannot show animation" << path << ":"
+                   << (m_movie ? m_movie->lastErrorString() : QString());
+        if (m_movie)
+            m_movie->stop();
+    });
     setMovie(m_movie);
 }
 
@@ -54,6 +77,15 @@ bool Gif::startImpl()
     // A movie released by an earlier stop is built anew for a restart.
     if (!m_movie)
         displayGif();
+    // An animation that cannot be shown leaves the screen black for its time, as the show
+    // expects of it.
+    if (!m_movie)
+        return true;
+    if (!m_movie->isValid()) {
+        qWarning() << "Cannot show animation" << m_location.mid(7) << ":"
+                   << m_movie->lastErrorString();
+        return true;
+    }
     m_movie->start();
     return true;
 }

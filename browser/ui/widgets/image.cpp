@@ -4,7 +4,9 @@
 #include "settings.h"
 
 #include <QDebug>
+#include <QFileInfo>
 #include <QGuiApplication>
+#include <QImageReader>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QScreen>
@@ -30,6 +32,58 @@ int placement(int pixmapExtent, int widgetExtent, int offset)
     return -std::min(offset, pixmapExtent - widgetExtent);
 }
 } // namespace
+
+bool Image::fitsDecodeBudget(QImageReader &reader, QString *why)
+{
+    const QSize size = reader.size();
+    if (!size.isValid())
+        return true;
+    // JPEG decodes straight to a fraction of its size; every other reader holds the whole
+    // picture once, at the depth it decodes to.
+    if (reader.supportsOption(QImageIOHandler::ScaledSize) && reader.format() == "jpeg")
+        return true;
+    int depth = QImage::toPixelFormat(reader.imageFormat()).bitsPerPixel();
+    if (reader.imageFormat() == QImage::Format_Invalid || depth <= 0)
+        depth = 32;
+    const qint64 bytes = qint64(size.width()) * size.height() * depth / 8;
+    if (bytes <= qint64(MaxDecodeMegabytes) * 1024 * 1024)
+        return true;
+    if (why)
+        *why = QStringLiteral("%1x%2 pixels would take %3 MB to decode, more than %4 MB")
+                   .arg(size.width())
+                   .arg(size.height())
+                   .arg(bytes / (1024 * 1024))
+                   .arg(MaxDecodeMegabytes);
+    return false;
+}
+
+QImage Image::readPicture(const QString &path, const QSize &area)
+{
+    // Qt resources are not files; anything else must be a regular file: a FIFO or a device
+    // would block the show.
+    if (!path.startsWith(QLatin1Char(':')) && !QFileInfo(path).isFile()) {
+        qWarning() << "Cannot show picture" << path << ": not a readable regular file";
+        return QImage();
+    }
+    QImageReader reader(path);
+    QString tooLarge;
+    if (!fitsDecodeBudget(reader, &tooLarge)) {
+        qWarning() << "Cannot show picture" << path << ":" << tooLarge;
+        return QImage();
+    }
+    // Decoded no larger than it can be shown: large enough to cover the area whatever the
+    // fitting mode, so the fitting below loses nothing. Readers that decode at a smaller scale
+    // (JPEG) never hold the full picture; the others are held to the decode budget.
+    const QSize size = reader.size();
+    if (size.isValid() && area.isValid() && !area.isEmpty()
+        && (size.width() > area.width() || size.height() > area.height())) {
+        reader.setScaledSize(size.scaled(area, Qt::KeepAspectRatioByExpanding));
+    }
+    const QImage image = reader.read();
+    if (image.isNull())
+        qWarning() << "Cannot show picture" << path << ":" << reader.errorString();
+    return image;
+}
 
 Image::Image(PlaylistItem *item, QWidget *parent)
     : QLabel(parent)
@@ -63,7 +117,7 @@ void Image::setBlackBackground()
 
 void Image::buildPixmap()
 {
-    QPixmap picture(m_location.mid(7));
+    QPixmap picture = QPixmap::fromImage(readPicture(m_location.mid(7), QSize(m_areaWidth, m_areaHeight)));
     if (picture.isNull()) {
         setPixmap(picture);
         return;

@@ -2,6 +2,7 @@
 
 #include "runnable.h"
 
+#include <QImage>
 #include <QLabel>
 #include <QPixmap>
 #include <QScrollArea>
@@ -9,6 +10,7 @@
 #include <QTimer>
 
 class PlaylistItem;
+class QImageReader;
 
 // A still picture: fitted, stretched, shown as it is, or slowly scrolled end to end when it is
 // larger than the screen.
@@ -21,6 +23,14 @@ public:
 
     void buildPixmap();
     void setBlackBackground();
+
+    // Memory one decoded picture (or animation frame) may take; larger ones are refused.
+    static constexpr int MaxDecodeMegabytes = 256;
+    // A picture read for showing in an area of that size; null, with a log line, when it cannot
+    // be read.
+    static QImage readPicture(const QString &path, const QSize &area);
+    // Whether the picture the reader points at can be decoded within the memory allowed.
+    static bool fitsDecodeBudget(QImageReader &reader, QString *why);
 
 Q_SIGNALS:
     void end();

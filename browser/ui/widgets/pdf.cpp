@@ -4,16 +4,19 @@
 #include "settings.h"
 
 #include <QDebug>
+#include <QFileInfo>
 #include <QImage>
 #include <QMouseEvent>
 #include <QPalette>
 
 #include <poppler-qt5.h>
 
+#include <cmath>
 #include <memory>
 
 namespace {
 const double renderDpi = 100.0;
+const double maxPagePixels = 4096.0 * 4096.0;
 }
 
 PDF::PDF(PlaylistItem *item, QWidget *parent)
@@ -21,7 +24,9 @@ PDF::PDF(PlaylistItem *item, QWidget *parent)
     , Runnable(item->duration)
     , m_path(item->url.mid(7))
 {
-    m_document = Poppler::Document::load(m_path);
+    // A FIFO or a device would block the show in the loader.
+    if (QFileInfo(m_path).isFile())
+        m_document = Poppler::Document::load(m_path);
     if (!m_document || m_document->isLocked()) {
         qWarning() << "Cannot load PDF" << m_path;
         delete m_document;
@@ -48,7 +53,15 @@ bool PDF::nextPage()
         return false;
     }
 
-    m_pixmap = QPixmap::fromImage(page->renderToImage(renderDpi, renderDpi));
+    // A page of any size is rendered within a fixed pixel budget.
+    const QSizeF points = page->pageSizeF();
+    double dpi = renderDpi;
+    const double pixels = points.width() * points.height() * (dpi / 72.0) * (dpi / 72.0);
+    if (pixels > maxPagePixels)
+        dpi *= std::sqrt(maxPagePixels / pixels);
+    m_pixmap = QPixmap::fromImage(page->renderToImage(dpi, dpi));
+    if (m_pixmap.isNull())
+        qWarning() << "Cannot render page" << m_page + 1 << "of" << m_path;
 
     const QRect area = parentWidget() ? parentWidget()->rect() : rect();
     m_areaWidth = area.width();

@@ -1,0 +1,221 @@
+// Soak run of the real program: pictures, an animation, PDF pages, a local web page and a text
+// item, advanced by the remote "next" datagram N times. Prints resident memory, open file
+// descriptors and threads at the start and at the end. Needs an X server (xvfb-run) and the
+// remote-control port, so run it alone or under a private network namespace.
+// Usage: bench_soak [--count N] [--program path/to/vorsane-kiosk]
+
+#include <QColor>
+#include <QGuiApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QHostAddress>
+#include <QImage>
+#include <QPainter>
+#include <QPdfWriter>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QUdpSocket>
+
+#include <cstdio>
+
+namespace {
+
+struct Usage
+{
+    qint64 rssKib = 0;
+    int fds = 0;
+    int threads = 0;
+};
+
+Usage usageOf(qint64 pid)
+{
+    Usage usage;
+    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+    if (status.open(QIODevice::ReadOnly)) {
+        for (const QByteArray &line : status.readAll().split('\n')) {
+            if (line.startsWith("VmRSS:"))
+                usage.rssKib = line.mid(6).trimmed().split(' ').value(0).toLongLong();
+            else if (line.startsWith("Threads:"))
+                usage.threads = line.mid(8).trimmed().toInt();
+        }
+    }
+    usage.fds = QDir(QStringLiteral("/proc/%1/fd").arg(pid))
+                    .entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot)
+                    .size();
+    return usage;
+}
+
+void print(const char *when, int transitions, const Usage &usage)
+{
+    std::printf("%-6s after %6d transitions: RSS %7lld KiB, %4d fds, %3d threads\n", when,
+                transitions, static_cast<long long>(usage.rssKib), usage.fds, usage.threads);
+    std::fflush(stdout);
+}
+
+bool write(const QString &path, const QByteArray &bytes)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
+}
+
+// The content: every item shows for a minute, so only the datagrams move the show on.
+QByteArray makeContent(const QString &dir)
+{
+    QStringList items;
+    const QColor colours[] = {Qt::red, Qt::green, Qt::blue};
+    for (int i = 0; i < 3; ++i) {
+        QImage picture(1600, 900, QImage::Format_RGB32);
+        picture.fill(colours[i]);
+        const QString path = dir + QStringLiteral("/picture%1.png").arg(i);
+        picture.save(path);
+        items << QStringLiteral("<i uri='file://%1' type='image' time='60'/>").arg(path);
+    }
+    const QString gif = dir + QStringLiteral("/animation.gif");
+    QProcess ffmpeg;
+    ffmpeg.start(QStringLiteral("ffmpeg"),
+                 {QStringLiteral("-loglevel"), QStringLiteral("error"), QStringLiteral("-f"),
+                  QStringLiteral("lavfi"), QStringLiteral("-i"),
+                  QStringLiteral("testsrc=size=320x240:rate=10"), QStringLiteral("-frames:v"),
+                  QStringLiteral("10"), gif});
+    if (ffmpeg.waitForFinished(30000) && QFile::exists(gif))
+        items << QStringLiteral("<i uri='file://%1' type='gif' time='60'/>").arg(gif);
+    else
+        std::fprintf(stderr, "ffmpeg missing: no animation in the soak\n");
+
+    const QString pdf = dir + QStringLiteral("/document.pdf");
+    {
+        QPdfWriter writer(pdf);
+        QPainter painter(&writer);
+        for (int page = 0; page < 3; ++page) {
+            if (page > 0)
+                writer.newPage();
+            painter.drawText(200, 200, QStringLiteral("Page %1").arg(page + 1));
+        }
+    }
+    items << QStringLiteral("<i uri='file://%1' type='pdf' time='60'/>").arg(pdf);
+
+    const QString page = dir + QStringLiteral("/page.html");
+    write(page, "<html><body style='background:#804000'><h1>Soak</h1></body></html>");
+    items << QStringLiteral("<i uri='file://%1' type='url' time='60'/>").arg(page);
+    const QString text = dir + QStringLiteral("/notice.txt");
+    write(text, "Opening hours: 9 to 5.\n");
+    items << QStringLiteral("<i uri='file://%1' type='document' time='60'/>").arg(text);
+
+    return "<?xml version=\"1.0\"?>\n<schedule>\n<loop id=\"0\">\n" + items.join('\n').toUtf8()
+           + "\n</loop>\n</schedule>\n";
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QGuiApplication app(argc, argv);
+    int count = 10000;
+    QString program = QCoreApplication::applicationDirPath() + QStringLiteral("/../vorsane-kiosk");
+    const QStringList arguments = app.arguments();
+    for (int i = 1; i + 1 < arguments.size(); i += 2) {
+        if (arguments.at(i) == QLatin1String("--count"))
+            count = arguments.at(i + 1).toInt();
+        else if (arguments.at(i) == QLatin1String("--program"))
+            program = arguments.at(i + 1);
+    }
+
+    QTemporaryDir home;
+    const QString conf = home.path() + QStringLiteral("/conf");
+    const QString media = home.path() + QStringLiteral("/media");
+    const QString stubs = home.path() + QStringLiteral("/bin");
+    QDir().mkpath(conf);
+    QDir().mkpath(media);
+    QDir().mkpath(stubs);
+    // Desktop commands the program runs are answered by stand-ins that do nothing.
+    for (const char *name : {"launchdock", "amixer", "unclutter", "pkill", "xmodmap", "xset",
+                             "gksu", "xscreensaver-command", "sudo", "chvt", "unzip", "pgrep"}) {
+        const QString path = stubs + QLatin1Char('/') + QLatin1String(name);
+        write(path, "#!/bin/sh\nexit 0\n");
+        QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
+    }
+    write(conf + QStringLiteral("/playlist"), makeContent(media));
+    write(conf + QStringLiteral("/preferences"),
+          "[main]\nversion=QFGLs6IVf1\nfullscreen=false\n[slideshow]\nhide_pointer=false\n");
+
+    QProcess kiosk;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("HOME"), home.path());
+    env.insert(QStringLiteral("PATH"), stubs + QLatin1Char(':') + env.value(QStringLiteral("PATH")));
+    env.insert(QStringLiteral("XDG_CURRENT_DESKTOP"), QStringLiteral("none"));
+    kiosk.setProcessEnvironment(env);
+    kiosk.setWorkingDirectory(home.path());
+    QByteArray log;
+    int shown = 0;
+    QObject::connect(&kiosk, &QProcess::readyReadStandardError, [&] {
+        log += kiosk.readAllStandardError();
+        // Every replaced item says so once.
+        int at = 0;
+        while ((at = log.indexOf("DELETE CALLED", at)) >= 0) {
+            ++shown;
+            at += 13;
+        }
+        const int cut = log.lastIndexOf('\n');
+        if (cut >= 0)
+            log.remove(0, cut + 1);
+    });
+    kiosk.start(program, {QStringLiteral("--basepath"), conf});
+    if (!kiosk.waitForStarted(10000)) {
+        std::fprintf(stderr, "cannot start %s\n", qPrintable(program));
+        return 1;
+    }
+
+    auto waitFor = [&](int transitions, int timeoutMs) {
+        QElapsedTimer timer;
+        timer.start();
+        while (shown < transitions && timer.elapsed() < timeoutMs
+               && kiosk.state() == QProcess::Running) {
+            kiosk.waitForReadyRead(50);
+            QCoreApplication::processEvents();
+        }
+        return shown >= transitions;
+    };
+
+    QUdpSocket socket;
+    auto next = [&] {
+        socket.writeDatagram("{\"action\":1}", QHostAddress::LocalHost, 54545);
+    };
+    // The remote port opens some time after the start: ask until the show answers.
+    for (int attempt = 0; attempt < 30 && shown == 0; ++attempt) {
+        next();
+        waitFor(1, 1000);
+    }
+    if (shown == 0) {
+        std::fprintf(stderr, "the program did not start showing items\n");
+        return 1;
+    }
+    const int base = shown;
+    const Usage start = usageOf(kiosk.processId());
+    print("start", 0, start);
+
+    QElapsedTimer clock;
+    clock.start();
+    int done = 0;
+    while (done < count && kiosk.state() == QProcess::Running) {
+        next();
+        if (!waitFor(base + done + 1, 10000)) {
+            std::fprintf(stderr, "transition %d did not happen within 10 s\n", done + 1);
+            break;
+        }
+        ++done;
+        if (done % 1000 == 0)
+            print("", done, usageOf(kiosk.processId()));
+    }
+    const Usage end = usageOf(kiosk.processId());
+    print("end", done, end);
+    std::printf("%d transitions in %.1f s; RSS %+lld KiB, fds %+d, threads %+d\n", done,
+                clock.elapsed() / 1000.0, static_cast<long long>(end.rssKib - start.rssKib),
+                end.fds - start.fds, end.threads - start.threads);
+
+    kiosk.terminate();
+    if (!kiosk.waitForFinished(10000))
+        kiosk.kill();
+    return done == count ? 0 : 1;
+}

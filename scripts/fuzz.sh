@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets into ./build-fuzz (or $FUZZ_BUILD_DIR) and runs each in turn for
+# the given number of seconds (default 60). Seeds come from fuzz/corpus/<target>; what a run
+# finds is kept in build-fuzz/corpus/<target>, crashing inputs in build-fuzz/artifacts/<target>.
+# Prints executions and crashes per target; exits 1 if any target crashed.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds=${1:-60}
+build_dir=${FUZZ_BUILD_DIR:-build-fuzz}
+targets=(xmlplaylist flatplaylist desktoplink cachetag cookierow datagram)
+if [ -n "${FUZZ_TARGETS:-}" ]; then
+    read -r -a targets <<<"$FUZZ_TARGETS"
+fi
+
+if ! command -v clang++-15 >/dev/null || [ ! -d /usr/lib/llvm-15/lib/clang ]; then
+    echo "fuzz.sh needs clang-15 and libfuzzer-15-dev (apt-get install -y clang-15 libfuzzer-15-dev)" >&2
+    exit 2
+fi
+launcher=()
+if command -v ccache >/dev/null; then
+    export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$PWD}
+    launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+fi
+CC=clang-15 CXX=clang++-15 cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DVORSANE_FUZZ=ON -DVORSANE_BUILD_TESTS=OFF "${launcher[@]}" >/dev/null
+cmake --build "$build_dir" -j"$(nproc)" --target "${targets[@]/#/fuzz_}"
+
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=0:allocator_may_return_null=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+export QT_QPA_PLATFORM=offscreen
+failed=0
+summary=()
+for target in "${targets[@]}"; do
+    corpus="$build_dir/corpus/$target"
+    artifacts="$build_dir/artifacts/$target/"
+    mkdir -p "$corpus" "$artifacts"
+    # The datagram target gives up root; what it writes must stay writable for it.
+    chmod 0777 "$corpus" "$artifacts"
+    log="$build_dir/fuzz-$target.log"
+    status=0
+    "$build_dir/fuzz/fuzz_$target" "$corpus" "fuzz/corpus/$target" \
+        -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 -max_len=65536 \
+        -artifact_prefix="$artifacts" -print_final_stats=1 >"$log" 2>&1 || status=$?
+    execs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$log" | grep -o '[0-9]*$' || true)
+    crashes=$(find "$artifacts" -type f | wc -l)
+    summary+=("$target: ${execs:-?} executions, $crashes crashing inputs (exit $status)")
+    if [ "$status" -ne 0 ] || [ "$crashes" -ne 0 ]; then
+        failed=1
+    fi
+done
+printf '%s\n' "${summary[@]}"
+exit $failed

@@ -1,0 +1,324 @@
+// Faults of the content server, the disk and the process while the cache is filled: the show
+// goes on and the cache only ever holds complete files.
+#include "cleanser.h"
+#include "downloader.h"
+#include "httpserver.h"
+#include "itemdownloader.h"
+#include "kioskprocess.h"
+#include "playlistparser.h"
+#include "settings.h"
+#include "testsupport.h"
+#include "xmlplaylistparser.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QSignalSpy>
+#include <QTest>
+
+#include <sys/mount.h>
+
+using namespace testsupport;
+using Behaviour = HttpServer::Behaviour;
+Q_DECLARE_METATYPE(testsupport::HttpServer::Route)
+
+class TestCacheFaults : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+    void faults_data();
+    void faults();
+    void chunkedBodyIsKeptAndRevalidated();
+    void fullDisk();
+    void fetchedPlaylistMustBeAPlaylist_data();
+    void fetchedPlaylistMustBeAPlaylist();
+    void namedEntriesSurviveCleanUp();
+    void signalMidDownloadThenRestart();
+    void remoteNextDuringDownloadsIsKept();
+
+private:
+    PlaylistLoopPtr loopOf(const QStringList &urls);
+    // 1 when the walk ended complete, 0 when it ended with errors, -1 when it did not end.
+    int walk(const PlaylistLoopPtr &loop, bool checkOnline = true, bool keepPrevious = false);
+    QString dataPath(const QString &url) const;
+    // Data files a later start could take for complete although they are not.
+    QStringList incompleteFiles() const;
+
+    std::unique_ptr<TempHome> m_home;
+    std::unique_ptr<HttpServer> m_server;
+    QString m_mounted;
+};
+
+void TestCacheFaults::init()
+{
+    m_home = std::make_unique<TempHome>();
+    m_server = std::make_unique<HttpServer>();
+    Settings::load(true, nullptr);
+    ItemDownloader::setTimeouts(500, 1500);
+}
+
+void TestCacheFaults::cleanup()
+{
+    m_server.reset();
+    if (!m_mounted.isEmpty())
+        umount2(QFile::encodeName(m_mounted).constData(), MNT_DETACH);
+    m_mounted.clear();
+    m_home.reset();
+}
+
+PlaylistLoopPtr TestCacheFaults::loopOf(const QStringList &urls)
+{
+    QString xml = QStringLiteral("<schedule><loop id='0'>");
+    for (const QString &url : urls)
+        xml += QStringLiteral("<i uri='%1' type='image' time='5'/>").arg(url);
+    XmlPlaylistParser parser(5, xml + QStringLiteral("</loop></schedule>"), QStringLiteral("x"));
+    return parser.getLoops().value(0);
+}
+
+int TestCacheFaults::walk(const PlaylistLoopPtr &loop, bool checkOnline, bool keepPrevious)
+{
+    auto *downloader = new Downloader(loop, checkOnline);
+    downloader->setKeepPrevious(keepPrevious);
+    QSignalSpy done(downloader, &Downloader::downloadDone);
+    QSignalSpy notDone(downloader, &Downloader::downloadNotDone);
+    downloader->start();
+    if (!QTest::qWaitFor([&] { return done.count() + notDone.count() > 0; }, 30000))
+        return -1;
+    return done.count();
+}
+
+QString TestCacheFaults::dataPath(const QString &url) const
+{
+    return m_home->stateDir() + QStringLiteral("/data/") + Downloader::cacheName(url);
+}
+
+QStringList TestCacheFaults::incompleteFiles() const
+{
+    QStringList bad;
+    const QDir data(m_home->stateDir() + QStringLiteral("/data"));
+    for (const QFileInfo &file : data.entryInfoList(QDir::Files | QDir::Hidden)) {
+        const QByteArray tag = readFile(m_home->stateDir() + "/etag/" + file.fileName());
+        if (tag.isEmpty() || tag.split(':').last().toLongLong() != file.size())
+            bad << file.fileName();
+    }
+    return bad;
+}
+
+void TestCacheFaults::faults_data()
+{
+    QTest::addColumn<HttpServer::Route>("route");
+    const QByteArray body(20000, 'b');
+    HttpServer::Route redirect{"", 302, {{"Location", "/b.png"}}};
+    HttpServer::Route huge{body, 200, {{"Content-Length", "2147483648"}}};
+    QTest::newRow("server error 500") << HttpServer::Route{"oops", 500};
+    QTest::newRow("accepted, never answered") << HttpServer::Route{body, 200, {}, Behaviour::Stall};
+    QTest::newRow("body shorter than its length")
+        << HttpServer::Route{body, 200, {}, Behaviour::CutBody};
+    QTest::newRow("redirect loop") << redirect;
+    QTest::newRow("2 GB Content-Length") << huge;
+    HttpServer::Route chunkedCut{body, 200, {}, Behaviour::Chunked};
+    chunkedCut.cutAfter = 9000;
+    QTest::newRow("chunked body cut short") << chunkedCut;
+}
+
+void TestCacheFaults::faults()
+{
+    QFETCH(HttpServer::Route, route);
+    const QString a = m_server->url("/a.png").toString();
+    const QString b = m_server->url("/b.png").toString();
+    m_server->setRoute("/a.png", QByteArray(3000, 'a'), 200, {{"Last-Modified", "Mon"}});
+    QCOMPARE(walk(loopOf({a})), 1);
+
+    m_server->setRoute("/b.png", route);
+    const PlaylistLoopPtr loop = loopOf({a, b});
+    QVERIFY(walk(loop) >= 0);
+    // The cached item plays on; the failed one is no file at all, never a part of one.
+    QCOMPARE(loop->items.first()->url, "file://" + dataPath(a));
+    QCOMPARE(readFile(dataPath(a)), QByteArray(3000, 'a'));
+    QVERIFY(!QFile::exists(dataPath(b)));
+    QCOMPARE(incompleteFiles(), QStringList());
+}
+
+void TestCacheFaults::chunkedBodyIsKeptAndRevalidated()
+{
+    const QString c = m_server->url("/c.png").toString();
+    m_server->setRoute("/c.png", HttpServer::Route{QByteArray(10000, 'c'), 200,
+                                                   {{"Last-Modified", "Tue"}}, Behaviour::Chunked});
+    QCOMPARE(walk(loopOf({c})), 1);
+    QCOMPARE(readFile(m_home->stateDir() + "/etag/" + Downloader::cacheName(c)),
+             QByteArray("Tue:10000"));
+    const int fetches = m_server->requestCount("GET", "/c.png");
+
+    // Revalidated against the server, then trusted while the server is gone.
+    QCOMPARE(walk(loopOf({c})), 1);
+    QCOMPARE(m_server->requestCount("GET", "/c.png"), fetches);
+    QCOMPARE(m_server->requestCount("HEAD", "/c.png"), 1);
+    m_server.reset();
+    QCOMPARE(walk(loopOf({c})), 1);
+    QCOMPARE(readFile(dataPath(c)), QByteArray(10000, 'c'));
+}
+
+void TestCacheFaults::fullDisk()
+{
+    m_mounted = m_home->stateDir();
+    if (mount("tmpfs", QFile::encodeName(m_mounted).constData(), "tmpfs", 0, "size=2m") != 0) {
+        m_mounted.clear();
+        QSKIP("cannot mount a small tmpfs here (needs root)");
+    }
+    const QString a = m_server->url("/a.png").toString();
+    const QString big = m_server->url("/big.png").toString();
+    m_server->setRoute("/a.png", QByteArray(3000, 'a'));
+    m_server->setRoute("/big.png", QByteArray(3 * 1024 * 1024, 'x'));
+    const PlaylistLoopPtr loop = loopOf({a, big});
+    QVERIFY(walk(loop) >= 0);
+    QCOMPARE(readFile(dataPath(a)), QByteArray(3000, 'a'));
+    QCOMPARE(loop->items.last()->url, QString("file://:/image/nothing_to_display.png"));
+    QVERIFY(!QFile::exists(dataPath(big)));
+    QCOMPARE(incompleteFiles(), QStringList());
+}
+
+void TestCacheFaults::fetchedPlaylistMustBeAPlaylist_data()
+{
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<bool>("replaces");
+    const QByteArray schedule = "<schedule><loop id='0'><i uri='http://new/' type='url'/></loop>"
+                                "</schedule>";
+    QTest::newRow("captive portal page")
+        << QByteArray("<html><head><title>Sign in</title></head><body><form/></body></html>")
+        << false;
+    QTest::newRow("proxy error page")
+        << QByteArray("<!DOCTYPE html>\n<html><body><h1>502 Bad Gateway</h1><hr>") << false;
+    QTest::newRow("half a schedule") << schedule.left(40) << false;
+    QTest::newRow("schedule without a loop") << QByteArray("<schedule a='1'/>") << false;
+    QTest::newRow("schedule nested too deep")
+        << "<schedule>" + QByteArray("<a>").repeated(100) + "<loop/>" << false;
+    QTest::newRow("a schedule replaces the copy") << schedule << true;
+    QTest::newRow("a flat list replaces the copy")
+        << QByteArray("#Vorsane playlist\nhttp://new/ 5\n") << true;
+}
+
+void TestCacheFaults::fetchedPlaylistMustBeAPlaylist()
+{
+    QFETCH(QByteArray, body);
+    QFETCH(bool, replaces);
+    const QByteArray copy = "#Vorsane playlist\nhttp://copy/ 5\n";
+    const QByteArray old = "#Vorsane playlist\nhttp://old/ 5\n";
+    QVERIFY(writeFile(PlaylistParser::localCopyPath(), copy));
+    QVERIFY(writeFile(PlaylistParser::offlineCopyPath(), old));
+    m_server->setRoute("/playlist", body);
+
+    LogCapture log;
+    std::unique_ptr<PlaylistParser> parser(
+        PlaylistParser::get(5, m_server->url("/playlist"), nullptr));
+    const PlaylistLoopPtr loop = parser->getLoops().value(0);
+    QCOMPARE(readFile(PlaylistParser::localCopyPath()), replaces ? body : copy);
+    QCOMPARE(loop->items.value(0)->url, replaces ? "http://new/" : "http://old/");
+    QCOMPARE(parser->playsOfflineCopy(), !replaces);
+    QCOMPARE(log.count("rejected"), replaces ? 0 : 1);
+
+    // A walk over the kept copy leaves it in place for the next start.
+    QCOMPARE(walk(loop, true, parser->playsOfflineCopy()), 1);
+    QCOMPARE(readFile(PlaylistParser::offlineCopyPath()), replaces ? QByteArray() : old);
+}
+
+void TestCacheFaults::namedEntriesSurviveCleanUp()
+{
+    Settings::load(false, nullptr)->set(QStringLiteral("slideshow/clean_after"), true);
+    const QString named = m_server->url("/named.png").toString();
+    const QString gone = QStringLiteral("http://127.0.0.1:1/gone.png");
+    QVERIFY(writeFile(PlaylistParser::offlineCopyPath(),
+                      "<schedule><loop><i uri='" + named.toUtf8() + "' type='image'/></loop>"
+                                                                     "</schedule>"));
+    m_server->setRoute("/named.png", QByteArray(100, 'n'), 200, {{"Last-Modified", "Wed"}});
+    const QDateTime old = QDateTime::currentDateTime().addDays(-3);
+    for (const QString &url : {named, gone}) {
+        for (const char *folder : {"/data/", "/etag/"}) {
+            const QString path = m_home->stateDir() + folder + Downloader::cacheName(url);
+            QVERIFY(writeFile(path, folder[1] == 'd' ? QByteArray(100, 'n') : "Wed:100"));
+            QFile file(path);
+            QVERIFY(file.open(QIODevice::ReadWrite));
+            QVERIFY(file.setFileTime(old, QFileDevice::FileModificationTime));
+        }
+    }
+
+    // The server is out of reach: what the playlist names stays, however old.
+    Cleanser(Settings::load(false, nullptr)).check();
+    QVERIFY(QFile::exists(dataPath(named)));
+    QVERIFY(!QFile::exists(dataPath(gone)));
+
+    // A copy the server vouches for counts as fresh again.
+    const QString tag = m_home->stateDir() + "/etag/" + Downloader::cacheName(named);
+    ItemDownloader item(named, dataPath(named), tag, true);
+    QSignalSpy finished(&item, &ItemDownloader::finished);
+    item.start();
+    QCOMPARE(finished.count(), 1);
+    QCOMPARE(m_server->requestCount("GET", "/named.png"), 0);
+    QVERIFY(QFileInfo(tag).lastModified() > QDateTime::currentDateTime().addSecs(-60));
+}
+
+void TestCacheFaults::signalMidDownloadThenRestart()
+{
+    const QString url = m_server->url("/big.png").toString();
+    const QString picture = m_home->filePath("big.png");
+    QVERIFY(makeImage(picture, QSize(1200, 900), Qt::green, "BMP"));
+    m_server->setRoute("/big.png", HttpServer::Route{readFile(picture), 200, {}, Behaviour::Stall});
+    const QByteArray playlist = "<schedule><loop id='0'><i uri='" + url.toUtf8()
+                                + "' type='image' time='30'/></loop></schedule>";
+    const QString data = m_home->stateDir() + QStringLiteral("/data");
+    {
+        KioskProcess kiosk;
+        // Both runs share one cache.
+        qputenv("HOME", QFile::encodeName(m_home->path()));
+        QVERIFY(kiosk.start(playlist));
+        QTRY_VERIFY_WITH_TIMEOUT(m_server->stalledConnections() > 0, 20000);
+        kiosk.process().terminate();
+        QVERIFY(kiosk.process().waitForFinished(10000));
+        QVERIFY(!QFile::exists(dataPath(url)));
+        m_server->closeStalledConnections();
+    }
+    // What a transfer cut by power loss leaves is never taken for content.
+    QVERIFY(writeFile(data + "/.download-AbCdEf", QByteArray(500, 'p')));
+
+    m_server->setBehaviour("/big.png", Behaviour::Normal);
+    KioskProcess kiosk;
+    qputenv("HOME", QFile::encodeName(m_home->path()));
+    QVERIFY(kiosk.start(playlist));
+    QVERIFY(kiosk.waitForLog("Loop downloaded"));
+    QCOMPARE(readFile(dataPath(url)), readFile(picture));
+    QCOMPARE(incompleteFiles(), QStringList());
+    kiosk.process().terminate();
+    kiosk.process().waitForFinished(10000);
+}
+
+void TestCacheFaults::remoteNextDuringDownloadsIsKept()
+{
+    const QString red = m_home->filePath("red.png");
+    QVERIFY(makeImage(red, QSize(64, 48), Qt::red, "PNG"));
+    m_server->setRoute("/slow.png", HttpServer::Route{"x", 200, {}, Behaviour::Stall});
+    const QByteArray playlist = "<schedule><loop id='0'><i uri='file://" + red.toUtf8()
+                                + "' type='image' time='60'/><i uri='"
+                                + m_server->url("/slow.png").toEncoded()
+                                + "' type='image' time='60'/></loop></schedule>";
+    KioskProcess kiosk;
+    QVERIFY(kiosk.start(playlist));
+    QTRY_VERIFY_WITH_TIMEOUT(m_server->stalledConnections() > 0, 20000);
+    // The set-up waits on the download: the command is kept until it is over.
+    KioskProcess::sendDatagram("{\"action\":1}");
+    QVERIFY(kiosk.waitForLog("carried out when it is over"));
+    m_server->setRoute("/slow.png", "gone", 404);
+    m_server->closeStalledConnections();
+    QVERIFY(kiosk.waitForLog("downloaded"));
+    // The first item came, then the kept "next" moved on from it to the demo picture.
+    QVERIFY(QTest::qWaitFor([] {
+        KioskProcess::sendDatagram("{\"action\":3}");
+        const QColor shot = KioskProcess::screenColor();
+        return shot.isValid() && shot != QColor(Qt::red) && shot != QColor(Qt::black);
+    }, 15000));
+    kiosk.process().terminate();
+    kiosk.process().waitForFinished(10000);
+}
+
+QTEST_MAIN(TestCacheFaults)
+#include "tst_cachefaults.moc"

@@ -1,0 +1,197 @@
+// Untrusted documents and content files: whatever their size, nesting or bytes, the player
+// neither crashes nor stalls; what cannot be used is refused with a log line.
+#include "flatplaylistparser.h"
+#include "gif.h"
+#include "image.h"
+#include "pdf.h"
+#include "playlistitem.h"
+#include "playlistparser.h"
+#include "remote.h"
+#include "settings.h"
+#include "testsupport.h"
+#include "xmlplaylistparser.h"
+
+#include <QRegularExpression>
+#include <QSignalSpy>
+#include <QTest>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace testsupport;
+
+class TestUntrusted : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+    void documentLimits_data();
+    void documentLimits();
+    void contentFiles_data();
+    void contentFiles();
+    void hiddenFilesAndOddNames();
+
+private:
+    std::unique_ptr<TempHome> m_home;
+};
+
+void TestUntrusted::init()
+{
+    m_home = std::make_unique<TempHome>();
+    Settings::load(true, nullptr);
+}
+
+void TestUntrusted::cleanup()
+{
+    m_home.reset();
+}
+
+void TestUntrusted::documentLimits_data()
+{
+    QTest::addColumn<QByteArray>("document");
+    QTest::addColumn<int>("items");
+    QTest::addColumn<QString>("logged");
+    const QByteArray loop = "<loop id='0'><i uri='http://x/' type='url'/></loop>";
+    QTest::newRow("schedule nested 50,000 deep")
+        << "<schedule>" + QByteArray("<a>").repeated(50000) + loop << 0 << "nested deeper";
+    QTest::newRow("schedule nested 64 deep is read")
+        << "<schedule>" + QByteArray("<a>").repeated(61) + loop + QByteArray("</a>").repeated(61)
+               + "</schedule>"
+        << 1 << QString();
+    QTest::newRow("playlist larger than 16 MB")
+        << "#Vorsane playlist\n#" + QByteArray(17 * 1024 * 1024, 'x') + "\nhttp://x/ 5\n" << 0
+        << "larger than 16 MB";
+    // Half a schedule is no XML: read as a flat list, it has nothing but the USB notice.
+    QTest::newRow("half a schedule") << "<schedule>" + loop.left(30) << 1 << QString();
+    QTest::newRow("entities expanding to half a million characters")
+        << QByteArray("<!DOCTYPE s [<!ENTITY a 'aaaaaaaaaa'><!ENTITY b '&a;&a;&a;&a;&a;&a;&a;&a;"
+                      "&a;&a;'><!ENTITY c '&b;&b;&b;&b;&b;&b;&b;&b;&b;&b;'><!ENTITY d '&c;&c;&c;"
+                      "&c;&c;&c;&c;&c;&c;&c;'><!ENTITY e '&d;&d;&d;&d;&d;&d;&d;&d;&d;&d;'>]>"
+                      "<schedule><loop id='&e;&e;&e;&e;&e;'/></schedule>")
+        << 1 << QString();
+}
+
+void TestUntrusted::documentLimits()
+{
+    QFETCH(QByteArray, document);
+    QFETCH(int, items);
+    QFETCH(QString, logged);
+    const QString path = m_home->filePath("playlist");
+    QVERIFY(writeFile(path, document));
+
+    LogCapture log;
+    std::unique_ptr<PlaylistParser> parser(PlaylistParser::get(5, QUrl::fromLocalFile(path), nullptr));
+    QVERIFY(parser);
+    QVERIFY(parser->selectLoop(QDateTime::currentDateTime()));
+    QCOMPARE(parser->getLoops().value(0)->items.size(), items);
+    if (!logged.isEmpty())
+        QCOMPARE(log.count(logged), 1);
+}
+
+void TestUntrusted::contentFiles_data()
+{
+    QTest::addColumn<int>("type");
+    QTest::addColumn<QString>("kind");
+    // Pictures and PDFs that cannot be shown end at once; an animation keeps the screen black
+    // for its time.
+    QTest::addColumn<bool>("endsAtOnce");
+    const struct
+    {
+        int type;
+        const char *name;
+    } types[] = {{PlaylistItem::Image, "picture"}, {PlaylistItem::Gif, "animation"},
+                 {PlaylistItem::PDF, "pdf"}};
+    for (const auto &type : types) {
+        for (const char *kind : {"valid", "zero-byte", "corrupt", "truncated", "fifo", "folder"})
+            QTest::addRow("%s %s", kind, type.name)
+                << type.type << QString(kind)
+                << (QByteArray(kind) != "valid" && type.type != PlaylistItem::Gif);
+    }
+    QTest::newRow("20000x20000 picture") << int(PlaylistItem::Image) << "huge" << false;
+}
+
+void TestUntrusted::contentFiles()
+{
+    QFETCH(int, type);
+    QFETCH(QString, kind);
+    QFETCH(bool, endsAtOnce);
+    const QString path = m_home->filePath("content");
+    const QString made = m_home->filePath(type == PlaylistItem::Image ? "made.png" : type == PlaylistItem::Gif ? "made.gif" : "made.pdf");
+    if (type == PlaylistItem::Image)
+        QVERIFY(makeImage(made, QSize(64, 48), Qt::red, "PNG"));
+    else if (type == PlaylistItem::Gif)
+        QVERIFY(makeGif(made, 3));
+    else
+        QVERIFY(makePdf(made, 2));
+    const QByteArray good = readFile(made);
+    if (kind == "valid")
+        QVERIFY(writeFile(path, good));
+    else if (kind == "zero-byte")
+        QVERIFY(writeFile(path, QByteArray()));
+    else if (kind == "corrupt")
+        QVERIFY(writeFile(path, good.left(16) + QByteArray(4000, '\xa5')));
+    else if (kind == "truncated")
+        QVERIFY(writeFile(path, good.left(good.size() / 3)));
+    else if (kind == "fifo")
+        QCOMPARE(mkfifo(QFile::encodeName(path).constData(), 0600), 0);
+    else if (kind == "folder")
+        QVERIFY(QDir().mkpath(path));
+    else
+        QVERIFY(QImage(20000, 20000, QImage::Format_Mono).save(path, "PNG"));
+
+    QWidget screen;
+    screen.resize(640, 480);
+    PlaylistItem item("file://" + path, PlaylistItem::Type(type), 5, false, QStringList());
+    LogCapture log;
+    std::unique_ptr<QWidget> widget;
+    if (type == PlaylistItem::Image)
+        widget = std::make_unique<Image>(&item, &screen);
+    else if (type == PlaylistItem::Gif)
+        widget = std::make_unique<Gif>(&item, &screen);
+    else
+        widget = std::make_unique<PDF>(&item, &screen);
+    QSignalSpy ended(widget.get(), SIGNAL(end()));
+    const bool started = dynamic_cast<Runnable *>(widget.get())->start();
+    QTest::qWait(200);
+    QCOMPARE(!started || !ended.isEmpty(), endsAtOnce);
+    if (kind != "valid" && kind != "huge")
+        QTRY_VERIFY2(!log.lines().filter(path).isEmpty(), "no log line names the file");
+    if (kind == "huge")
+        QVERIFY(static_cast<Image *>(widget.get())->pixmap(Qt::ReturnByValue).width() <= 640);
+}
+
+void TestUntrusted::hiddenFilesAndOddNames()
+{
+    const QString dir = m_home->filePath("usb");
+    for (const char *name : {"photo.png", "._photo.png", ".Trashes/t.png", "sub/b.png"})
+        QVERIFY(makeImage(dir + "/" + name, QSize(8, 8), Qt::blue, "PNG"));
+    const QByteArray odd = QFile::encodeName(dir) + "/caf\xe9.png";
+    const int fd = ::open(odd.constData(), O_CREAT | O_WRONLY, 0644);
+    QVERIFY(fd >= 0);
+    const QByteArray png = readFile(dir + "/photo.png");
+    QCOMPARE(::write(fd, png.constData(), png.size()), ssize_t(png.size()));
+    ::close(fd);
+
+    LogCapture log;
+    const QString text = "#Vorsane playlist\nfile://" + dir + " 5\nfile://" + dir + "/caf%E9.png 5\n";
+    FlatPlaylistParser parser(5, text);
+    QStringList urls;
+    for (const PlaylistItemPtr &item : parser.loop->items)
+        urls << item->url;
+    ::unlink(odd.constData());
+    // The name that is not valid UTF-8 is played through a link to it, found in the folder and
+    // named on its own line.
+    QCOMPARE(urls.size(), 6);
+    QVERIFY(log.contains("not valid UTF-8"));
+    const QStringList aliases = urls.filter("/.vorsane-kiosk/aliases/");
+    QCOMPARE(aliases.size(), 2);
+    QVERIFY(aliases.first().endsWith(".png"));
+    urls = urls.filter(QRegularExpression("/(photo|b)\\.png$"));
+    QCOMPARE(urls, QStringList({"file://" + dir + "/photo.png", "file://" + dir + "/sub/b.png"}));
+}
+
+QTEST_MAIN(TestUntrusted)
+#include "tst_untrusted.moc"
