@@ -1,7 +1,9 @@
 #include "remote.h"
 
 #include <QDebug>
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QScriptEngine>
 #include <QScriptValue>
 #include <QTimer>
@@ -66,16 +68,18 @@ Remote::Remote(QObject *parent)
 
 void Remote::processMessage()
 {
-    while (hasPendingDatagrams()) {
-        QByteArray datagram;
-        const qint64 size = pendingDatagramSize();
-        datagram.resize(int(qMax<qint64>(size, 0)));
-        QHostAddress sender;
-        quint16 senderPort = 0;
-        if (readDatagram(datagram.data(), datagram.size(), &sender, &senderPort) < 0)
-            continue;
+    // One datagram per pass of the event loop: a steady stream of commands (a page asking for
+    // screenshots as fast as they are written) must not keep the show's timers from running.
+    if (!hasPendingDatagrams())
+        return;
+    QByteArray datagram;
+    datagram.resize(int(qMax<qint64>(pendingDatagramSize(), 0)));
+    QHostAddress sender;
+    quint16 senderPort = 0;
+    if (readDatagram(datagram.data(), datagram.size(), &sender, &senderPort) >= 0)
         handle(datagram);
-    }
+    if (hasPendingDatagrams())
+        QMetaObject::invokeMethod(this, &Remote::processMessage, Qt::QueuedConnection);
 }
 
 void Remote::handle(const QByteArray &datagram)
@@ -164,13 +168,16 @@ void Remote::processGoTo(QScriptValue *value)
 
 void Remote::removeDroppedFile(const QString &relativePath)
 {
-    // The name is used as the sender gave it; the sender is the trusted local server.
-    const QString path = QString::fromLocal8Bit(qgetenv("HOME"))
-                         + QLatin1String("/.vorsane-kiosk/dragndrop/") + relativePath;
-    if (QFile::exists(path)) {
-        QFile::remove(path);
-        qDebug() << "Remove drag and drop file:" << path;
-    } else {
+    // Any local process can send datagrams: only a file inside the folder may go.
+    const QDir folder(QString::fromLocal8Bit(qgetenv("HOME"))
+                      + QLatin1String("/.vorsane-kiosk/dragndrop"));
+    const QString path = folder.filePath(relativePath);
+    const QString inside = QDir::cleanPath(folder.absolutePath()) + QLatin1Char('/');
+    if (relativePath.isEmpty() || !QDir::cleanPath(path).startsWith(inside)
+        || !QFileInfo(path).canonicalFilePath().startsWith(folder.canonicalPath() + QLatin1Char('/'))) {
         qDebug() << "Drag and drop file not removed because doesn't exists:" << path;
+        return;
     }
+    QFile::remove(path);
+    qDebug() << "Remove drag and drop file:" << path;
 }

@@ -17,4 +17,4 @@ if [ ${#files[@]} -eq 0 ]; then
     exit 1
 fi
 # Without source locations, so that code edits elsewhere do not churn the .ts files.
-lupdate -recursive -locations none -extensions cpp,h common browser -ts "${files[@]}"
+lupdate -recursive -locations none -extensions cpp,h common browser remoteserver -ts "${files[@]}"

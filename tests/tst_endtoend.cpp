@@ -156,6 +156,15 @@ void TestEndToEnd::remoteControl()
     QVERIFY(kiosk.waitForLog("For 1 seconds."));
     QVERIFY2(waitForScreen(kiosk, Qt::red, 5000), "the show after the text");
 
+    // Removal by datagram reaches only files inside the drop folder.
+    const QString dropped = kiosk.home().filePath(".vorsane-kiosk/dragndrop/dropped.png");
+    const QString outside = kiosk.home().filePath(".vorsane-kiosk/keep.txt");
+    QVERIFY(writeFile(dropped, "x") && writeFile(outside, "x"));
+    kiosk.sendDatagram(R"({"action": 8, "data": {"path": "../keep.txt"}})");
+    kiosk.sendDatagram(R"({"action": 8, "data": {"path": "dropped.png"}})");
+    QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(dropped), 5000);
+    QVERIFY(QFile::exists(outside));
+
     // Pause and resume reach the item on screen.
     kiosk.sendDatagram(R"({"action": 0})");
     QVERIFY(kiosk.waitForLog("Pause", 5000));

@@ -2,6 +2,44 @@
 <!DOCTYPE TS>
 <TS version="2.1" language="fr_FR">
 <context>
+    <name>AuthDialog</name>
+    <message>
+        <source>Authentication</source>
+        <translation>Authentification</translation>
+    </message>
+    <message>
+        <source>This website requires authentication:</source>
+        <translation>Ce site web demande une authentification :</translation>
+    </message>
+    <message>
+        <source>Username:</source>
+        <translation>Nom d&apos;utilisateur :</translation>
+    </message>
+    <message>
+        <source>Password:</source>
+        <translation>Mot de passe :</translation>
+    </message>
+</context>
+<context>
+    <name>Browser</name>
+    <message>
+        <source>New tab</source>
+        <translation>Nouvel onglet</translation>
+    </message>
+    <message>
+        <source>New Page</source>
+        <translation>Nouvelle page</translation>
+    </message>
+    <message>
+        <source>DENIED: %1</source>
+        <translation>REFUSÉ : %1</translation>
+    </message>
+    <message>
+        <source>remaining: %02d:%02d:%02d</source>
+        <translation>restant : %02d:%02d:%02d</translation>
+    </message>
+</context>
+<context>
     <name>ExitPasswordDialog</name>
     <message>
         <source>Password Required</source>
@@ -10,6 +48,76 @@
     <message>
         <source>Administrator password:</source>
         <translation>Mot de passe administrateur :</translation>
+    </message>
+</context>
+<context>
+    <name>NavBar</name>
+    <message>
+        <source>Home</source>
+        <translation>Accueil</translation>
+    </message>
+    <message>
+        <source>Go</source>
+        <translation>Aller</translation>
+    </message>
+    <message>
+        <source>Print</source>
+        <translation>Imprimer</translation>
+    </message>
+    <message>
+        <source>Clear</source>
+        <translation>Terminer</translation>
+    </message>
+    <message>
+        <source>End the web session</source>
+        <translation>Terminer la session web</translation>
+    </message>
+    <message>
+        <source>Your session will be terminated.
+
+Do you really want to continue?</source>
+        <translation>Votre session va être terminée.
+
+Voulez-vous vraiment continuer ?</translation>
+    </message>
+</context>
+<context>
+    <name>PlaylistFile</name>
+    <message>
+        <source>The playlist is empty.</source>
+        <translation>La liste de lecture est vide.</translation>
+    </message>
+    <message>
+        <source>Not a playlist: the XML document has no &quot;schedule&quot; root element.</source>
+        <translation>Ce n&apos;est pas une liste de lecture : le document XML n&apos;a pas d&apos;élément racine &quot;schedule&quot;.</translation>
+    </message>
+    <message>
+        <source>The schedule has no loop.</source>
+        <translation>Le programme ne contient aucune boucle.</translation>
+    </message>
+    <message>
+        <source>Not a playlist: neither an XML schedule nor a text list beginning with &quot;%1&quot;.</source>
+        <translation>Ce n&apos;est pas une liste de lecture : ni un programme XML, ni une liste texte commençant par &quot;%1&quot;.</translation>
+    </message>
+    <message>
+        <source>The playlist has no entry: each line needs an address, a blank and a duration.</source>
+        <translation>La liste de lecture n&apos;a aucune entrée : chaque ligne doit contenir une adresse, une espace et une durée.</translation>
+    </message>
+    <message>
+        <source>The current playlist could not be kept as %1.</source>
+        <translation>La liste de lecture actuelle n&apos;a pas pu être conservée sous %1.</translation>
+    </message>
+    <message>
+        <source>The playlist could not be written to %1.</source>
+        <translation>La liste de lecture n&apos;a pas pu être écrite dans %1.</translation>
+    </message>
+    <message>
+        <source>Loop %1</source>
+        <translation>Boucle %1</translation>
+    </message>
+    <message>
+        <source>idle</source>
+        <translation>veille</translation>
     </message>
 </context>
 <context>
@@ -23,6 +131,72 @@
 Please select local playlist option or connect the system to a network.</source>
         <translation>Vorsane Kiosk est hors ligne.
 Veuillez choisir l’option de liste de lecture locale ou connecter le système à un réseau.</translation>
+    </message>
+</context>
+<context>
+    <name>RemoteServer</name>
+    <message>
+        <source>The request is too large.</source>
+        <translation>La requête est trop volumineuse.</translation>
+    </message>
+    <message>
+        <source>Unknown command.</source>
+        <translation>Commande inconnue.</translation>
+    </message>
+    <message>
+        <source>The command could not be sent to the slideshow.</source>
+        <translation>La commande n&apos;a pas pu être envoyée au diaporama.</translation>
+    </message>
+    <message>
+        <source>No such file: %1</source>
+        <translation>Fichier introuvable : %1</translation>
+    </message>
+    <message>
+        <source>Editing the local playlist is turned off.</source>
+        <translation>La modification de la liste de lecture locale est désactivée.</translation>
+    </message>
+    <message>
+        <source>No playlist file was sent.</source>
+        <translation>Aucun fichier de liste de lecture n&apos;a été envoyé.</translation>
+    </message>
+    <message>
+        <source>Switching the screen is turned off.</source>
+        <translation>La commande de l&apos;écran est désactivée.</translation>
+    </message>
+    <message>
+        <source>Send the files as multipart/form-data.</source>
+        <translation>Envoyez les fichiers en multipart/form-data.</translation>
+    </message>
+    <message>
+        <source>The upload must state its length.</source>
+        <translation>L&apos;envoi doit indiquer sa taille.</translation>
+    </message>
+    <message>
+        <source>Not enough free disk space for this upload.</source>
+        <translation>Pas assez d&apos;espace disque libre pour cet envoi.</translation>
+    </message>
+    <message>
+        <source>The upload was not complete; nothing was kept.</source>
+        <translation>L&apos;envoi n&apos;était pas complet ; rien n&apos;a été conservé.</translation>
+    </message>
+    <message>
+        <source>Only pictures, videos, PDFs and HTML or text documents are accepted.</source>
+        <translation>Seuls les images, vidéos, PDF et documents HTML ou texte sont acceptés.</translation>
+    </message>
+</context>
+<context>
+    <name>RestrictedWebPage</name>
+    <message>
+        <source>JavaScript Alert</source>
+        <translation>Alerte JavaScript</translation>
+    </message>
+    <message>
+        <source>JavaScript Confirm</source>
+        <translation>Confirmation JavaScript</translation>
+    </message>
+    <message>
+        <source>JavaScript Prompt</source>
+        <translation>Saisie JavaScript</translation>
     </message>
 </context>
 <context>

@@ -210,6 +210,14 @@ bool makeVideo(const QString &path, int seconds, const QSize &size)
                       QStringLiteral("-pix_fmt"), QStringLiteral("yuv420p"), path});
 }
 
+bool makeGif(const QString &path, int frames, const QSize &size)
+{
+    return runFfmpeg(
+        {QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"),
+         QStringLiteral("testsrc=size=%1x%2:rate=10").arg(size.width()).arg(size.height()),
+         QStringLiteral("-frames:v"), QString::number(frames), path});
+}
+
 bool writeFile(const QString &path, const QByteArray &content)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());

@@ -74,6 +74,7 @@ bool makeImage(const QString &path, const QSize &size, const QColor &color,
 bool makePdf(const QString &path, int pages);
 // Generated with ffmpeg; false when ffmpeg is missing or fails.
 bool makeVideo(const QString &path, int seconds, const QSize &size = QSize(64, 48));
+bool makeGif(const QString &path, int frames, const QSize &size = QSize(32, 32));
 bool writeFile(const QString &path, const QByteArray &content);
 QByteArray readFile(const QString &path);
 
