@@ -670,8 +670,10 @@ void Dispatcher::shootScreen()
     if (picture.isNull() || picture.width() <= 1)
         picture = m_viewer->grab();
     // Written aside and renamed, so the remote server never serves a half-written picture.
+    // Light compression: a screenshot is asked for often while a video plays, and the show's
+    // own thread pays for it.
     QSaveFile file(QString::fromLatin1(screenshotPath));
-    if (file.open(QIODevice::WriteOnly) && picture.save(&file, "PNG"))
+    if (file.open(QIODevice::WriteOnly) && picture.save(&file, "PNG", 80))
         file.commit();
 }
 

@@ -68,18 +68,37 @@ Remote::Remote(QObject *parent)
 
 void Remote::processMessage()
 {
-    // One datagram per pass of the event loop: a steady stream of commands (a page asking for
+    while (hasPendingDatagrams()) {
+        QByteArray datagram;
+        datagram.resize(int(qMax<qint64>(pendingDatagramSize(), 0)));
+        QHostAddress sender;
+        quint16 senderPort = 0;
+        if (readDatagram(datagram.data(), datagram.size(), &sender, &senderPort) < 0)
+            continue;
+        if (m_waiting.size() >= MaxWaiting) {
+            qDebug() << "Remote datagram dropped: too many commands waiting.";
+            continue;
+        }
+        m_waiting.append(datagram);
+    }
+    // One command per pass of the event loop: a steady stream of them (a page asking for
     // screenshots as fast as they are written) must not keep the show's timers from running.
-    if (!hasPendingDatagrams())
+    if (!m_waiting.isEmpty() && !m_turnScheduled) {
+        m_turnScheduled = true;
+        QTimer::singleShot(0, this, &Remote::handleOne);
+    }
+}
+
+void Remote::handleOne()
+{
+    m_turnScheduled = false;
+    if (m_waiting.isEmpty())
         return;
-    QByteArray datagram;
-    datagram.resize(int(qMax<qint64>(pendingDatagramSize(), 0)));
-    QHostAddress sender;
-    quint16 senderPort = 0;
-    if (readDatagram(datagram.data(), datagram.size(), &sender, &senderPort) >= 0)
-        handle(datagram);
-    if (hasPendingDatagrams())
-        QMetaObject::invokeMethod(this, &Remote::processMessage, Qt::QueuedConnection);
+    handle(m_waiting.takeFirst());
+    if (!m_waiting.isEmpty() && !m_turnScheduled) {
+        m_turnScheduled = true;
+        QTimer::singleShot(0, this, &Remote::handleOne);
+    }
 }
 
 void Remote::handle(const QByteArray &datagram)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArrayList>
 #include <QUdpSocket>
 
 class QScriptValue;
@@ -35,5 +36,12 @@ Q_SIGNALS:
     void readUrl(QString url, int duration);
 
 private:
+    // Commands waiting for their turn; more than this many waiting are dropped.
+    static constexpr int MaxWaiting = 64;
+
+    void handleOne();
     void removeDroppedFile(const QString &relativePath);
+
+    QByteArrayList m_waiting;
+    bool m_turnScheduled = false;
 };
