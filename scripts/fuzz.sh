@@ -13,9 +13,12 @@ if [ -n "${FUZZ_TARGETS:-}" ]; then
 fi
 
 if ! command -v clang++-15 >/dev/null || [ ! -d /usr/lib/llvm-15/lib/clang ]; then
-    echo "fuzz.sh needs clang-15 and libfuzzer-15-dev (apt-get install -y clang-15 libfuzzer-15-dev)" >&2
-    exit 2
+    sudo=(); [ "$(id -u)" -eq 0 ] || sudo=(sudo)
+    "${sudo[@]}" apt-get update -qq
+    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
+        clang-15 libfuzzer-15-dev </dev/null
 fi
+bash scripts/install-deps.sh
 launcher=()
 if command -v ccache >/dev/null; then
     export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$PWD}
