@@ -50,9 +50,11 @@ QString CustomQWebPage::userAgentForUrl(const QUrl &url) const
     Q_UNUSED(url)
     const QString configured
         = Settings::load(false, nullptr)->get(QStringLiteral("main/user_agent")).toString();
-    if (!configured.isEmpty())
-        return configured;
+    return configured.isEmpty() ? builtInUserAgent() : configured;
+}
 
+QString CustomQWebPage::builtInUserAgent()
+{
     struct utsname system;
     const QString systemName
         = ::uname(&system) == 0 ? QString::fromLocal8Bit(system.sysname) : QString();

@@ -23,6 +23,8 @@ public:
                    ExtensionReturn *output = nullptr) override;
     bool supportsExtension(Extension extension) const override;
     bool shouldInterruptJavaScript() override;
+    // The user-agent text when the preferences give none.
+    static QString builtInUserAgent();
 
 protected:
     QString userAgentForUrl(const QUrl &url) const override;

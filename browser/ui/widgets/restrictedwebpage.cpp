@@ -1,5 +1,6 @@
 #include "restrictedwebpage.h"
 
+#include "customqwebpage.h"
 #include "logger.h"
 #include "restricteddownload.h"
 #include "settings.h"
@@ -10,7 +11,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QInputDialog>
-#include <QLocale>
 #include <QMessageBox>
 #include <QNetworkAccessManager>
 #include <QNetworkCookieJar>
@@ -20,13 +20,10 @@
 #include <QWebFrame>
 #include <QWebSettings>
 
-#include <sys/utsname.h>
-
 QPointer<QNetworkCookieJar> RestrictedWebPage::s_sessionJar;
 int RestrictedWebPage::s_openDialogs = 0;
 
 namespace {
-const char kioskVersion[] = "16.04.a";
 // Longer lines are no address pattern; compiling them would only stall the browser.
 const int maxPatternLength = 8192;
 
@@ -173,14 +170,7 @@ QString RestrictedWebPage::userAgentForUrl(const QUrl &url) const
 {
     Q_UNUSED(url)
     const QString configured = m_settings->get(QStringLiteral("main/user_agent")).toString();
-    if (!configured.isEmpty())
-        return configured;
-    struct utsname system;
-    const QString systemName
-        = ::uname(&system) == 0 ? QString::fromLocal8Bit(system.sysname) : QString();
-    return QStringLiteral("Mozilla/5.0 (X11; %1; %2) AppleWebKit/%3 (KHTML, like Gecko) "
-                          "Chrome/36.0.1985.125 Safari/%3 VorsaneKiosk/%4")
-        .arg(systemName, QLocale().name(), qWebKitVersion(), QString::fromLatin1(kioskVersion));
+    return configured.isEmpty() ? CustomQWebPage::builtInUserAgent() : configured;
 }
 
 void RestrictedWebPage::sslErrorHandler(QNetworkReply *reply, const QList<QSslError> &errors)
