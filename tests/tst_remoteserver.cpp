@@ -193,7 +193,7 @@ void TestRemoteServer::upload()
     auto *form = new QHttpMultiPart(QHttpMultiPart::FormDataType);
     QHttpPart part;
     part.setHeader(QNetworkRequest::ContentDispositionHeader,
-                   R"(form-data; name="file"; filename="../x.png")");
+                   R"(form-data; name="file"; filename="sub/../../x.png")");
     part.setBody("picture");
     form->append(part);
     QNetworkReply *reply = request("POST", "/api/files", QByteArray(), form);
