@@ -16,7 +16,6 @@
 #include <QNetworkCookieJar>
 #include <QNetworkReply>
 #include <QNetworkRequest>
-#include <QTextStream>
 #include <QWebFrame>
 #include <QWebSettings>
 
@@ -24,9 +23,6 @@ QPointer<QNetworkCookieJar> RestrictedWebPage::s_sessionJar;
 int RestrictedWebPage::s_openDialogs = 0;
 
 namespace {
-// Longer lines are no address pattern; compiling them would only stall the browser.
-const int maxPatternLength = 8192;
-
 struct LoadedPatterns
 {
     QString path;
@@ -34,66 +30,6 @@ struct LoadedPatterns
     qint64 size = -1;
     std::shared_ptr<const UrlPatternMatcher> matcher;
 };
-
-bool holdsBinary(const QString &line)
-{
-    for (const QChar c : line) {
-        if ((c.unicode() < 0x20 && c != QLatin1Char('\t')) || c == QChar::ReplacementCharacter)
-            return true;
-    }
-    return false;
-}
-
-std::shared_ptr<const UrlPatternMatcher> readPatterns(QFile &file)
-{
-    auto matcher = std::make_shared<UrlPatternMatcher>();
-    int lineNumber = 0;
-    int binary = 0;
-    int tooLong = 0;
-    int invalid = 0;
-    int firstBinary = 0;
-    int firstTooLong = 0;
-    int firstInvalid = 0;
-    QTextStream in(&file);
-    while (!in.atEnd()) {
-        QString line = in.readLine();
-        ++lineNumber;
-        if (line.size() > maxPatternLength) {
-            if (!tooLong++)
-                firstTooLong = lineNumber;
-            continue;
-        }
-        if (holdsBinary(line) && !binary++)
-            firstBinary = lineNumber;
-        line.replace(QLatin1Char('.'), QLatin1String("\\."));
-        line.replace(QLatin1Char('*'), QLatin1String(".*"));
-        if (!matcher->add(line) && !invalid++)
-            firstInvalid = lineNumber;
-    }
-    matcher->compile();
-    const QString name = file.fileName();
-    if (tooLong)
-        qWarning().noquote() << QStringLiteral("Restriction file %1: %2 line(s) longer than %3 "
-                                               "characters ignored (first: line %4).")
-                                    .arg(name)
-                                    .arg(tooLong)
-                                    .arg(maxPatternLength)
-                                    .arg(firstTooLong);
-    if (binary)
-        qWarning().noquote() << QStringLiteral("Restriction file %1: %2 line(s) hold binary or "
-                                               "undecodable bytes (first: line %3).")
-                                    .arg(name)
-                                    .arg(binary)
-                                    .arg(firstBinary);
-    if (invalid)
-        qWarning().noquote() << QStringLiteral(
-                                    "Restriction file %1: %2 invalid pattern(s) "
-                                    "ignored, e.g. unbalanced brackets (first: line %3).")
-                                    .arg(name)
-                                    .arg(invalid)
-                                    .arg(firstInvalid);
-    return matcher;
-}
 } // namespace
 
 RestrictedWebPage::RestrictedWebPage(QWidget *parent)
@@ -132,7 +68,7 @@ void RestrictedWebPage::setupRegexList()
         m_patterns = loaded.matcher;
         return;
     }
-    m_patterns = readPatterns(file);
+    m_patterns = UrlPatternMatcher::fromRestrictionFile(file, file.fileName());
     file.close();
     loaded = {info.absoluteFilePath(), info.lastModified(), info.size(), m_patterns};
 }

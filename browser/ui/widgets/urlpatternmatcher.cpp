@@ -1,6 +1,8 @@
 #include "urlpatternmatcher.h"
 
 #include <QDebug>
+#include <QIODevice>
+#include <QTextStream>
 
 #include <re2/re2.h>
 #include <re2/set.h>
@@ -54,6 +56,18 @@ bool plainRepeat(const QString &pattern, int from)
     }
     return i < pattern.size() && pattern.at(i) == QLatin1Char('}');
 }
+// Longer lines are no address pattern; compiling them would only stall the browser.
+const int maxPatternLength = 8192;
+
+bool holdsBinary(const QString &line)
+{
+    for (const QChar c : line) {
+        if ((c.unicode() < 0x20 && c != QLatin1Char('\t')) || c == QChar::ReplacementCharacter)
+            return true;
+    }
+    return false;
+}
+
 } // namespace
 
 struct UrlPatternMatcher::Set
@@ -223,4 +237,55 @@ bool UrlPatternMatcher::contains(const QString &text) const
         }
     }
     return fallbackContains(text);
+}
+
+std::shared_ptr<const UrlPatternMatcher>
+UrlPatternMatcher::fromRestrictionFile(QIODevice &file, const QString &name)
+{
+    auto matcher = std::make_shared<UrlPatternMatcher>();
+    int lineNumber = 0;
+    int binary = 0;
+    int tooLong = 0;
+    int invalid = 0;
+    int firstBinary = 0;
+    int firstTooLong = 0;
+    int firstInvalid = 0;
+    QTextStream in(&file);
+    while (!in.atEnd()) {
+        QString line = in.readLine();
+        ++lineNumber;
+        if (line.size() > maxPatternLength) {
+            if (!tooLong++)
+                firstTooLong = lineNumber;
+            continue;
+        }
+        if (holdsBinary(line) && !binary++)
+            firstBinary = lineNumber;
+        line.replace(QLatin1Char('.'), QLatin1String("\\."));
+        line.replace(QLatin1Char('*'), QLatin1String(".*"));
+        if (!matcher->add(line) && !invalid++)
+            firstInvalid = lineNumber;
+    }
+    matcher->compile();
+    if (tooLong)
+        qWarning().noquote() << QStringLiteral("Restriction file %1: %2 line(s) longer than %3 "
+                                               "characters ignored (first: line %4).")
+                                    .arg(name)
+                                    .arg(tooLong)
+                                    .arg(maxPatternLength)
+                                    .arg(firstTooLong);
+    if (binary)
+        qWarning().noquote() << QStringLiteral("Restriction file %1: %2 line(s) hold binary or "
+                                               "undecodable bytes (first: line %3).")
+                                    .arg(name)
+                                    .arg(binary)
+                                    .arg(firstBinary);
+    if (invalid)
+        qWarning().noquote() << QStringLiteral(
+                                    "Restriction file %1: %2 invalid pattern(s) "
+                                    "ignored, e.g. unbalanced brackets (first: line %3).")
+                                    .arg(name)
+                                    .arg(invalid)
+                                    .arg(firstInvalid);
+    return matcher;
 }

@@ -7,6 +7,8 @@
 #include <memory>
 #include <vector>
 
+class QIODevice;
+
 namespace re2 {
 class RE2;
 }
@@ -31,6 +33,12 @@ public:
 
     int size() const { return m_size; }
     int fallbackCount() const { return int(m_fallback.size()); }
+
+    // Reads a restriction file: one wildcard pattern per line ("*" any text, "." itself, the
+    // rest as QRegExp). Lines that cannot be patterns are skipped with one log line per kind;
+    // name is the file name those lines give.
+    static std::shared_ptr<const UrlPatternMatcher> fromRestrictionFile(QIODevice &file,
+                                                                        const QString &name);
 
     // Whether RE2 reads the pattern exactly as QRegExp does (for a match-anywhere question).
     static bool sameInRe2(const QString &pattern);
