@@ -6,10 +6,12 @@
 #include "signalrelay.h"
 #include "utils.h"
 #include "viewer.h"
+#include "watchdog.h"
 
 #include <QApplication>
 #include <QDir>
 #include <QIcon>
+#include <QLibraryInfo>
 #include <QLocale>
 #include <QProcess>
 #include <QTranslator>
@@ -47,11 +49,17 @@ int run(int argc, char *argv[])
     QApplication::setOrganizationName(QStringLiteral("Vorsane"));
     QApplication::setOrganizationDomain(QStringLiteral("vorsane.com"));
     SignalRelay signalRelay;
+    Watchdog watchdog;
 
     QTranslator translator;
     translator.load(QStringLiteral("browser_") + QLocale::system().name(),
                     QStringLiteral(VORSANE_DATA_DIR "/i18n"));
     QApplication::installTranslator(&translator);
+    // The toolkit's own texts (standard buttons, input dialogs) in the same language.
+    QTranslator toolkitTranslator;
+    toolkitTranslator.load(QLocale::system(), QStringLiteral("qtbase"), QStringLiteral("_"),
+                           QLibraryInfo::location(QLibraryInfo::TranslationsPath));
+    QApplication::installTranslator(&toolkitTranslator);
 
     Logger::init();
     QIcon::setThemeName(Utils::getIconTheme());

@@ -1,5 +1,7 @@
 #include "signalrelay.h"
 
+#include "watchdog.h"
+
 #include <QCoreApplication>
 #include <QDebug>
 #include <QSocketNotifier>
@@ -17,6 +19,7 @@ int s_caught = 0;
 void signal_callback_handler(int signum)
 {
     const int savedErrno = errno;
+    Watchdog::signalArrived(signum);
     const unsigned char byte = static_cast<unsigned char>(signum);
     if (s_pipe[1] >= 0) {
         ssize_t written = ::write(s_pipe[1], &byte, 1);
@@ -73,6 +76,7 @@ void SignalRelay::onActivated()
         const int signum = byte;
         qDebug() << "Caught signal" << signum;
         s_caught = signum;
+        Watchdog::signalTaken();
         // Leaves every running loop, nested waits included; a wait that starts afterwards
         // returns at once.
         QCoreApplication::exit(signum);

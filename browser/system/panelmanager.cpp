@@ -1,6 +1,7 @@
 #include "panelmanager.h"
 
 #include "utils.h"
+#include "watchdog.h"
 
 #include <QDebug>
 #include <QProcess>
@@ -21,6 +22,11 @@ QString desktopName()
     if (name.isEmpty())
         name = QString::fromLocal8Bit(qgetenv("DESKTOP_SESSION"));
     return name.toUpper();
+}
+
+QStringList lxpanelCommand()
+{
+    return {QStringLiteral("lxpanel"), QStringLiteral("--profile"), QStringLiteral("LXDE-pi")};
 }
 } // namespace
 
@@ -48,6 +54,7 @@ void Manager::restore()
     if (!m_hidden)
         return;
     restoreImpl();
+    Watchdog::setGiveBack(QStringLiteral("Desktop panel"), {});
     m_hidden = false;
     qDebug() << "Desktop panel restored.";
 }
@@ -66,13 +73,16 @@ LxdeManager::~LxdeManager()
 bool LxdeManager::hideImpl()
 {
     // pkill answers 0 only when a panel was running, so nothing is restarted that never ran.
-    return Utils::runAndWait(QStringLiteral("pkill"), {QStringLiteral("lxpanel")}) == 0;
+    if (Utils::runAndWait(QStringLiteral("pkill"), {QStringLiteral("lxpanel")}) != 0)
+        return false;
+    Watchdog::setGiveBack(QStringLiteral("Desktop panel"), {lxpanelCommand()});
+    return true;
 }
 
 void LxdeManager::restoreImpl()
 {
-    QProcess::startDetached(QStringLiteral("lxpanel"),
-                            {QStringLiteral("--profile"), QStringLiteral("LXDE-pi")});
+    const QStringList command = lxpanelCommand();
+    QProcess::startDetached(command.first(), command.mid(1));
 }
 
 XfceManager::XfceManager(bool fullscreen, bool passwordSet)
@@ -88,7 +98,10 @@ XfceManager::~XfceManager()
 
 bool XfceManager::hideImpl()
 {
-    return Utils::runAndWait(QStringLiteral("xfce4-panel"), {QStringLiteral("--quit")}) == 0;
+    if (Utils::runAndWait(QStringLiteral("xfce4-panel"), {QStringLiteral("--quit")}) != 0)
+        return false;
+    Watchdog::setGiveBack(QStringLiteral("Desktop panel"), {{QStringLiteral("xfce4-panel")}});
+    return true;
 }
 
 void XfceManager::restoreImpl()

@@ -1,5 +1,7 @@
 #include "systemshortcutmanager.h"
 
+#include "watchdog.h"
+
 #include "utils.h"
 
 #include <QDebug>
@@ -38,6 +40,10 @@ SystemShortcutManager::SystemShortcutManager(bool fullscreen, bool passwordSet)
     runXmodmap({QStringLiteral("-e"), QStringLiteral("keysym Super_L =")});
     runXmodmap({QStringLiteral("-e"), QStringLiteral("keysym Super_R =")});
     qDebug() << "System shortcuts disabled.";
+    Watchdog::setGiveBack(QStringLiteral("System shortcuts"),
+                          {{QStringLiteral("xmodmap"), m_backup},
+                           {QStringLiteral("xmodmap"), QStringLiteral("-e"),
+                            QStringLiteral("add mod4 = Super_L Super_R")}});
 }
 
 SystemShortcutManager::~SystemShortcutManager()
@@ -47,5 +53,6 @@ SystemShortcutManager::~SystemShortcutManager()
     runXmodmap({m_backup});
     runXmodmap({QStringLiteral("-e"), QStringLiteral("add mod4 = Super_L Super_R")});
     QFile::remove(m_backup);
+    Watchdog::setGiveBack(QStringLiteral("System shortcuts"), {});
     qDebug() << "System shortcuts restored.";
 }

@@ -14,6 +14,7 @@
 #include "systemshortcutmanager.h"
 #include "usbauto.h"
 #include "utils.h"
+#include "watchdog.h"
 #include "webpage.h"
 
 #include <QCloseEvent>
@@ -89,6 +90,10 @@ Viewer::Viewer(QWidget *parent)
         m_pointerHider = new QProcess;
         m_pointerHider->start(QStringLiteral("unclutter"),
                               {QStringLiteral("-idle"), QStringLiteral("1")});
+        if (m_pointerHider->waitForStarted(1000))
+            Watchdog::setGiveBack(QStringLiteral("Mouse pointer"),
+                                  {{QStringLiteral("kill"),
+                                    QString::number(m_pointerHider->processId())}});
     }
 
     if (m_settings->get(QStringLiteral("slideshow/usb_auto")).toBool() && displayMode()) {
@@ -106,6 +111,9 @@ Viewer::Viewer(QWidget *parent)
             qDebug() << "Disabling sound on channel:" << channel;
             Utils::runAndWait(QStringLiteral("amixer"),
                               {QStringLiteral("set"), channel, QStringLiteral("mute")});
+            Watchdog::setGiveBack(QStringLiteral("Sound"),
+                                  {{QStringLiteral("amixer"), QStringLiteral("set"), channel,
+                                    QStringLiteral("unmute")}});
         }
     }
 
@@ -135,6 +143,7 @@ Viewer::~Viewer()
             m_pointerHider->kill();
         m_pointerHider->waitForFinished(1000);
         delete m_pointerHider;
+        Watchdog::setGiveBack(QStringLiteral("Mouse pointer"), {});
         qDebug() << "Mouse pointer shown again.";
     }
     // A muted show gives the sound back; unmuting is what a desktop expects anyway.
@@ -143,6 +152,7 @@ Viewer::~Viewer()
             Utils::runAndWait(QStringLiteral("amixer"),
                               {QStringLiteral("set"), channel, QStringLiteral("unmute")});
             qDebug() << "Sound restored on channel:" << channel;
+            Watchdog::setGiveBack(QStringLiteral("Sound"), {});
         }
     }
     delete m_usbAuto;

@@ -7,6 +7,7 @@
 #include "restrictedwebpage.h"
 #include "restrictedwebview.h"
 #include "settings.h"
+#include "watchdog.h"
 #include "sqlitecookiejar.h"
 #include "utils.h"
 
@@ -82,10 +83,14 @@ Browser::Browser(QWidget *parent, const QUrl &remoteControl)
     m_newTabUrl = QUrl(m_settings->get(QStringLiteral("main/new_tab_url")).toString());
     if (m_newTabUrl.isEmpty() || remoteControl.isValid())
         m_newTabUrl = m_home;
+    Watchdog::setWebPage(m_home);
 }
 
 // The pages' jar pointer clears itself with the jar; a newer session's jar is left alone.
-Browser::~Browser() = default;
+Browser::~Browser()
+{
+    Watchdog::leaveWebPage(m_home);
+}
 
 void Browser::setShortcuts()
 {

@@ -3,6 +3,7 @@
 #include "installpaths.h"
 #include "playlistitem.h"
 #include "settings.h"
+#include "watchdog.h"
 #include "sqlitecookiejar.h"
 
 #include <QAction>
@@ -231,6 +232,7 @@ void Webpage::mousePressEvent(QMouseEvent *event)
 
 bool Webpage::stopImpl()
 {
+    Watchdog::leaveWebPage(m_url);
     // The Stop action is only looked up: an unfinished load is left to complete on purpose.
     pageAction(QWebPage::Stop);
     const QWebElementCollection embeds
@@ -242,6 +244,13 @@ bool Webpage::stopImpl()
 
 bool Webpage::startImpl()
 {
+    if (Watchdog::stalledRecently(m_url)) {
+        qWarning().noquote() << QStringLiteral("Showing %1 without scripts: they held the "
+                                               "program the last time.")
+                                    .arg(m_url.toString());
+        m_page.settings()->setAttribute(QWebSettings::JavascriptEnabled, false);
+    }
+    Watchdog::setWebPage(m_url);
     load(m_url);
     return true;
 }

@@ -1,0 +1,204 @@
+#include "watchdog.h"
+
+#include "logger.h"
+
+#include <QDateTime>
+#include <QDebug>
+#include <QDir>
+#include <QFile>
+#include <QMap>
+#include <QProcess>
+#include <QUrl>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstdio>
+#include <mutex>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+// Long enough for any honest page layout on a small board, short enough that a frozen screen
+// is not mistaken for content.
+const qint64 stallLimitMs = 8000;
+// How long a signal that ends the program may wait for the GUI thread.
+const qint64 signalLimitMs = 3000;
+const qint64 scriptsOffSeconds = 24 * 60 * 60;
+
+std::atomic<qint64> s_lastBeat{0};
+std::atomic<int> s_arrivedSignal{0};
+std::atomic<qint64> s_signalSince{0};
+std::atomic<bool> s_signalTaken{false};
+
+std::mutex s_mutex;
+QString s_webPage;
+QMap<QString, QList<QStringList>> s_giveBack;
+
+qint64 nowMs()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+QString stalledFile()
+{
+    return QDir::homePath() + QLatin1String("/.vorsane-kiosk/stalled-pages");
+}
+
+// Keeps the last day's stalls only, so the file stays small over months.
+void recordStall(const QString &page)
+{
+    QFile file(stalledFile());
+    const qint64 now = QDateTime::currentSecsSinceEpoch();
+    QByteArray kept;
+    if (file.open(QIODevice::ReadOnly)) {
+        while (!file.atEnd()) {
+            const QByteArray line = file.readLine(64 * 1024);
+            if (line.left(line.indexOf(' ')).toLongLong() >= now - scriptsOffSeconds)
+                kept += line;
+        }
+        file.close();
+    }
+    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        file.write(kept + QByteArray::number(now) + ' ' + page.toUtf8() + '\n');
+}
+
+// Runs on the watchdog thread while the GUI thread may still be running: nothing here touches
+// the GUI thread's objects, and the process ends without running any destructor.
+[[noreturn]] void endNow(int signum, const QString &why)
+{
+    qWarning().noquote() << why;
+    Logger::logError(why);
+    QMap<QString, QList<QStringList>> giveBack;
+    {
+        std::lock_guard<std::mutex> lock(s_mutex);
+        giveBack = s_giveBack;
+    }
+    for (auto it = giveBack.cbegin(); it != giveBack.cend(); ++it) {
+        for (const QStringList &command : it.value())
+            QProcess::startDetached(command.first(), command.mid(1));
+        qWarning().noquote() << QStringLiteral("%1 given back.").arg(it.key());
+    }
+    std::fflush(nullptr);
+    if (signum == SIGTERM || signum == SIGHUP) {
+        std::signal(signum, SIG_DFL);
+        ::kill(::getpid(), signum);
+    }
+    ::_exit(signum ? signum : Watchdog::StalledExitCode);
+}
+} // namespace
+
+struct Watchdog::Thread
+{
+    std::mutex mutex;
+    std::condition_variable wake;
+    bool stop = false;
+    std::thread thread;
+
+    void run()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        while (!wake.wait_for(lock, std::chrono::milliseconds(250), [this] { return stop; }))
+            check();
+    }
+
+    void check()
+    {
+        const qint64 now = nowMs();
+        const int signum = s_arrivedSignal.load();
+        if (signum && !s_signalTaken.load() && now - s_signalSince.load() > signalLimitMs) {
+            qDebug() << "Caught signal" << signum;
+            endNow(signum, QStringLiteral("The program did not answer signal %1 for %2 s; "
+                                          "ending it at once.")
+                               .arg(signum)
+                               .arg(signalLimitMs / 1000));
+        }
+        QString page;
+        {
+            std::lock_guard<std::mutex> guard(s_mutex);
+            page = s_webPage;
+        }
+        if (!page.isEmpty() && now - s_lastBeat.load() > stallLimitMs) {
+            recordStall(page);
+            endNow(0, QStringLiteral("Web page %1 has held the program for %2 s (a script that "
+                                     "never ends?); ending the program, the page will be shown "
+                                     "without scripts.")
+                          .arg(page)
+                          .arg(stallLimitMs / 1000));
+        }
+    }
+};
+
+Watchdog::Watchdog(QObject *parent)
+    : QObject(parent)
+    , m_thread(std::make_unique<Thread>())
+{
+    s_lastBeat = nowMs();
+    m_heartbeat.setInterval(250);
+    connect(&m_heartbeat, &QTimer::timeout, this, [] { s_lastBeat = nowMs(); });
+    m_heartbeat.start();
+    m_thread->thread = std::thread([this] { m_thread->run(); });
+}
+
+Watchdog::~Watchdog()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_thread->mutex);
+        m_thread->stop = true;
+    }
+    m_thread->wake.notify_all();
+    m_thread->thread.join();
+}
+
+void Watchdog::setWebPage(const QUrl &url)
+{
+    s_lastBeat = nowMs();
+    std::lock_guard<std::mutex> lock(s_mutex);
+    s_webPage = url.toString();
+}
+
+void Watchdog::leaveWebPage(const QUrl &url)
+{
+    std::lock_guard<std::mutex> lock(s_mutex);
+    if (s_webPage == url.toString())
+        s_webPage.clear();
+}
+
+bool Watchdog::stalledRecently(const QUrl &url)
+{
+    QFile file(stalledFile());
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    const QByteArray page = url.toString().toUtf8();
+    const qint64 since = QDateTime::currentSecsSinceEpoch() - scriptsOffSeconds;
+    while (!file.atEnd()) {
+        const QByteArray line = file.readLine(64 * 1024).trimmed();
+        const int blank = line.indexOf(' ');
+        if (blank > 0 && line.mid(blank + 1) == page && line.left(blank).toLongLong() >= since)
+            return true;
+    }
+    return false;
+}
+
+void Watchdog::setGiveBack(const QString &what, const QList<QStringList> &commands)
+{
+    std::lock_guard<std::mutex> lock(s_mutex);
+    if (commands.isEmpty())
+        s_giveBack.remove(what);
+    else
+        s_giveBack.insert(what, commands);
+}
+
+void Watchdog::signalArrived(int signum)
+{
+    if (s_arrivedSignal.exchange(signum) == 0)
+        s_signalSince = nowMs();
+}
+
+void Watchdog::signalTaken()
+{
+    s_signalTaken = true;
+}
