@@ -1,5 +1,5 @@
-// Soak run of the real program: pictures, an animation, PDF pages, a local web page and a text
-// item, advanced by the remote "next" datagram N times. Prints resident memory, open file
+// Soak run of the real program: pictures, an animation, a video, PDF pages, a local web page and
+// a text item, advanced by the remote "next" datagram N times. Prints resident memory, open file
 // descriptors and threads at the start and at the end. Needs an X server (xvfb-run) and the
 // remote-control port, so run it alone or under a private network namespace.
 // Usage: bench_soak [--count N] [--program path/to/vorsane-kiosk]
@@ -19,6 +19,7 @@
 #include <QUdpSocket>
 
 #include <cstdio>
+#include <utility>
 
 namespace {
 
@@ -72,17 +73,22 @@ QByteArray makeContent(const QString &dir)
         picture.save(path);
         items << QStringLiteral("<i uri='file://%1' type='image' time='60'/>").arg(path);
     }
-    const QString gif = dir + QStringLiteral("/animation.gif");
-    QProcess ffmpeg;
-    ffmpeg.start(QStringLiteral("ffmpeg"),
-                 {QStringLiteral("-loglevel"), QStringLiteral("error"), QStringLiteral("-f"),
-                  QStringLiteral("lavfi"), QStringLiteral("-i"),
-                  QStringLiteral("testsrc=size=320x240:rate=10"), QStringLiteral("-frames:v"),
-                  QStringLiteral("10"), gif});
-    if (ffmpeg.waitForFinished(30000) && QFile::exists(gif))
-        items << QStringLiteral("<i uri='file://%1' type='gif' time='60'/>").arg(gif);
-    else
-        std::fprintf(stderr, "ffmpeg missing: no animation in the soak\n");
+    // An animation and a clip long enough that every transition cuts it short.
+    for (const auto &media : {std::make_pair("animation.gif", "gif"),
+                              std::make_pair("clip.mp4", "video")}) {
+        const QString path = dir + QLatin1Char('/') + QLatin1String(media.first);
+        QProcess ffmpeg;
+        ffmpeg.start(QStringLiteral("ffmpeg"),
+                     {QStringLiteral("-loglevel"), QStringLiteral("error"), QStringLiteral("-f"),
+                      QStringLiteral("lavfi"), QStringLiteral("-i"),
+                      QStringLiteral("testsrc=size=640x360:rate=25"), QStringLiteral("-frames:v"),
+                      QStringLiteral("250"), path});
+        if (ffmpeg.waitForFinished(60000) && QFile::exists(path))
+            items << QStringLiteral("<i uri='file://%1' type='%2' time='60'/>")
+                         .arg(path, QLatin1String(media.second));
+        else
+            std::fprintf(stderr, "ffmpeg missing: no %s in the soak\n", media.second);
+    }
 
     const QString pdf = dir + QStringLiteral("/document.pdf");
     {
@@ -197,6 +203,9 @@ int main(int argc, char *argv[])
 
     QElapsedTimer clock;
     clock.start();
+    // The first thousand fill the toolkit's and the decoders' caches; growth after that is what
+    // would add up over months.
+    Usage warm;
     int done = 0;
     while (done < count && kiosk.state() == QProcess::Running) {
         next();
@@ -205,14 +214,22 @@ int main(int argc, char *argv[])
             break;
         }
         ++done;
-        if (done % 1000 == 0)
-            print("", done, usageOf(kiosk.processId()));
+        if (done % 1000 == 0) {
+            const Usage now = usageOf(kiosk.processId());
+            if (done == 1000)
+                warm = now;
+            print("", done, now);
+        }
     }
     const Usage end = usageOf(kiosk.processId());
     print("end", done, end);
     std::printf("%d transitions in %.1f s; RSS %+lld KiB, fds %+d, threads %+d\n", done,
                 clock.elapsed() / 1000.0, static_cast<long long>(end.rssKib - start.rssKib),
                 end.fds - start.fds, end.threads - start.threads);
+    if (warm.rssKib > 0)
+        std::printf("after the first 1000: RSS %+lld KiB, fds %+d, threads %+d\n",
+                    static_cast<long long>(end.rssKib - warm.rssKib), end.fds - warm.fds,
+                    end.threads - warm.threads);
 
     kiosk.terminate();
     if (!kiosk.waitForFinished(10000))
