@@ -328,6 +328,12 @@ QString PlaylistLoop::aliasFor(const QByteArray &path)
                               QCryptographicHash::hash(path, QCryptographicHash::Sha1).toHex())
                           + (suffix.contains(QChar::ReplacementCharacter) ? QString() : suffix);
     QDir().mkpath(folder);
+    // Links to files that are gone would pile up over months of changing USB keys.
+    const QFileInfoList links = QDir(folder).entryInfoList(QDir::System | QDir::NoDotAndDotDot);
+    for (const QFileInfo &link : links) {
+        if (link.isSymLink() && !link.exists())
+            QFile::remove(link.filePath());
+    }
     const QByteArray target = QFile::encodeName(alias);
     ::unlink(target.constData());
     if (::symlink(path.constData(), target.constData()) != 0) {
