@@ -1,10 +1,13 @@
 #include "commandlineparser.h"
+#include "installpaths.h"
 #include "playlistparser.h"
 #include "remoteserver.h"
 #include "settings.h"
 
 #include <QCoreApplication>
 #include <QDebug>
+#include <QLocale>
+#include <QTranslator>
 
 #include <csignal>
 #include <cstring>
@@ -42,6 +45,11 @@ int main(int argc, char *argv[])
 
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("vorsane-remote"));
+    // The page and the answers speak the language of the player's desktop.
+    QTranslator translator;
+    translator.load(QStringLiteral("browser_") + QLocale::system().name(),
+                    QStringLiteral(VORSANE_DATA_DIR "/i18n"));
+    QCoreApplication::installTranslator(&translator);
     CommandLineParser parser(int(kioskArguments.size()) - 1, kioskArguments.data());
     Settings *settings = Settings::load(false, &parser);
 

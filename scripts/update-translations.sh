@@ -16,5 +16,12 @@ if [ ${#files[@]} -eq 0 ]; then
     echo "No translation yet: give a locale name, e.g. $0 fr_FR" >&2
     exit 1
 fi
+# The remote page's "{{text}}" markers are translated by the server under the context
+# "RemotePage"; lupdate reads no HTML, so they are handed to it as C++.
+page_texts=$(mktemp -d)
+trap 'rm -rf "$page_texts"' EXIT
+grep -o '{{[^}]*}}' remoteserver/remote.html | sort -u | sed 's/^{{\(.*\)}}$/\1/; s/\\/\\\\/g; s/"/\\"/g' \
+    | sed 's/.*/QT_TRANSLATE_NOOP("RemotePage", "&")/' >"$page_texts/remotepage.cpp"
 # Without source locations, so that code edits elsewhere do not churn the .ts files.
-lupdate -recursive -locations none -extensions cpp,h common browser remoteserver -ts "${files[@]}"
+lupdate -recursive -locations none -extensions cpp,h common browser remoteserver \
+    "$page_texts/remotepage.cpp" -ts "${files[@]}"

@@ -134,6 +134,125 @@ Veuillez choisir l’option de liste de lecture locale ou connecter le système 
     </message>
 </context>
 <context>
+    <name>RemotePage</name>
+    <message>
+        <source>Choose a file first.</source>
+        <translation>Choisissez d’abord un fichier.</translation>
+    </message>
+    <message>
+        <source>Display</source>
+        <translation>Affichage</translation>
+    </message>
+    <message>
+        <source>Drop pictures, videos, PDFs or documents here</source>
+        <translation>Déposez ici des images, vidéos, PDF ou documents</translation>
+    </message>
+    <message>
+        <source>Files played first</source>
+        <translation>Fichiers joués en premier</translation>
+    </message>
+    <message>
+        <source>Go to an item</source>
+        <translation>Aller à un élément</translation>
+    </message>
+    <message>
+        <source>Local playlist</source>
+        <translation>Liste de lecture locale</translation>
+    </message>
+    <message>
+        <source>Next</source>
+        <translation>Suivant</translation>
+    </message>
+    <message>
+        <source>Pause / resume</source>
+        <translation>Pause / reprise</translation>
+    </message>
+    <message>
+        <source>Playlist saved; the slideshow restarts.</source>
+        <translation>Liste de lecture enregistrée ; le diaporama redémarre.</translation>
+    </message>
+    <message>
+        <source>Remove</source>
+        <translation>Supprimer</translation>
+    </message>
+    <message>
+        <source>Replace with file</source>
+        <translation>Remplacer par un fichier</translation>
+    </message>
+    <message>
+        <source>Restart</source>
+        <translation>Redémarrer</translation>
+    </message>
+    <message>
+        <source>Save playlist</source>
+        <translation>Enregistrer la liste</translation>
+    </message>
+    <message>
+        <source>Screen off</source>
+        <translation>Éteindre l’écran</translation>
+    </message>
+    <message>
+        <source>Screen on</source>
+        <translation>Allumer l’écran</translation>
+    </message>
+    <message>
+        <source>Screen</source>
+        <translation>Écran</translation>
+    </message>
+    <message>
+        <source>Sent.</source>
+        <translation>Envoyé.</translation>
+    </message>
+    <message>
+        <source>Show a text or a web address</source>
+        <translation>Afficher un texte ou une adresse web</translation>
+    </message>
+    <message>
+        <source>Show address</source>
+        <translation>Afficher l’adresse</translation>
+    </message>
+    <message>
+        <source>Show text</source>
+        <translation>Afficher le texte</translation>
+    </message>
+    <message>
+        <source>Show</source>
+        <translation>Afficher</translation>
+    </message>
+    <message>
+        <source>Text</source>
+        <translation>Texte</translation>
+    </message>
+    <message>
+        <source>The current screen</source>
+        <translation>L’écran actuel</translation>
+    </message>
+    <message>
+        <source>The server did not answer.</source>
+        <translation>Le serveur n’a pas répondu.</translation>
+    </message>
+    <message>
+        <source>The slideshow removes the file.</source>
+        <translation>Le diaporama supprime le fichier.</translation>
+    </message>
+    <message>
+        <source>Uploaded:</source>
+        <translation>Envoyé :</translation>
+    </message>
+    <message>
+        <source>Uploading...</source>
+        <translation>Envoi en cours...</translation>
+    </message>
+    <message>
+        <source>Vorsane remote control</source>
+        <translation>Télécommande Vorsane</translation>
+    </message>
+    <message>
+        <source>seconds</source>
+        <translation>secondes</translation>
+    </message>
+</context>
+<context>
     <name>RemoteServer</name>
     <message>
         <source>The request is too large.</source>
