@@ -74,8 +74,8 @@ QByteArray makeContent(const QString &dir)
         items << QStringLiteral("<i uri='file://%1' type='image' time='60'/>").arg(path);
     }
     // An animation and a clip long enough that every transition cuts it short.
-    for (const auto &media : {std::make_pair("animation.gif", "gif"),
-                              std::make_pair("clip.mp4", "video")}) {
+    for (const auto &media :
+         {std::make_pair("animation.gif", "gif"), std::make_pair("clip.mp4", "video")}) {
         const QString path = dir + QLatin1Char('/') + QLatin1String(media.first);
         QProcess ffmpeg;
         ffmpeg.start(QStringLiteral("ffmpeg"),
@@ -149,7 +149,8 @@ int main(int argc, char *argv[])
     QProcess kiosk;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("HOME"), home.path());
-    env.insert(QStringLiteral("PATH"), stubs + QLatin1Char(':') + env.value(QStringLiteral("PATH")));
+    env.insert(QStringLiteral("PATH"),
+               stubs + QLatin1Char(':') + env.value(QStringLiteral("PATH")));
     env.insert(QStringLiteral("XDG_CURRENT_DESKTOP"), QStringLiteral("none"));
     kiosk.setProcessEnvironment(env);
     kiosk.setWorkingDirectory(home.path());

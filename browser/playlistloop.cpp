@@ -198,8 +198,8 @@ void PlaylistLoop::fromString(const QString &text)
             else if (info.exists())
                 items.append(makeItem(target, PlaylistItem::Guess, duration));
             else if (const QString alias = aliasForEncoded(url); !alias.isEmpty())
-                items.append(makeItem(QLatin1String("file://") + alias, PlaylistItem::Guess,
-                                      duration));
+                items.append(
+                    makeItem(QLatin1String("file://") + alias, PlaylistItem::Guess, duration));
         } else if (scheme == QLatin1String("smb")) {
             urlSeen = true;
             addSmbShare(url, duration);
@@ -323,10 +323,10 @@ QString PlaylistLoop::aliasFor(const QByteArray &path)
     const int dot = name.lastIndexOf('.');
     const QString suffix = dot > 0 ? QString::fromLatin1(name.mid(dot)) : QString();
     const QString folder = homePath() + QLatin1String("/.vorsane-kiosk/aliases");
-    const QString alias = folder + QLatin1Char('/')
-                          + QString::fromLatin1(
-                              QCryptographicHash::hash(path, QCryptographicHash::Sha1).toHex())
-                          + (suffix.contains(QChar::ReplacementCharacter) ? QString() : suffix);
+    const QString alias
+        = folder + QLatin1Char('/')
+          + QString::fromLatin1(QCryptographicHash::hash(path, QCryptographicHash::Sha1).toHex())
+          + (suffix.contains(QChar::ReplacementCharacter) ? QString() : suffix);
     QDir().mkpath(folder);
     // Links to files that are gone would pile up over months of changing USB keys.
     const QFileInfoList links = QDir(folder).entryInfoList(QDir::System | QDir::NoDotAndDotDot);

@@ -91,9 +91,9 @@ Viewer::Viewer(QWidget *parent)
         m_pointerHider->start(QStringLiteral("unclutter"),
                               {QStringLiteral("-idle"), QStringLiteral("1")});
         if (m_pointerHider->waitForStarted(1000))
-            Watchdog::setGiveBack(QStringLiteral("Mouse pointer"),
-                                  {{QStringLiteral("kill"),
-                                    QString::number(m_pointerHider->processId())}});
+            Watchdog::setGiveBack(
+                QStringLiteral("Mouse pointer"),
+                {{QStringLiteral("kill"), QString::number(m_pointerHider->processId())}});
     }
 
     if (m_settings->get(QStringLiteral("slideshow/usb_auto")).toBool() && displayMode()) {

@@ -2,6 +2,7 @@
 
 #include "customqwebpage.h"
 #include "logger.h"
+#include "playlistparser.h"
 #include "restricteddownload.h"
 #include "settings.h"
 #include "urlpatternmatcher.h"
@@ -59,6 +60,19 @@ void RestrictedWebPage::setupRegexList()
     QFile file(m_settings->whileListFilename());
     const QFileInfo info(file);
     m_settings->get(QStringLiteral("main/list_use_regex"));
+    // Opening a FIFO would wait for a writer; a huge file would take minutes to compile. Either
+    // way the browser goes on with the patterns it had.
+    const bool irregular = info.exists() && !info.isFile();
+    if (irregular || info.size() > PlaylistParser::MaxDocumentBytes) {
+        qWarning().noquote() << QStringLiteral("Restriction file %1 rejected: %2.")
+                                    .arg(file.fileName(),
+                                         irregular
+                                             ? QStringLiteral("not a regular file")
+                                             : QStringLiteral("larger than %1 MB")
+                                                   .arg(PlaylistParser::MaxDocumentBytes >> 20));
+        m_patterns = loaded.matcher ? loaded.matcher : std::make_shared<const UrlPatternMatcher>();
+        return;
+    }
     if (!file.open(QIODevice::ReadOnly)) {
         m_patterns = std::make_shared<const UrlPatternMatcher>();
         return;

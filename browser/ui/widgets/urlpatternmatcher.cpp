@@ -239,8 +239,8 @@ bool UrlPatternMatcher::contains(const QString &text) const
     return fallbackContains(text);
 }
 
-std::shared_ptr<const UrlPatternMatcher>
-UrlPatternMatcher::fromRestrictionFile(QIODevice &file, const QString &name)
+std::shared_ptr<const UrlPatternMatcher> UrlPatternMatcher::fromRestrictionFile(QIODevice &file,
+                                                                                const QString &name)
 {
     auto matcher = std::make_shared<UrlPatternMatcher>();
     int lineNumber = 0;
