@@ -70,7 +70,9 @@ void RestrictedWebPage::setupRegexList()
                                              ? QStringLiteral("not a regular file")
                                              : QStringLiteral("larger than %1 MB")
                                                    .arg(PlaylistParser::MaxDocumentBytes >> 20));
-        m_patterns = loaded.matcher ? loaded.matcher : std::make_shared<const UrlPatternMatcher>();
+        m_patterns = loaded.matcher && loaded.path == info.absoluteFilePath()
+                         ? loaded.matcher
+                         : std::make_shared<const UrlPatternMatcher>();
         return;
     }
     if (!file.open(QIODevice::ReadOnly)) {
