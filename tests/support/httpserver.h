@@ -16,7 +16,7 @@ namespace testsupport {
 
 // A small HTTP/1.1 server on 127.0.0.1 with a free port. Routes are set per path (the query
 // is ignored for matching); every request is recorded. Connections are kept alive, except after
-// a broken answer (CutBody, LongerLength), which closes them.
+// a broken answer (CutBody, a cut Chunked body), which closes them.
 class HttpServer : public QObject
 {
     Q_OBJECT
@@ -26,11 +26,9 @@ public:
         Normal,
         // Read the request and never answer.
         Stall,
-        // Announce the full length, send part of the body (cutAfter bytes, default half), close.
+        // Announce the full length, send half the body, close. (An error status needs no
+        // behaviour: set Route::status.)
         CutBody,
-        // Announce more bytes than the body has (extraLength), send the body, close.
-        // (An error status needs no behaviour: set Route::status.)
-        LongerLength,
         // Send the body with Transfer-Encoding: chunked and no length; with cutAfter set, only
         // that many bytes and no final chunk, then close.
         Chunked,
@@ -43,10 +41,7 @@ public:
         // Sent in this order after the status line; Content-Length is added unless given.
         QList<QPair<QByteArray, QByteArray>> headers{};
         Behaviour behaviour = Behaviour::Normal;
-        // Answer "Range: bytes=" requests with 206 and the slice asked for.
-        bool acceptRanges = false;
         int cutAfter = -1;
-        int extraLength = 100;
     };
 
     struct Request
@@ -73,24 +68,13 @@ public:
     // A plain answer: body, status and extra headers.
     void setRoute(const QString &path, const QByteArray &body, int status = 200,
                   const QList<QPair<QByteArray, QByteArray>> &headers = {});
-    void removeRoute(const QString &path);
-    // Route changes between requests; the path must have a route already.
-    void setBody(const QString &path, const QByteArray &body);
-    void setStatus(const QString &path, int status);
+    // A route change between requests; the path must have a route already.
     void setBehaviour(const QString &path, Behaviour behaviour);
-    // Replaces a header of that name, or adds it.
-    void setHeader(const QString &path, const QByteArray &name, const QByteArray &value);
-    void removeHeader(const QString &path, const QByteArray &name);
-    Route route(const QString &path) const { return m_routes.value(path); }
 
-    QList<Request> requests() const { return m_requests; }
-    QList<Request> requests(const QString &path) const;
     Request lastRequest(const QString &path) const;
     // An empty method counts every method.
     int requestCount(const QByteArray &method, const QString &path) const;
     int requestCount(const QString &path) const { return requestCount(QByteArray(), path); }
-    int totalRequests() const { return m_requests.size(); }
-    void clearRequests() { m_requests.clear(); }
 
     // Connections held open by Stall routes.
     int stalledConnections() const;

@@ -2,6 +2,7 @@
 
 #include "commandlineparser.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -96,6 +97,14 @@ void FakePrograms::add(const QString &name, const QByteArray &output, int exitCo
     }
     body += "exit " + QByteArray::number(exitCode);
     addScript(name, body);
+}
+
+void FakePrograms::addDesktopCommands()
+{
+    for (const char *name :
+         {"launchdock", "amixer", "unclutter", "pkill", "xmodmap", "xset", "gksu",
+          "xscreensaver-command", "sudo", "chvt", "unzip", "pgrep", "vorsane-remote"})
+        add(QString::fromLatin1(name));
 }
 
 void FakePrograms::addHanging(const QString &name)
@@ -200,16 +209,6 @@ static bool runFfmpeg(const QStringList &arguments)
            && ffmpeg.exitCode() == 0;
 }
 
-bool makeVideo(const QString &path, int seconds, const QSize &size)
-{
-    return runFfmpeg({QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"),
-                      QStringLiteral("testsrc=duration=%1:size=%2x%3:rate=10")
-                          .arg(seconds)
-                          .arg(size.width())
-                          .arg(size.height()),
-                      QStringLiteral("-pix_fmt"), QStringLiteral("yuv420p"), path});
-}
-
 bool makeGif(const QString &path, int frames, const QSize &size)
 {
     return runFfmpeg(
@@ -233,6 +232,29 @@ QByteArray readFile(const QString &path)
     if (!file.open(QIODevice::ReadOnly))
         return QByteArray();
     return file.readAll();
+}
+
+QByteArray xmlItem(const QString &uri, const QString &type, int seconds)
+{
+    const QString time = seconds < 0 ? QString() : QStringLiteral(" time=\"%1\"").arg(seconds);
+    return QStringLiteral("<item uri=\"%1\" type=\"%2\"%3/>\n")
+        .arg(uri.toHtmlEscaped(), type, time)
+        .toUtf8();
+}
+
+QByteArray xmlLoop(const QString &attributes, const QByteArray &items)
+{
+    return "<loop " + attributes.toUtf8() + ">\n" + items + "</loop>\n";
+}
+
+QByteArray schedule(const QByteArray &loops)
+{
+    return "<?xml version=\"1.0\"?>\n<schedule name=\"test\">\n" + loops + "</schedule>\n";
+}
+
+QString clockIn(qint64 seconds)
+{
+    return QDateTime::currentDateTime().addSecs(seconds).toString(QStringLiteral("hh:mm"));
 }
 
 std::unique_ptr<CommandLineParser> makeParser(const QStringList &arguments)

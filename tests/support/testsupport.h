@@ -43,6 +43,8 @@ public:
     void addHanging(const QString &name);
     // A stand-in with a shell body of its own; it still records its arguments.
     void addScript(const QString &name, const QByteArray &body);
+    // The desktop commands the program runs on its own, all succeeding silently.
+    void addDesktopCommands();
 
     // Every call's argument list, in order.
     QList<QStringList> calls(const QString &name) const;
@@ -73,10 +75,16 @@ bool makeImage(const QString &path, const QSize &size, const QColor &color,
                const char *format = nullptr);
 bool makePdf(const QString &path, int pages);
 // Generated with ffmpeg; false when ffmpeg is missing or fails.
-bool makeVideo(const QString &path, int seconds, const QSize &size = QSize(64, 48));
 bool makeGif(const QString &path, int frames, const QSize &size = QSize(32, 32));
 bool writeFile(const QString &path, const QByteArray &content);
 QByteArray readFile(const QString &path);
+
+// Schedule documents as content servers write them; seconds below 0 leave the time out.
+QByteArray xmlItem(const QString &uri, const QString &type, int seconds = 60);
+QByteArray xmlLoop(const QString &attributes, const QByteArray &items);
+QByteArray schedule(const QByteArray &loops);
+// The local time that many seconds from now, as schedules write it ("hh:mm").
+QString clockIn(qint64 seconds);
 
 // A command line parsed as the program would parse it; the program name comes first by itself.
 std::unique_ptr<CommandLineParser> makeParser(const QStringList &arguments);
