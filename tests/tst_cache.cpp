@@ -126,36 +126,39 @@ void TestCache::item_data()
     const QByteArray bigger = body(4500, 'b');
     const auto normal = Behaviour::Normal;
     // A first GET only serves the size check; the body comes with the second.
-    QTest::newRow("fresh download") << "/a.jpg" << none << none << fresh << monday << 200
-                                    << normal << true << 2 << 0 << fresh;
+    QTest::newRow("fresh download")
+        << "/a.jpg" << none << none << fresh << monday << 200 << normal << true << 2 << 0 << fresh;
     QTest::newRow("unchanged copy revalidated") << "/a.jpg" << old << monday + ":3000" << old
                                                 << monday << 200 << normal << true << 0 << 1 << old;
-    QTest::newRow("copy trusted without asking") << "/a.jpg" << old << monday + ":3000" << fresh
-                                                 << tuesday << 200 << normal << false << 0 << 0
-                                                 << old;
-    QTest::newRow("changed length fetched again") << "/a.jpg" << old << monday + ":3000" << bigger
-                                                  << monday << 200 << normal << true << 2 << 1
-                                                  << bigger;
+    QTest::newRow("copy trusted without asking")
+        << "/a.jpg" << old << monday + ":3000" << fresh << tuesday << 200 << normal << false << 0
+        << 0 << old;
+    QTest::newRow("changed length fetched again")
+        << "/a.jpg" << old << monday + ":3000" << bigger << monday << 200 << normal << true << 2
+        << 1 << bigger;
     QTest::newRow("same length, new date fetched again")
         << "/a.jpg" << old << monday + ":3000" << fresh << tuesday << 200 << normal << true << 2
         << 1 << fresh;
-    QTest::newRow("copy cut short fetched again") << "/a.jpg" << old.left(600) << monday + ":3000"
-                                                  << fresh << monday << 200 << normal << false
-                                                  << 2 << 0 << fresh;
-    QTest::newRow("zip fetched on every walk") << "/update.zip" << old << monday + ":3000" << fresh
-                                               << monday << 200 << normal << false << 2 << 0
-                                               << fresh;
-    QTest::newRow("revalidation error trusts the copy") << "/a.jpg" << old << monday + ":3000"
-                                                        << none << monday << 500 << normal << true
-                                                        << 0 << 1 << old;
+    QTest::newRow("copy cut short fetched again")
+        << "/a.jpg" << old.left(600) << monday + ":3000" << fresh << monday << 200 << normal
+        << false << 2 << 0 << fresh;
+    QTest::newRow("zip fetched on every walk")
+        << "/update.zip" << old << monday + ":3000" << fresh << monday << 200 << normal << false
+        << 2 << 0 << fresh;
+    QTest::newRow("revalidation error trusts the copy")
+        << "/a.jpg" << old << monday + ":3000" << none << monday << 500 << normal << true << 0 << 1
+        << old;
     QTest::newRow("stalled revalidation trusts the copy")
-        << "/a.jpg" << old << monday + ":3000" << fresh << monday << 200 << Behaviour::Stall
-        << true << 0 << 1 << old;
-    QTest::newRow("body cut short is not stored") << "/a.jpg" << none << none << fresh << monday
-                                                  << 200 << Behaviour::CutBody << true << 2 << 0
-                                                  << none;
-    QTest::newRow("not found is not stored") << "/a.jpg" << none << none << fresh << monday << 404
-                                             << normal << true << 2 << 0 << none;
+        << "/a.jpg" << old << monday + ":3000" << fresh << monday << 200 << Behaviour::Stall << true
+        << 0 << 1 << old;
+    QTest::newRow("body cut short is not stored")
+        << "/a.jpg" << none << none << fresh << monday << 200 << Behaviour::CutBody << true << 2
+        << 0 << none;
+    QTest::newRow("chunked body tagged by its stored size")
+        << "/a.jpg" << none << none << fresh << monday << 200 << Behaviour::Chunked << true << 2
+        << 0 << fresh;
+    QTest::newRow("not found is not stored")
+        << "/a.jpg" << none << none << fresh << monday << 404 << normal << true << 2 << 0 << none;
 }
 
 void TestCache::item()

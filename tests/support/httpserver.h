@@ -30,7 +30,7 @@ public:
         // behaviour: set Route::status.)
         CutBody,
         // Send the body with Transfer-Encoding: chunked and no length; with cutAfter set, only
-        // that many bytes and no final chunk, then close.
+        // that many bytes and no final chunk, then close. HEAD is answered with the length.
         Chunked,
     };
 
@@ -48,11 +48,8 @@ public:
     {
         QByteArray method;
         QString path;
-        // Path and query as sent.
-        QByteArray target;
         // Header names lower-cased.
         QMap<QByteArray, QByteArray> headers;
-        QByteArray body;
 
         QByteArray header(const QByteArray &name) const { return headers.value(name.toLower()); }
     };
@@ -60,16 +57,20 @@ public:
     explicit HttpServer(QObject *parent = nullptr);
     ~HttpServer() override;
 
-    bool isListening() const { return m_server.isListening(); }
-    quint16 port() const { return m_server.serverPort(); }
     QUrl url(const QString &path) const;
 
-    void setRoute(const QString &path, const Route &route);
+    void setRoute(const QString &path, const Route &route) { m_routes.insert(path, route); }
     // A plain answer: body, status and extra headers.
     void setRoute(const QString &path, const QByteArray &body, int status = 200,
-                  const QList<QPair<QByteArray, QByteArray>> &headers = {});
+                  const QList<QPair<QByteArray, QByteArray>> &headers = {})
+    {
+        m_routes.insert(path, Route{body, status, headers});
+    }
     // A route change between requests; the path must have a route already.
-    void setBehaviour(const QString &path, Behaviour behaviour);
+    void setBehaviour(const QString &path, Behaviour behaviour)
+    {
+        m_routes[path].behaviour = behaviour;
+    }
 
     Request lastRequest(const QString &path) const;
     // An empty method counts every method.
@@ -77,19 +78,17 @@ public:
     int requestCount(const QString &path) const { return requestCount(QByteArray(), path); }
 
     // Connections held open by Stall routes.
-    int stalledConnections() const;
+    int stalledConnections() const { return m_stalled.size(); }
     void closeStalledConnections();
 
 Q_SIGNALS:
     void requestReceived(const QByteArray &method, const QString &path);
 
 private:
-    void onNewConnection();
     void onReadyRead(QTcpSocket *socket);
+    // Takes one whole request off the front of the buffer.
     bool parseRequest(QByteArray &buffer, Request &request);
     void answer(QTcpSocket *socket, const Request &request);
-    void send(QTcpSocket *socket, int status, const QList<QPair<QByteArray, QByteArray>> &headers,
-              const QByteArray &body, qint64 contentLength, bool withBody);
 
     QTcpServer m_server;
     QMap<QString, Route> m_routes;
