@@ -460,7 +460,7 @@ void TestDispatcher::contentEndingAtOnceRests()
     launch(schedule(xmlLoop("id=\"0\"", item)), prefs);
     // Tried once more, then the placeholder for its ten seconds instead of a restart per end.
     QTRY_COMPARE_WITH_TIMEOUT(shown(), QStringLiteral("nothing"), 5000);
-    const int runs = m_show->fakes.calls(program).size();
+    const int runs = m_show->fakes.callLines(program).size();
     QVERIFY2(runs <= 2, qPrintable(QString::number(runs)));
 }
 void TestDispatcher::contentEnds_data()
@@ -488,7 +488,7 @@ void TestDispatcher::contentEnds()
 
     const QString path = m_show->home.filePath("item." + type);
     if (type == "pdf")
-        QVERIFY(makePdf(path, 2));
+        QVERIFY(makePdf(path, {Qt::red, Qt::green}));
     else
         QVERIFY(makeImage(path, QSize(64, 48), Qt::yellow, "PNG"));
     QElapsedTimer clock;

@@ -2,33 +2,12 @@
 #include "testsupport.h"
 
 #include <QElapsedTimer>
-#include <QImage>
-#include <QPageSize>
-#include <QPainter>
-#include <QPdfWriter>
 #include <QtTest>
 
 using namespace testsupport;
 
 namespace {
 const char screenshot[] = "/tmp/screen.png";
-
-// One solid page per colour, small enough to be scaled up to the screen.
-bool makeColourPdf(const QString &path, const QList<QColor> &pages)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QPdfWriter writer(path);
-    writer.setResolution(72);
-    writer.setPageSize(QPageSize(QSizeF(300, 200), QPageSize::Point));
-    writer.setPageMargins(QMarginsF(0, 0, 0, 0));
-    QPainter painter(&writer);
-    for (int page = 0; page < pages.size(); ++page) {
-        if (page > 0)
-            writer.newPage();
-        painter.fillRect(QRect(0, 0, writer.width(), writer.height()), pages.at(page));
-    }
-    return painter.end();
-}
 
 // Scaling shifts a colour a little.
 bool sameColour(const QColor &a, const QColor &b)
@@ -81,7 +60,7 @@ void TestEndToEnd::scheduledMixedMedia()
     KioskProcess kiosk;
     const QString pdf = kiosk.home().filePath("media/pages.pdf");
     const QString html = kiosk.home().filePath("media/page.html");
-    QVERIFY(makeColourPdf(pdf, {Qt::red, Qt::green}));
+    QVERIFY(makePdf(pdf, {Qt::red, Qt::green}));
     QVERIFY(writeFile(html, "<html><body style=\"background:#ff00ff\"></body></html>\n"));
     // The player runs until it is killed: only the item's duration ends the video.
     kiosk.fakes().addHanging("omxplayer");

@@ -207,7 +207,7 @@ void TestKiosk::downloadIsOpenedAndEndsWithSession()
     QTRY_VERIFY(text(browser()).contains("WELCOME"));
     view(browser())->load(m_server->url("/report"));
     const QString folder = QStringLiteral("/tmp/sitedeck-%1").arg(::getuid());
-    QTRY_COMPARE(m_show->fakes.calls("xdg-open"), QList<QStringList>{{folder + "/my report.txt"}});
+    QTRY_COMPARE(m_show->fakes.callLines("xdg-open"), QStringList{folder + "/my report.txt"});
     QCOMPARE(readFile(folder + "/my report.txt"), QByteArray("REPORT-BODY"));
     QTRY_VERIFY(!readFile(pidFile).isEmpty());
     const pid_t viewerPid = readFile(pidFile).trimmed().toInt();

@@ -46,9 +46,7 @@ public:
     // The desktop commands the program runs on its own, all succeeding silently.
     void addDesktopCommands();
 
-    // Every call's argument list, in order.
-    QList<QStringList> calls(const QString &name) const;
-    // Every call as one line, arguments joined by blanks.
+    // Every call with arguments as one line, arguments joined by blanks, in order.
     QStringList callLines(const QString &name) const;
     QString dir() const { return m_dir.path(); }
 
@@ -73,7 +71,8 @@ public:
 // Media files made on the spot.
 bool makeImage(const QString &path, const QSize &size, const QColor &color,
                const char *format = nullptr);
-bool makePdf(const QString &path, int pages);
+// One solid page per colour, small enough to be scaled up to the screen.
+bool makePdf(const QString &path, const QList<QColor> &pages);
 // Generated with ffmpeg; false when ffmpeg is missing or fails.
 bool makeGif(const QString &path, int frames, const QSize &size = QSize(32, 32));
 bool writeFile(const QString &path, const QByteArray &content);
@@ -86,9 +85,7 @@ QByteArray schedule(const QByteArray &loops);
 // The local time that many seconds from now, as schedules write it ("hh:mm").
 QString clockIn(qint64 seconds);
 
-// A command line parsed as the program would parse it; the program name comes first by itself.
-std::unique_ptr<CommandLineParser> makeParser(const QStringList &arguments);
-// The usual one: every configuration file under a base path.
+// The program's command line with every configuration file under a base path.
 std::unique_ptr<CommandLineParser> makeParser(const QString &basePath);
 
 // A port on 127.0.0.1 where nothing listens.
