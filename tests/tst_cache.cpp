@@ -1,7 +1,9 @@
 #include "cleanser.h"
 #include "commandlineparser.h"
+#include "downloader.h"
 #include "httpserver.h"
 #include "itemdownloader.h"
+#include "playlistparser.h"
 #include "settings.h"
 #include "testsupport.h"
 #include "utils.h"
@@ -51,6 +53,7 @@ private Q_SLOTS:
     void item();
     void hopelessRequestKeepsTheCache();
     void cleanRemovesWhatCannotBeTrusted();
+    void namedEntriesSurviveCleanUp();
 
 private:
     QString dataPath(const QString &name) const { return m_cache + "/data/" + name; }
@@ -239,6 +242,32 @@ void TestCache::cleanRemovesWhatCannotBeTrusted()
     m_settings->set("slideshow/clean_after", false);
     QVERIFY(!QFile::exists(dataPath("complete-old")));
     QVERIFY(QFile::exists(dataPath("complete-young")));
+}
+
+void TestCache::namedEntriesSurviveCleanUp()
+{
+    HttpServer server;
+    server.setRoute("/named.png", QByteArray(100, 'n'), 200, {{"Last-Modified", "Wed"}});
+    const QString named = Downloader::cacheName(server.url("/named.png").toString());
+    QVERIFY(writeFile(PlaylistParser::offlineCopyPath(),
+                      "<schedule><loop><i uri='" + server.url("/named.png").toEncoded()
+                          + "' type='image'/></loop></schedule>"));
+    store(named, QByteArray(100, 'n'), "Wed:100");
+    store(Downloader::cacheName("http://127.0.0.1:1/gone.png"), QByteArray(100, 'n'), "Wed:100");
+
+    // However old, what the playlist names stays.
+    m_settings->set("slideshow/clean_after", true);
+    Cleanser(m_settings).check();
+    m_settings->set("slideshow/clean_after", false);
+    QCOMPARE(QDir(m_cache + "/data").entryList(QDir::Files), QStringList{named});
+
+    // A copy the server vouches for counts as fresh again.
+    ItemDownloader item(server.url("/named.png").toString(), dataPath(named), tagPath(named), true);
+    QSignalSpy finished(&item, &ItemDownloader::finished);
+    item.start();
+    QCOMPARE(finished.count(), 1);
+    QCOMPARE(server.requestCount("GET", "/named.png"), 0);
+    QVERIFY(QFileInfo(tagPath(named)).lastModified() > QDateTime::currentDateTime().addSecs(-60));
 }
 
 QTEST_GUILESS_MAIN(TestCache)

@@ -1,6 +1,5 @@
 // Faults of the content server, the disk and the process while the cache is filled: the show
 // goes on and the cache only ever holds complete files.
-#include "cleanser.h"
 #include "downloader.h"
 #include "httpserver.h"
 #include "itemdownloader.h"
@@ -34,7 +33,6 @@ private Q_SLOTS:
     void fullDisk();
     void fetchedPlaylistMustBeAPlaylist_data();
     void fetchedPlaylistMustBeAPlaylist();
-    void namedEntriesSurviveCleanUp();
     void signalMidDownloadThenRestart();
     void stalledServerAtStartUp();
 
@@ -200,41 +198,6 @@ void TestCacheFaults::fetchedPlaylistMustBeAPlaylist()
     // A walk over the kept copy leaves it in place for the next start.
     QCOMPARE(walk(loop, true, parser->playsOfflineCopy()), 1);
     QCOMPARE(readFile(PlaylistParser::offlineCopyPath()), replaces ? QByteArray() : old);
-}
-
-void TestCacheFaults::namedEntriesSurviveCleanUp()
-{
-    Settings::load(false, nullptr)->set(QStringLiteral("slideshow/clean_after"), true);
-    const QString named = m_server->url("/named.png").toString();
-    const QString gone = QStringLiteral("http://127.0.0.1:1/gone.png");
-    QVERIFY(writeFile(PlaylistParser::offlineCopyPath(), "<schedule><loop><i uri='" + named.toUtf8()
-                                                             + "' type='image'/></loop>"
-                                                               "</schedule>"));
-    m_server->setRoute("/named.png", QByteArray(100, 'n'), 200, {{"Last-Modified", "Wed"}});
-    const QDateTime old = QDateTime::currentDateTime().addDays(-3);
-    for (const QString &url : {named, gone}) {
-        for (const char *folder : {"/data/", "/etag/"}) {
-            const QString path = m_home->stateDir() + folder + Downloader::cacheName(url);
-            QVERIFY(writeFile(path, folder[1] == 'd' ? QByteArray(100, 'n') : "Wed:100"));
-            QFile file(path);
-            QVERIFY(file.open(QIODevice::ReadWrite));
-            QVERIFY(file.setFileTime(old, QFileDevice::FileModificationTime));
-        }
-    }
-
-    // The server is out of reach: what the playlist names stays, however old.
-    Cleanser(Settings::load(false, nullptr)).check();
-    QVERIFY(QFile::exists(dataPath(named)));
-    QVERIFY(!QFile::exists(dataPath(gone)));
-
-    // A copy the server vouches for counts as fresh again.
-    const QString tag = m_home->stateDir() + "/etag/" + Downloader::cacheName(named);
-    ItemDownloader item(named, dataPath(named), tag, true);
-    QSignalSpy finished(&item, &ItemDownloader::finished);
-    item.start();
-    QCOMPARE(finished.count(), 1);
-    QCOMPARE(m_server->requestCount("GET", "/named.png"), 0);
-    QVERIFY(QFileInfo(tag).lastModified() > QDateTime::currentDateTime().addSecs(-60));
 }
 
 void TestCacheFaults::signalMidDownloadThenRestart()

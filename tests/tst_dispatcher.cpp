@@ -382,34 +382,28 @@ void TestDispatcher::goToFile()
 
 void TestDispatcher::brokenContentNeverStalls_data()
 {
-    QTest::addColumn<QByteArray>("playlist");
+    QTest::addColumn<QStringList>("pictures");
     QTest::addColumn<QString>("rest");
 
-    // Pictures named here live in HOME/pics; "rest" is what the show settles on, if anything.
-    QTest::newRow("missing picture") << QByteArray("xml:missing.png") << "nothing";
+    // Pictures in HOME/pics, none for an empty file; "rest" is what the show settles on, if
+    // anything.
+    QTest::newRow("missing picture") << QStringList{"missing.png"} << "nothing";
     QTest::newRow("missing and unreadable beside a good one")
-        << QByteArray("xml:missing.png,garbage.png,green.png") << QString();
-    QTest::newRow("empty file") << QByteArray("raw:") << "usb-warning";
+        << QStringList{"missing.png", "garbage.png", "green.png"} << QString();
+    QTest::newRow("empty file") << QStringList() << "usb-warning";
 }
 
 void TestDispatcher::brokenContentNeverStalls()
 {
-    QFETCH(QByteArray, playlist);
+    QFETCH(QStringList, pictures);
     QFETCH(QString, rest);
 
     pictureUrl("green");
     QVERIFY(writeFile(m_show->home.filePath("pics/garbage.png"), "not a picture at all"));
-    const QByteArray dir = m_show->home.filePath("pics/").toUtf8();
-    QByteArray text;
-    if (playlist.startsWith("xml:")) {
-        QByteArray items;
-        for (const QByteArray &name : playlist.mid(4).split(','))
-            items += xmlItem(QString::fromUtf8("file://" + dir + name), "image", 1);
-        text = schedule(xmlLoop("id=\"0\"", items));
-    } else {
-        text = playlist.mid(4);
-    }
-    launch(text);
+    QByteArray items;
+    for (const QString &name : pictures)
+        items += xmlItem("file://" + m_show->home.filePath("pics/" + name), "image", 1);
+    launch(pictures.isEmpty() ? QByteArray() : schedule(xmlLoop("id=\"0\"", items)));
 
     if (rest.isEmpty()) {
         // Broken items are passed over to the good one.
