@@ -1,7 +1,9 @@
 #include "cleanser.h"
 #include "commandlineparser.h"
+#include "downloader.h"
 #include "httpserver.h"
 #include "itemdownloader.h"
+#include "playlistparser.h"
 #include "settings.h"
 #include "testsupport.h"
 #include "utils.h"
@@ -51,6 +53,7 @@ private Q_SLOTS:
     void item();
     void hopelessRequestKeepsTheCache();
     void cleanRemovesWhatCannotBeTrusted();
+    void namedEntriesSurviveCleanUp();
 
 private:
     QString dataPath(const QString &name) const { return m_cache + "/data/" + name; }
@@ -126,36 +129,39 @@ void TestCache::item_data()
     const QByteArray bigger = body(4500, 'b');
     const auto normal = Behaviour::Normal;
     // A first GET only serves the size check; the body comes with the second.
-    QTest::newRow("fresh download") << "/a.jpg" << none << none << fresh << monday << 200
-                                    << normal << true << 2 << 0 << fresh;
+    QTest::newRow("fresh download")
+        << "/a.jpg" << none << none << fresh << monday << 200 << normal << true << 2 << 0 << fresh;
     QTest::newRow("unchanged copy revalidated") << "/a.jpg" << old << monday + ":3000" << old
                                                 << monday << 200 << normal << true << 0 << 1 << old;
-    QTest::newRow("copy trusted without asking") << "/a.jpg" << old << monday + ":3000" << fresh
-                                                 << tuesday << 200 << normal << false << 0 << 0
-                                                 << old;
-    QTest::newRow("changed length fetched again") << "/a.jpg" << old << monday + ":3000" << bigger
-                                                  << monday << 200 << normal << true << 2 << 1
-                                                  << bigger;
+    QTest::newRow("copy trusted without asking")
+        << "/a.jpg" << old << monday + ":3000" << fresh << tuesday << 200 << normal << false << 0
+        << 0 << old;
+    QTest::newRow("changed length fetched again")
+        << "/a.jpg" << old << monday + ":3000" << bigger << monday << 200 << normal << true << 2
+        << 1 << bigger;
     QTest::newRow("same length, new date fetched again")
         << "/a.jpg" << old << monday + ":3000" << fresh << tuesday << 200 << normal << true << 2
         << 1 << fresh;
-    QTest::newRow("copy cut short fetched again") << "/a.jpg" << old.left(600) << monday + ":3000"
-                                                  << fresh << monday << 200 << normal << false
-                                                  << 2 << 0 << fresh;
-    QTest::newRow("zip fetched on every walk") << "/update.zip" << old << monday + ":3000" << fresh
-                                               << monday << 200 << normal << false << 2 << 0
-                                               << fresh;
-    QTest::newRow("revalidation error trusts the copy") << "/a.jpg" << old << monday + ":3000"
-                                                        << none << monday << 500 << normal << true
-                                                        << 0 << 1 << old;
+    QTest::newRow("copy cut short fetched again")
+        << "/a.jpg" << old.left(600) << monday + ":3000" << fresh << monday << 200 << normal
+        << false << 2 << 0 << fresh;
+    QTest::newRow("zip fetched on every walk")
+        << "/update.zip" << old << monday + ":3000" << fresh << monday << 200 << normal << false
+        << 2 << 0 << fresh;
+    QTest::newRow("revalidation error trusts the copy")
+        << "/a.jpg" << old << monday + ":3000" << none << monday << 500 << normal << true << 0 << 1
+        << old;
     QTest::newRow("stalled revalidation trusts the copy")
-        << "/a.jpg" << old << monday + ":3000" << fresh << monday << 200 << Behaviour::Stall
-        << true << 0 << 1 << old;
-    QTest::newRow("body cut short is not stored") << "/a.jpg" << none << none << fresh << monday
-                                                  << 200 << Behaviour::CutBody << true << 2 << 0
-                                                  << none;
-    QTest::newRow("not found is not stored") << "/a.jpg" << none << none << fresh << monday << 404
-                                             << normal << true << 2 << 0 << none;
+        << "/a.jpg" << old << monday + ":3000" << fresh << monday << 200 << Behaviour::Stall << true
+        << 0 << 1 << old;
+    QTest::newRow("body cut short is not stored")
+        << "/a.jpg" << none << none << fresh << monday << 200 << Behaviour::CutBody << true << 2
+        << 0 << none;
+    QTest::newRow("chunked body tagged by its stored size")
+        << "/a.jpg" << none << none << fresh << monday << 200 << Behaviour::Chunked << true << 2
+        << 0 << fresh;
+    QTest::newRow("not found is not stored")
+        << "/a.jpg" << none << none << fresh << monday << 404 << normal << true << 2 << 0 << none;
 }
 
 void TestCache::item()
@@ -236,6 +242,32 @@ void TestCache::cleanRemovesWhatCannotBeTrusted()
     m_settings->set("slideshow/clean_after", false);
     QVERIFY(!QFile::exists(dataPath("complete-old")));
     QVERIFY(QFile::exists(dataPath("complete-young")));
+}
+
+void TestCache::namedEntriesSurviveCleanUp()
+{
+    HttpServer server;
+    server.setRoute("/named.png", QByteArray(100, 'n'), 200, {{"Last-Modified", "Wed"}});
+    const QString named = Downloader::cacheName(server.url("/named.png").toString());
+    QVERIFY(writeFile(PlaylistParser::offlineCopyPath(),
+                      "<schedule><loop><i uri='" + server.url("/named.png").toEncoded()
+                          + "' type='image'/></loop></schedule>"));
+    store(named, QByteArray(100, 'n'), "Wed:100");
+    store(Downloader::cacheName("http://127.0.0.1:1/gone.png"), QByteArray(100, 'n'), "Wed:100");
+
+    // However old, what the playlist names stays.
+    m_settings->set("slideshow/clean_after", true);
+    Cleanser(m_settings).check();
+    m_settings->set("slideshow/clean_after", false);
+    QCOMPARE(QDir(m_cache + "/data").entryList(QDir::Files), QStringList{named});
+
+    // A copy the server vouches for counts as fresh again.
+    ItemDownloader item(server.url("/named.png").toString(), dataPath(named), tagPath(named), true);
+    QSignalSpy finished(&item, &ItemDownloader::finished);
+    item.start();
+    QCOMPARE(finished.count(), 1);
+    QCOMPARE(server.requestCount("GET", "/named.png"), 0);
+    QVERIFY(QFileInfo(tagPath(named)).lastModified() > QDateTime::currentDateTime().addSecs(-60));
 }
 
 QTEST_GUILESS_MAIN(TestCache)

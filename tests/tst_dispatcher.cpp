@@ -1,4 +1,3 @@
-#include "commandlineparser.h"
 #include "dispatcher.h"
 #include "httpserver.h"
 #include "idle.h"
@@ -7,15 +6,12 @@
 #include "playlistparser.h"
 #include "remote.h"
 #include "runnable.h"
-#include "settings.h"
-#include "testsupport.h"
+#include "show.h"
 #include "viewer.h"
 
 #include <QDateTime>
-#include <QDir>
 #include <QElapsedTimer>
 #include <QPointer>
-#include <QSettings>
 #include <QStandardPaths>
 #include <QtTest>
 
@@ -23,50 +19,6 @@ using namespace testsupport;
 
 namespace {
 const char playlistPath[] = "/p/hall-1/playlist.xml";
-
-const QList<QPair<QString, QColor>> &namedColours()
-{
-    static const QList<QPair<QString, QColor>> colours{
-        {"red", Qt::red},   {"green", Qt::green},     {"blue", Qt::blue},   {"yellow", Qt::yellow},
-        {"cyan", Qt::cyan}, {"magenta", Qt::magenta}, {"white", Qt::white}, {"gray", Qt::gray},
-    };
-    return colours;
-}
-
-QColor colourNamed(const QString &name)
-{
-    for (const auto &entry : namedColours()) {
-        if (entry.first == name)
-            return entry.second;
-    }
-    return QColor();
-}
-
-QByteArray xmlItem(const QString &uri, const QString &type, int seconds = 60,
-                   const QString &extra = QString())
-{
-    return QStringLiteral("  <item uri=\"%1\" type=\"%2\" time=\"%3\" %4/>\n")
-        .arg(uri.toHtmlEscaped(), type)
-        .arg(seconds)
-        .arg(extra)
-        .toUtf8();
-}
-
-QByteArray xmlLoop(const QString &attributes, const QByteArray &items)
-{
-    return "<loop " + attributes.toUtf8() + ">\n" + items + "</loop>\n";
-}
-
-QByteArray schedule(const QByteArray &loops)
-{
-    return "<?xml version=\"1.0\"?>\n<schedule name=\"test\">\n" + loops + "</schedule>\n";
-}
-
-QString clock(const QDateTime &when)
-{
-    return when.toString(QStringLiteral("hh:mm"));
-}
-
 } // namespace
 
 // The controller with its real parts: playlists in a temporary HOME, the real viewer on the
@@ -85,8 +37,6 @@ private Q_SLOTS:
     void oneDownloadPerActiveLoop();
     void loopKeys_data();
     void loopKeys();
-    void unusualLoopIds_data();
-    void unusualLoopIds();
     void screenOff_data();
     void screenOff();
     void screenOffItemsAreNotFetched();
@@ -103,9 +53,6 @@ private Q_SLOTS:
     void pollingIntervalHasAFloor();
 
 private:
-    // "section/key=value" entries over the few every test needs.
-    void writePreferences(const QStringList &entries) const;
-    // Writes playlist and preferences, builds viewer and dispatcher and starts the show.
     void launch(const QByteArray &playlist, const QStringList &prefs = QStringList());
     QString picture(const QString &name, const QColor &colour);
     QString pictureUrl(const QString &name);
@@ -116,12 +63,7 @@ private:
     // The schedule served by a content server, in that update mode.
     void launchServed(const QByteArray &xml, const QString &mode = "serverVorsaneTV");
 
-    std::unique_ptr<TempHome> m_home;
-    std::unique_ptr<FakePrograms> m_fakes;
-    std::unique_ptr<LogCapture> m_log;
-    std::unique_ptr<CommandLineParser> m_parser;
-    std::unique_ptr<Viewer> m_viewer;
-    std::unique_ptr<Dispatcher> m_dispatcher;
+    std::unique_ptr<Show> m_show;
     HttpServer m_server;
     QImage m_demo;
     QImage m_nothing;
@@ -130,64 +72,30 @@ private:
 
 void TestDispatcher::initTestCase()
 {
-    qputenv("XDG_CURRENT_DESKTOP", "none");
     QCoreApplication::setOrganizationName(QStringLiteral("VorsaneTest"));
     QCoreApplication::setApplicationName(QStringLiteral("dispatcher"));
 }
 
 void TestDispatcher::init()
 {
-    m_home = std::make_unique<TempHome>();
-    m_fakes = std::make_unique<FakePrograms>();
-    for (const char *name :
-         {"launchdock", "amixer", "unclutter", "pkill", "xmodmap", "xset", "xscreensaver-command",
-          "sudo", "chvt", "unzip", "sh", "gksu", "pgrep", "vorsane-remote"})
-        m_fakes->add(QString::fromLatin1(name));
+    m_show = std::make_unique<Show>();
+    m_show->fakes.add(QStringLiteral("sh"));
     // Players and browsers run until they are stopped.
-    m_fakes->addHanging(QStringLiteral("omxplayer"));
-    m_fakes->addHanging(QStringLiteral("webbrowser"));
-    m_log = std::make_unique<LogCapture>();
-    m_parser = makeParser(m_home->filePath(QStringLiteral("conf")));
+    m_show->fakes.addHanging(QStringLiteral("omxplayer"));
+    m_show->fakes.addHanging(QStringLiteral("webbrowser"));
 }
 
 void TestDispatcher::cleanup()
 {
-    m_dispatcher.reset();
-    m_viewer.reset();
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-    m_log.reset();
-    m_fakes.reset();
-    m_home.reset();
-    m_demo = QImage();
-    m_nothing = QImage();
-    m_usbWarning = QImage();
-}
-
-void TestDispatcher::writePreferences(const QStringList &entries) const
-{
-    QSettings file(m_home->filePath("conf/preferences"), QSettings::IniFormat);
-    file.setValue("main/version", "QFGLs6IVf1");
-    file.setValue("main/fullscreen", false);
-    file.setValue("slideshow/hide_pointer", false);
-    for (const QString &entry : entries)
-        file.setValue(entry.section('=', 0, 0), entry.section('=', 1));
+    m_show.reset();
 }
 
 void TestDispatcher::launch(const QByteArray &playlist, const QStringList &prefs)
 {
-    QVERIFY(writeFile(m_home->filePath("conf/playlist"), playlist));
-    writePreferences(prefs);
-    Settings::load(true, m_parser.get());
-    m_viewer = std::make_unique<Viewer>();
-    m_dispatcher = std::make_unique<Dispatcher>(m_viewer.get(), m_parser.get());
-    // The screenshot file is shared by the whole machine; it is checked end to end.
-    QVERIFY(QObject::disconnect(m_viewer.get(), &Viewer::readyToShoot, m_dispatcher.get(),
-                                &Dispatcher::shootScreen));
-    QVERIFY(m_dispatcher->isReady());
+    QVERIFY(m_show->launch(playlist, prefs));
     m_demo = reference(QStringLiteral("file://:/demo/demo.jpg"));
     m_nothing = reference(QStringLiteral("file://:/image/nothing_to_display.png"));
     m_usbWarning = reference(QStringLiteral("file://:/image/usb_auto_insert_warning.png"));
-    QVERIFY(m_dispatcher->next());
 }
 
 void TestDispatcher::launchServed(const QByteArray &xml, const QString &mode)
@@ -199,26 +107,26 @@ void TestDispatcher::launchServed(const QByteArray &xml, const QString &mode)
 
 QString TestDispatcher::picture(const QString &name, const QColor &colour)
 {
-    const QString path = m_home->filePath(QStringLiteral("pics/") + name);
+    const QString path = m_show->home.filePath(QStringLiteral("pics/") + name);
     makeImage(path, QSize(64, 48), colour, "PNG");
     return path;
 }
 
 QString TestDispatcher::pictureUrl(const QString &name)
 {
-    return QStringLiteral("file://") + picture(name + QStringLiteral(".png"), colourNamed(name));
+    return QStringLiteral("file://") + picture(name + QStringLiteral(".png"), QColor(name));
 }
 
 QImage TestDispatcher::reference(const QString &url)
 {
     PlaylistItem item(url, PlaylistItem::Image, 1, false, QStringList());
-    Image image(&item, m_viewer.get());
+    Image image(&item, m_show->viewer.get());
     return image.pixmap(Qt::ReturnByValue).toImage();
 }
 
 QString TestDispatcher::shown() const
 {
-    QWidget *widget = m_dispatcher->shownWidget();
+    QWidget *widget = m_show->dispatcher->shownWidget();
     if (!widget)
         return QStringLiteral("none");
     auto *image = qobject_cast<Image *>(widget);
@@ -235,9 +143,9 @@ QString TestDispatcher::shown() const
         return QStringLiteral("usb-warning");
     const QColor centre
         = shownPicture.pixelColor(shownPicture.width() / 2, shownPicture.height() / 2);
-    for (const auto &entry : namedColours()) {
-        if (entry.second == centre)
-            return entry.first;
+    for (const char *name : {"red", "green", "blue", "yellow", "cyan", "magenta"}) {
+        if (QColor(name) == centre)
+            return name;
     }
     return QStringLiteral("picture");
 }
@@ -246,7 +154,7 @@ QStringList TestDispatcher::advance(int times)
 {
     QStringList seen;
     for (int i = 0; i < times; ++i) {
-        m_dispatcher->next();
+        m_show->dispatcher->next();
         seen << shown();
     }
     return seen;
@@ -258,85 +166,75 @@ void TestDispatcher::oneDownloadPerActiveLoop()
     server.setRoute("/media/red.png", readFile(picture("red.png", Qt::red)), 200,
                     {{"Last-Modified", "Mon, 06 May 2024 07:08:09 GMT"}});
     const QString remote = server.url("/media/red.png").toString();
-    const QString now = clock(QDateTime::currentDateTime().addSecs(-3600));
-    const QString later = clock(QDateTime::currentDateTime().addSecs(3600));
+    const QString now = clockIn(-3600);
+    const QString later = clockIn(3600);
     launch(schedule(
         xmlLoop("id=\"0\"", xmlItem(remote, "image"))
         + xmlLoop("id=\"1\" start=\"" + now + "\" end=\"" + later + "\"", xmlItem(remote, "image"))
         + xmlLoop("id=\"2\" idle=\"1\" repeat=\"7\"", xmlItem(remote, "image"))));
-    QCOMPARE(m_log->count("Loop downloaded"), 2);
-    QVERIFY(m_log->contains("NB LOOPS :  3"));
+    QCOMPARE(m_show->log.count("Loop downloaded"), 2);
+    QVERIFY(m_show->log.contains("NB LOOPS :  3"));
     // Two loops list the same address: one cache file, fetched for the first, trusted after.
     QCOMPARE(server.requestCount("GET", "/media/red.png"), 2); // size check, then the body
     QCOMPARE(server.requestCount("HEAD", "/media/red.png"), 1);
     QCOMPARE(shown(), QStringLiteral("red"));
-    QCOMPARE(m_viewer->currentContent(), m_dispatcher->shownWidget());
-    const QList<PlaylistLoopPtr> loops = m_dispatcher->playlistParser()->getLoops();
-    QVERIFY(loops.at(1)->items.first()->url.startsWith("file://" + m_home->path()));
+    QCOMPARE(m_show->viewer->currentContent(), m_show->dispatcher->shownWidget());
+    const QList<PlaylistLoopPtr> loops = m_show->dispatcher->playlistParser()->getLoops();
+    QVERIFY(loops.at(1)->items.first()->url.startsWith("file://" + m_show->home.path()));
     QCOMPARE(loops.at(2)->items.last()->url, remote); // idle loops are not cached
 }
 
 void TestDispatcher::loopKeys_data()
 {
     QTest::addColumn<QString>("mode");
-    QTest::addColumn<QStringList>("whileOpen");
-    QTest::addColumn<QStringList>("afterwards");
+    QTest::addColumn<QString>("id");
+    QTest::addColumn<QString>("whileOpen");
+    QTest::addColumn<QString>("afterwards");
 
-    // Loop 4 opens while the default loop has shown two items, and closes again after one.
-    QTest::newRow("local playlist: one position for every loop")
-        << "localPlaylist" << QStringList{"green"} << QStringList{"magenta"};
-    QTest::newRow("content server: a position per loop id")
-        << "serverVorsaneTV" << QStringList{"red"} << QStringList{"cyan"};
+    // The loop opens while the default loop has shown two items, and closes again after one.
+    QTest::newRow("local playlist: one position for every loop") << "localPlaylist"
+                                                                 << "4"
+                                                                 << "green"
+                                                                 << "magenta";
+    QTest::newRow("content server: a position per loop id") << "serverVorsaneTV"
+                                                            << "4"
+                                                            << "red"
+                                                            << "cyan";
+    QTest::newRow("content server: negative loop id") << "serverVorsaneTV"
+                                                      << "-3"
+                                                      << "red"
+                                                      << "cyan";
+    QTest::newRow("content server: very large loop id") << "serverVorsaneTV"
+                                                        << "2000000000"
+                                                        << "red"
+                                                        << "cyan";
 }
 
 void TestDispatcher::loopKeys()
 {
     QFETCH(QString, mode);
-    QFETCH(QStringList, whileOpen);
-    QFETCH(QStringList, afterwards);
+    QFETCH(QString, id);
+    QFETCH(QString, whileOpen);
+    QFETCH(QString, afterwards);
 
-    const QByteArray xml
-        = schedule(xmlLoop("id=\"0\"", xmlItem(pictureUrl("blue"), "image")
-                                           + xmlItem(pictureUrl("cyan"), "image")
-                                           + xmlItem(pictureUrl("magenta"), "image"))
-                   + xmlLoop("id=\"4\" repeat=\"7\"", xmlItem(pictureUrl("red"), "image")
-                                                          + xmlItem(pictureUrl("green"), "image")));
+    const QByteArray xml = schedule(
+        xmlLoop("id=\"0\"", xmlItem(pictureUrl("blue"), "image")
+                                + xmlItem(pictureUrl("cyan"), "image")
+                                + xmlItem(pictureUrl("magenta"), "image"))
+        + xmlLoop("id=\"" + id + "\" repeat=\"7\"",
+                  xmlItem(pictureUrl("red"), "image") + xmlItem(pictureUrl("green"), "image")));
     launchServed(xml, mode);
     QCOMPARE(shown(), QStringLiteral("blue"));
     QCOMPARE(advance(1), QStringList{"demo"});
 
-    // The schedule opens loop 4 (every weekday, two hours around now), then closes it again.
-    const PlaylistLoopPtr scheduled = m_dispatcher->playlistParser()->getLoops().at(1);
-    const QDateTime now = QDateTime::currentDateTime();
+    // The schedule opens the loop (every weekday, two hours around now), then closes it again.
+    const PlaylistLoopPtr scheduled = m_show->dispatcher->playlistParser()->getLoops().at(1);
     scheduled->repeat = QStringLiteral("0123456");
-    scheduled->startTime = clock(now.addSecs(-3600));
-    scheduled->endTime = clock(now.addSecs(3600));
-    QCOMPARE(advance(1), whileOpen);
+    scheduled->startTime = clockIn(-3600);
+    scheduled->endTime = clockIn(3600);
+    QCOMPARE(advance(1), QStringList{whileOpen});
     scheduled->fromDate = scheduled->toDate = QStringLiteral("2000/01/01");
-    QCOMPARE(advance(1), afterwards);
-}
-
-void TestDispatcher::unusualLoopIds_data()
-{
-    QTest::addColumn<QString>("id");
-
-    QTest::newRow("negative") << "-3";
-    QTest::newRow("very large") << "2000000000";
-}
-
-void TestDispatcher::unusualLoopIds()
-{
-    QFETCH(QString, id);
-
-    const QDateTime now = QDateTime::currentDateTime();
-    const QByteArray xml = schedule(
-        xmlLoop("id=\"0\"", xmlItem(pictureUrl("blue"), "image"))
-        + xmlLoop(QString("id=\"%1\" start=\"%2\" end=\"%3\"")
-                      .arg(id, clock(now.addSecs(-3600)), clock(now.addSecs(3600))),
-                  xmlItem(pictureUrl("red"), "image") + xmlItem(pictureUrl("green"), "image")));
-    launchServed(xml);
-    QCOMPARE(shown(), QStringLiteral("red"));
-    QCOMPARE(advance(4), QStringList({"demo", "green", "red", "demo"}));
+    QCOMPARE(advance(1), QStringList{afterwards});
 }
 
 void TestDispatcher::screenOff_data()
@@ -367,44 +265,43 @@ void TestDispatcher::screenOff()
     to.setTime(QTime(to.time().hour(), to.time().minute()));
 
     launch("#Vorsane playlist\n" + pictureUrl("green").toUtf8() + " 60\nScreen OFF From: "
-           + clock(from).toUtf8() + " To: " + clock(to).toUtf8() + " 0\n");
+           + from.toString("hh:mm").toUtf8() + " To: " + to.toString("hh:mm").toUtf8() + " 0\n");
     // Play from a loop rebuilt at the end of a pass (the first pass: screenOffItemsAreNotFetched).
-    Q_EMIT m_dispatcher->remote()->goTo(99, 0);
+    Q_EMIT m_show->dispatcher->remote()->goTo(99, 0);
     QCOMPARE(shown(), QStringLiteral("green"));
     QCOMPARE(advance(1), QStringList{"demo"});
-    m_log->clear();
-    m_dispatcher->next();
+    m_show->log.clear();
+    m_show->dispatcher->next();
     if (!now) {
         // Outside its span the screen stays on and the show goes on.
         QCOMPARE(shown(), QStringLiteral("green"));
-        QCOMPARE(m_log->count("Starting idle"), 0);
-        QCOMPARE(m_log->count("Wake up"), 0);
+        QCOMPARE(m_show->log.count("Starting idle"), 0);
+        QCOMPARE(m_show->log.count("Wake up"), 0);
         return;
     }
     QCOMPARE(shown(), QStringLiteral("Idle"));
-    QVERIFY(m_log->contains("Starting idle"));
+    QVERIFY(m_show->log.contains("Starting idle"));
     const bool tomorrow = to.date() > start.date();
-    QCOMPARE(m_log->count(tomorrow ? "Wake up : tomorrow" : "Wake up : today"), 1);
-    QCOMPARE(m_log->count("Wake up"), 1);
+    QCOMPARE(m_show->log.count(tomorrow ? "Wake up : tomorrow" : "Wake up : today"), 1);
+    QCOMPARE(m_show->log.count("Wake up"), 1);
     // Dark until the end of the span, then the show goes on.
-    const int timeout = dynamic_cast<Runnable *>(m_dispatcher->shownWidget())->timeout();
+    const int timeout = dynamic_cast<Runnable *>(m_show->dispatcher->shownWidget())->timeout();
     QVERIFY2(qAbs(timeout - start.secsTo(to)) <= 61,
              qPrintable(QString("%1 s, expected %2 s").arg(timeout).arg(start.secsTo(to))));
 }
 
 void TestDispatcher::screenOffItemsAreNotFetched()
 {
-    const QDateTime now = QDateTime::currentDateTime();
-    launch("#Vorsane playlist\nScreen OFF From: " + clock(now.addSecs(-3600)).toUtf8() + " To: "
-           + clock(now.addSecs(3600)).toUtf8() + " 0\n" + pictureUrl("green").toUtf8() + " 60\n");
+    launch("#Vorsane playlist\nScreen OFF From: " + clockIn(-3600).toUtf8()
+           + " To: " + clockIn(3600).toUtf8() + " 0\n" + pictureUrl("green").toUtf8() + " 60\n");
     const PlaylistItemPtr idleItem
-        = m_dispatcher->playlistParser()->getLoops().first()->items.first();
+        = m_show->dispatcher->playlistParser()->getLoops().first()->items.first();
     QCOMPARE(idleItem->type, PlaylistItem::Idle);
     // Without its text the item has no span: an endless dark screen instead of a timed one.
     QVERIFY2(idleItem->url.startsWith("Screen OFF"), qPrintable(idleItem->url));
     QCOMPARE(shown(), QStringLiteral("Idle"));
-    QVERIFY(m_log->contains("Wake up : "));
-    QVERIFY(dynamic_cast<Runnable *>(m_dispatcher->shownWidget())->timeout() > 0);
+    QVERIFY(m_show->log.contains("Wake up : "));
+    QVERIFY(dynamic_cast<Runnable *>(m_show->dispatcher->shownWidget())->timeout() > 0);
 }
 
 void TestDispatcher::goToItem_data()
@@ -439,8 +336,8 @@ void TestDispatcher::goToItem()
     QCOMPARE(advance(1), QStringList{"demo"});
 
     // The remote command goes straight to the item; the show then goes on from there.
-    Q_EMIT m_dispatcher->remote()->goTo(item, loop);
-    QCOMPARE(m_log->contains("Go to: no loop"), loop < 0 || loop > 1);
+    Q_EMIT m_show->dispatcher->remote()->goTo(item, loop);
+    QCOMPARE(m_show->log.contains("Go to: no loop"), loop < 0 || loop > 1);
     QStringList seen{shown()};
     seen << advance(expected.size() - 1);
     QCOMPARE(seen, expected);
@@ -470,14 +367,14 @@ void TestDispatcher::goToFile()
     launch(schedule(xmlLoop("id=\"0\"", xmlItem(pictureUrl("red"), "image")
                                             + xmlItem(pictureUrl("green"), "image"))));
     QCOMPARE(advance(1), QStringList{"demo"});
-    Q_EMIT m_dispatcher->remote()->goTo(path);
+    Q_EMIT m_show->dispatcher->remote()->goTo(path);
     QStringList seen{shown()};
     seen << advance(2);
     QCOMPARE(seen, expected);
     if (expected.first() == "blue") { // the file is shown for one second, then the show resumes
-        Q_EMIT m_dispatcher->remote()->goTo(path);
-        QCOMPARE(dynamic_cast<Runnable *>(m_dispatcher->shownWidget())->timeout(), 1);
-        QSignalSpy ends(m_viewer.get(), &Viewer::end);
+        Q_EMIT m_show->dispatcher->remote()->goTo(path);
+        QCOMPARE(dynamic_cast<Runnable *>(m_show->dispatcher->shownWidget())->timeout(), 1);
+        QSignalSpy ends(m_show->viewer.get(), &Viewer::end);
         QVERIFY(ends.wait(3000));
         QTRY_COMPARE(shown(), QStringLiteral("demo"));
     }
@@ -485,34 +382,28 @@ void TestDispatcher::goToFile()
 
 void TestDispatcher::brokenContentNeverStalls_data()
 {
-    QTest::addColumn<QByteArray>("playlist");
+    QTest::addColumn<QStringList>("pictures");
     QTest::addColumn<QString>("rest");
 
-    // Pictures named here live in HOME/pics; "rest" is what the show settles on, if anything.
-    QTest::newRow("missing picture") << QByteArray("xml:missing.png") << "nothing";
+    // Pictures in HOME/pics, none for an empty file; "rest" is what the show settles on, if
+    // anything.
+    QTest::newRow("missing picture") << QStringList{"missing.png"} << "nothing";
     QTest::newRow("missing and unreadable beside a good one")
-        << QByteArray("xml:missing.png,garbage.png,green.png") << QString();
-    QTest::newRow("empty file") << QByteArray("raw:") << "usb-warning";
+        << QStringList{"missing.png", "garbage.png", "green.png"} << QString();
+    QTest::newRow("empty file") << QStringList() << "usb-warning";
 }
 
 void TestDispatcher::brokenContentNeverStalls()
 {
-    QFETCH(QByteArray, playlist);
+    QFETCH(QStringList, pictures);
     QFETCH(QString, rest);
 
-    picture("green.png", Qt::green);
-    QVERIFY(writeFile(m_home->filePath("pics/garbage.png"), "not a picture at all"));
-    const QByteArray dir = m_home->filePath("pics/").toUtf8();
-    QByteArray text;
-    if (playlist.startsWith("xml:")) {
-        QByteArray items;
-        for (const QByteArray &name : playlist.mid(4).split(','))
-            items += xmlItem(QString::fromUtf8("file://" + dir + name), "image", 1);
-        text = schedule(xmlLoop("id=\"0\"", items));
-    } else {
-        text = playlist.mid(4);
-    }
-    launch(text);
+    pictureUrl("green");
+    QVERIFY(writeFile(m_show->home.filePath("pics/garbage.png"), "not a picture at all"));
+    QByteArray items;
+    for (const QString &name : pictures)
+        items += xmlItem("file://" + m_show->home.filePath("pics/" + name), "image", 1);
+    launch(pictures.isEmpty() ? QByteArray() : schedule(xmlLoop("id=\"0\"", items)));
 
     if (rest.isEmpty()) {
         // Broken items are passed over to the good one.
@@ -520,13 +411,13 @@ void TestDispatcher::brokenContentNeverStalls()
     } else {
         QTRY_COMPARE_WITH_TIMEOUT(shown(), rest, 5000);
         // A rest, not a spin: the picture stays for its time.
-        QPointer<QWidget> resting = m_dispatcher->shownWidget();
-        QVERIFY(!QSignalSpy(m_viewer.get(), &Viewer::end).wait(1200));
+        QPointer<QWidget> resting = m_show->dispatcher->shownWidget();
+        QVERIFY(!QSignalSpy(m_show->viewer.get(), &Viewer::end).wait(1200));
         QVERIFY(resting);
-        QCOMPARE(m_dispatcher->shownWidget(), resting.data());
-        QCOMPARE(m_viewer->currentContent(), resting.data());
+        QCOMPARE(m_show->dispatcher->shownWidget(), resting.data());
+        QCOMPARE(m_show->viewer->currentContent(), resting.data());
     }
-    QCOMPARE(m_dispatcher->state(), 3);
+    QCOMPARE(m_show->dispatcher->state(), 3);
 }
 
 void TestDispatcher::contentEndingAtOnceRests_data()
@@ -536,12 +427,12 @@ void TestDispatcher::contentEndingAtOnceRests_data()
     QTest::addColumn<QStringList>("prefs");
     QTest::addColumn<bool>("installed");
 
-    const QByteArray video = "  <item uri=\"file:///srv/clip.mp4\" type=\"video\"/>\n";
+    const QByteArray video = xmlItem("file:///srv/clip.mp4", "video", -1);
     QTest::newRow("video player that exits at once")
         << "omxplayer" << video << QStringList() << true;
     QTest::newRow("video player that is missing") << "omxplayer" << video << QStringList() << false;
     QTest::newRow("external browser that exits at once")
-        << "webbrowser" << QByteArray("  <item uri=\"http://127.0.0.1:9/\" type=\"url\"/>\n")
+        << "webbrowser" << xmlItem("http://127.0.0.1:9/", "url", -1)
         << QStringList{"slideshow/external_browser=true", "main/external_browser_cmd=webbrowser %u"}
         << true;
 }
@@ -554,16 +445,16 @@ void TestDispatcher::contentEndingAtOnceRests()
     QFETCH(bool, installed);
 
     if (installed) {
-        m_fakes->add(program);
+        m_show->fakes.add(program);
     } else {
-        QFile::remove(m_fakes->dir() + "/" + program);
+        QFile::remove(m_show->fakes.dir() + "/" + program);
         if (!QStandardPaths::findExecutable(program).isEmpty())
             QSKIP("the program is installed on this machine");
     }
     launch(schedule(xmlLoop("id=\"0\"", item)), prefs);
     // Tried once more, then the placeholder for its ten seconds instead of a restart per end.
     QTRY_COMPARE_WITH_TIMEOUT(shown(), QStringLiteral("nothing"), 5000);
-    const int runs = m_fakes->calls(program).size();
+    const int runs = m_show->fakes.callLines(program).size();
     QVERIFY2(runs <= 2, qPrintable(QString::number(runs)));
 }
 void TestDispatcher::contentEnds_data()
@@ -571,10 +462,15 @@ void TestDispatcher::contentEnds_data()
     QTest::addColumn<QString>("type");
     QTest::addColumn<QString>("widget");
     QTest::addColumn<int>("minimumMs");
+    QTest::addColumn<bool>("external");
 
     // One second per item (a PDF page is an item's time); the external player runs until killed.
-    QTest::newRow("PDF after its last page") << "pdf" << "PDF" << 1900;
-    QTest::newRow("video in an external player") << "video" << "Video" << 900;
+    QTest::newRow("PDF after its last page") << "pdf"
+                                             << "PDF" << 1900 << true;
+    QTest::newRow("video in an external player") << "video"
+                                                 << "Video" << 900 << true;
+    QTest::newRow("video in the built-in player") << "video"
+                                                  << "Video" << 900 << false;
 }
 
 void TestDispatcher::contentEnds()
@@ -582,23 +478,27 @@ void TestDispatcher::contentEnds()
     QFETCH(QString, type);
     QFETCH(QString, widget);
     QFETCH(int, minimumMs);
+    QFETCH(bool, external);
 
-    const QString path = m_home->filePath("media/item." + type);
+    const QString path = m_show->home.filePath("item." + type);
     if (type == "pdf")
-        QVERIFY(QDir().mkpath(QFileInfo(path).path()) && makePdf(path, 2));
+        QVERIFY(makePdf(path, {Qt::red, Qt::green}));
     else
         QVERIFY(makeImage(path, QSize(64, 48), Qt::yellow, "PNG"));
     QElapsedTimer clock;
     clock.start();
     launch(schedule(xmlLoop("id=\"0\"", xmlItem("file://" + path, type, 1)
                                             + xmlItem(pictureUrl("green"), "image"))),
-           {"slideshow/external_player=true"});
+           {QString("slideshow/external_player=") + (external ? "true" : "false")});
     QCOMPARE(shown(), widget);
     QTRY_COMPARE_WITH_TIMEOUT(shown(), QStringLiteral("demo"), 5000);
     QVERIFY2(clock.elapsed() >= minimumMs, qPrintable(QString::number(clock.elapsed())));
-    if (type == "video")
-        QVERIFY(m_fakes->callLines("pkill").contains("-9 omxplayer"));
+    if (type == "video") {
+        QCOMPARE(m_show->fakes.callLines("omxplayer").isEmpty(), !external);
+        QCOMPARE(m_show->fakes.callLines("pkill").contains("-9 omxplayer"), external);
+    }
 }
+
 void TestDispatcher::pollingIntervalHasAFloor()
 {
     // A zero interval once asked the content server as fast as it answered.

@@ -2,51 +2,12 @@
 #include "testsupport.h"
 
 #include <QElapsedTimer>
-#include <QImage>
-#include <QPageSize>
-#include <QPainter>
-#include <QPdfWriter>
 #include <QtTest>
 
 using namespace testsupport;
 
 namespace {
 const char screenshot[] = "/tmp/screen.png";
-
-QByteArray clock(qint64 secondsFromNow)
-{
-    return QDateTime::currentDateTime().addSecs(secondsFromNow).toString("hh:mm").toUtf8();
-}
-
-QByteArray item(const QString &path, int seconds, const QByteArray &type = "image")
-{
-    return "<item uri=\"file://" + path.toUtf8() + "\" type=\"" + type + "\" time=\""
-           + QByteArray::number(seconds) + "\"/>\n";
-}
-
-QString picture(KioskProcess &kiosk, const QString &name, const QColor &colour)
-{
-    const QString path = kiosk.home().filePath("pics/" + name);
-    makeImage(path, QSize(320, 240), colour, "PNG");
-    return path;
-}
-
-// One solid page per colour, small enough to be scaled up to the screen.
-bool makeColourPdf(const QString &path, const QList<QColor> &pages)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QPdfWriter writer(path);
-    writer.setResolution(72);
-    writer.setPageSize(QPageSize(QSizeF(300, 200), QPageSize::Point));
-    writer.setPageMargins(QMarginsF(0, 0, 0, 0));
-    QPainter painter(&writer);
-    for (int page = 0; page < pages.size(); ++page) {
-        if (page > 0)
-            writer.newPage();
-        painter.fillRect(QRect(0, 0, writer.width(), writer.height()), pages.at(page));
-    }
-    return painter.end();
-}
 
 // Scaling shifts a colour a little.
 bool sameColour(const QColor &a, const QColor &b)
@@ -99,18 +60,20 @@ void TestEndToEnd::scheduledMixedMedia()
     KioskProcess kiosk;
     const QString pdf = kiosk.home().filePath("media/pages.pdf");
     const QString html = kiosk.home().filePath("media/page.html");
-    QVERIFY(makeColourPdf(pdf, {Qt::red, Qt::green}));
+    QVERIFY(makePdf(pdf, {Qt::red, Qt::green}));
     QVERIFY(writeFile(html, "<html><body style=\"background:#ff00ff\"></body></html>\n"));
     // The player runs until it is killed: only the item's duration ends the video.
     kiosk.fakes().addHanging("omxplayer");
     // Only loop 1 applies now; a demo picture comes after its first item.
-    const QByteArray playlist
-        = "<?xml version=\"1.0\"?>\n<schedule>\n<loop id=\"0\">\n"
-          + item(picture(kiosk, "blue.png", Qt::blue), 1) + "</loop>\n<loop id=\"1\" start=\""
-          + clock(-3600) + "\" end=\"" + clock(3600) + "\">\n" + item(pdf, 1, "pdf")
-          + item(kiosk.home().filePath("media/clip.mp4"), 1, "video") + item(html, 1, "url")
-          + "</loop>\n<loop id=\"2\" repeat=\"7\">\n" + item(picture(kiosk, "cyan.png", Qt::cyan), 1)
-          + "</loop>\n</schedule>\n";
+    const auto item = [](const QString &path, const char *type) {
+        return xmlItem("file://" + path, type, 1);
+    };
+    const QByteArray playlist = schedule(
+        xmlLoop("id=\"0\"", item(kiosk.picture("blue.png", Qt::blue), "image"))
+        + xmlLoop("id=\"1\" start=\"" + clockIn(-3600) + "\" end=\"" + clockIn(3600) + "\"",
+                  item(pdf, "pdf") + item(kiosk.home().filePath("media/clip.mp4"), "video")
+                      + item(html, "url"))
+        + xmlLoop("id=\"2\" repeat=\"7\"", item(kiosk.picture("cyan.png", Qt::cyan), "image")));
     QVERIFY(kiosk.start(playlist, "fullscreen=false\n[slideshow]\nexternal_player=true\n"));
 
     QVERIFY2(waitForScreen(kiosk, Qt::red), "PDF page 1");
@@ -126,12 +89,10 @@ void TestEndToEnd::remoteControl()
 {
     KioskProcess::Templates templates;
     KioskProcess kiosk;
-    const QByteArray playlist = "<?xml version=\"1.0\"?>\n<schedule>\n<loop id=\"0\">\n"
-                                + item(picture(kiosk, "red.png", Qt::red), 60)
-                                + item(picture(kiosk, "green.png", Qt::green), 60)
-                                + item(picture(kiosk, "blue.png", Qt::blue), 60)
-                                + "</loop>\n</schedule>\n";
-    QVERIFY(kiosk.start(playlist, "fullscreen=false\n"));
+    const QByteArray items = xmlItem("file://" + kiosk.picture("red.png", Qt::red), "image")
+                             + xmlItem("file://" + kiosk.picture("green.png", Qt::green), "image")
+                             + xmlItem("file://" + kiosk.picture("blue.png", Qt::blue), "image");
+    QVERIFY(kiosk.start(schedule(xmlLoop("id=\"0\"", items)), "fullscreen=false\n"));
     QVERIFY2(kiosk.screenShows(Qt::red), kiosk.log().right(3000));
 
     // Positions count the demo picture at position 1.

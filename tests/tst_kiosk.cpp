@@ -1,18 +1,16 @@
-#include "authdialog.h"
 #include "browser.h"
-#include "commandlineparser.h"
 #include "dispatcher.h"
 #include "httpserver.h"
 #include "image.h"
+#include "locationedit.h"
+#include "navbar.h"
 #include "page.h"
 #include "restrictedwebview.h"
-#include "settings.h"
-#include "testsupport.h"
+#include "show.h"
 #include "viewer.h"
-#include "navbar.h"
-#include "locationedit.h"
 
-#include <QMessageBox>
+#include <QDialog>
+#include <QRegularExpression>
 #include <QStatusBar>
 #include <QTabWidget>
 #include <QWebElement>
@@ -68,16 +66,14 @@ private Q_SLOTS:
     void blankTargetOpensTab();
     void downloadIsOpenedAndEndsWithSession();
     void basicAuthentication();
-    void sessionTimerReturnsToShowWithHooks();
+    void touchesOpenOneSessionUntilItsTimerEnds();
     void pointerMovementKeepsSessionAlive();
-    void touchesOpenOneSession();
-    void malformedRestrictionFile();
     void alertOpenWhenSessionEnds();
     void inlineRemoteIsInteractive();
 
 private:
     void launch(const QStringList &prefs, const QByteArray &list = QByteArray());
-    Browser *browser() const { return qobject_cast<Browser *>(m_dispatcher->shownWidget()); }
+    Browser *browser() const { return qobject_cast<Browser *>(m_show->dispatcher->shownWidget()); }
     static QString text(Browser *browser);
     static RestrictedWebView *view(Browser *browser) { return browser->currentPage()->view(); }
     // Acts on the first visible window of that class as soon as it shows, even inside its loop.
@@ -86,31 +82,20 @@ private:
     {
         m_server->setRoute(path, body, 200, {{"Content-Type", "text/html"}});
     }
-    QString hookCalls() const { return QString::fromUtf8(readFile(m_home->filePath("hooks.log"))); }
+    QString hookCalls() const { return readFile(m_show->home.filePath("hooks.log")); }
 
-    std::unique_ptr<TempHome> m_home;
-    std::unique_ptr<FakePrograms> m_fakes;
-    std::unique_ptr<LogCapture> m_log;
+    std::unique_ptr<Show> m_show;
     std::unique_ptr<HttpServer> m_server;
-    std::unique_ptr<CommandLineParser> m_parser;
-    std::unique_ptr<Viewer> m_viewer;
-    std::unique_ptr<Dispatcher> m_dispatcher;
 };
 
 void TestKiosk::initTestCase()
 {
-    qputenv("XDG_CURRENT_DESKTOP", "none");
     QCoreApplication::setOrganizationName(QStringLiteral("VorsaneTest"));
 }
 
 void TestKiosk::init()
 {
-    m_home = std::make_unique<TempHome>();
-    m_fakes = std::make_unique<FakePrograms>();
-    for (const char *name : {"launchdock", "amixer", "unclutter", "pkill", "xmodmap", "xset",
-                             "xscreensaver-command", "sudo", "pgrep", "vorsane-remote"})
-        m_fakes->add(QString::fromLatin1(name));
-    m_log = std::make_unique<LogCapture>();
+    m_show = std::make_unique<Show>();
     m_server = std::make_unique<HttpServer>();
     html("/home", "<p>WELCOME</p>");
     html("/other", "<p>SECRET</p>");
@@ -119,52 +104,25 @@ void TestKiosk::init()
 
 void TestKiosk::cleanup()
 {
-    m_dispatcher.reset();
-    m_viewer.reset();
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    m_show.reset();
     m_server.reset();
-    m_log.reset();
-    m_fakes.reset();
-    m_home.reset();
 }
 
 void TestKiosk::launch(const QStringList &prefs, const QByteArray &list)
 {
-    const QString conf = m_home->filePath("conf");
-    const QString red = m_home->filePath("red.png");
+    const QString red = m_show->home.filePath("red.png");
     QVERIFY(makeImage(red, QSize(64, 48), Qt::red, "PNG"));
-    QVERIFY(writeFile(conf + "/playlist", "#Vorsane playlist\nfile://" + red.toUtf8() + " 60\n"));
-    QVERIFY(writeFile(conf + "/list", list));
-    QMap<QString, QMap<QString, QString>> ini;
-    ini["main"] = {{"version", "QFGLs6IVf1"},
-                   {"fullscreen", "false"},
-                   {"mode", "kiosk"},
-                   {"default_url", m_server->url("/home").toString()}};
-    ini["slideshow"]["hide_pointer"] = "false";
-    for (const QString &entry : prefs) {
-        const int slash = entry.indexOf('/'), equals = entry.indexOf('=');
-        ini[entry.left(slash)][entry.mid(slash + 1, equals - slash - 1)] = entry.mid(equals + 1);
-    }
-    QByteArray text;
-    for (auto section = ini.cbegin(); section != ini.cend(); ++section) {
-        text += "[" + section.key().toUtf8() + "]\n";
-        for (auto key = section->cbegin(); key != section->cend(); ++key)
-            text += key.key().toUtf8() + "=" + key.value().toUtf8() + "\n";
-    }
-    QVERIFY(writeFile(conf + "/preferences", text));
+    QVERIFY(writeFile(m_show->confPath("list"), list));
     for (const char *hook : {"session-start", "session-stop"}) {
-        const QString path = conf + "/hooks/" + hook;
+        const QString path = m_show->confPath(QString("hooks/") + hook);
         QVERIFY(writeFile(path, "#!/bin/sh\necho " + QByteArray(hook).mid(8) + " >> '"
-                                    + m_home->filePath("hooks.log").toUtf8() + "'\n"));
+                                    + m_show->home.filePath("hooks.log").toUtf8() + "'\n"));
         QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
     }
-    m_parser = makeParser(conf);
-    Settings::load(true, m_parser.get());
-    m_viewer = std::make_unique<Viewer>();
-    m_dispatcher = std::make_unique<Dispatcher>(m_viewer.get(), m_parser.get());
-    QObject::disconnect(m_viewer.get(), &Viewer::readyToShoot, m_dispatcher.get(),
-                        &Dispatcher::shootScreen);
-    QVERIFY(m_dispatcher->next());
+    QVERIFY(m_show->launch(
+        "#Vorsane playlist\nfile://" + red.toUtf8() + " 60\n",
+        QStringList{"main/mode=kiosk", "main/default_url=" + m_server->url("/home").toString()}
+            + prefs));
 }
 
 QString TestKiosk::text(Browser *browser)
@@ -193,17 +151,26 @@ void TestKiosk::listsFilterNavigation_data()
 {
     QTest::addColumn<QString>("mode");
     QTest::addColumn<QByteArray>("list");
-    QTest::newRow("white list names the home page") << "whitelist" << QByteArray("/home\n");
-    QTest::newRow("black list names the other page") << "blacklist" << QByteArray("/other\n");
+    // Lines the filter cannot use, each named in the log.
+    QTest::addColumn<int>("problems");
+    QTest::newRow("white list names the home page") << "whitelist" << QByteArray("/home\n") << 0;
+    QTest::newRow("black list names the other page") << "blacklist" << QByteArray("/other\n") << 0;
+    QTest::newRow("white list among malformed lines")
+        << "whitelist"
+        << QByteArray("\x00\x01\xff\xfe binary\n", 13) + QByteArray(1 << 20, 'a')
+               + "\n(unbalanced\n[also\n/home\n"
+        << 3;
 }
 
 void TestKiosk::listsFilterNavigation()
 {
     QFETCH(QString, mode);
     QFETCH(QByteArray, list);
+    QFETCH(int, problems);
     launch({"main/list_mode=" + mode}, list);
     QVERIFY(browser());
     QTRY_VERIFY(text(browser()).contains("WELCOME"));
+    QCOMPARE(m_show->log.lines().filter(QRegularExpression("^Restriction file")).size(), problems);
     QVERIFY(s_systemLog.contains("ALLOWED: " + m_server->url("/home").toString()));
 
     const QString other = m_server->url("/other").toString();
@@ -231,8 +198,8 @@ void TestKiosk::blankTargetOpensTab()
 void TestKiosk::downloadIsOpenedAndEndsWithSession()
 {
     // The opener hands the file on to a viewer that runs on after it, like xdg-open does.
-    const QString pidFile = m_home->filePath("viewer.pid");
-    m_fakes->addScript("xdg-open", "sleep 3600 & echo $! > '" + pidFile.toUtf8() + "'");
+    const QString pidFile = m_show->home.filePath("viewer.pid");
+    m_show->fakes.addScript("xdg-open", "sleep 3600 & echo $! > '" + pidFile.toUtf8() + "'");
     m_server->setRoute("/report", "REPORT-BODY", 200,
                        {{"Content-Type", "text/plain"},
                         {"Content-Disposition", "attachment; filename=\"my report.txt\""}});
@@ -240,14 +207,14 @@ void TestKiosk::downloadIsOpenedAndEndsWithSession()
     QTRY_VERIFY(text(browser()).contains("WELCOME"));
     view(browser())->load(m_server->url("/report"));
     const QString folder = QStringLiteral("/tmp/sitedeck-%1").arg(::getuid());
-    QTRY_COMPARE(m_fakes->calls("xdg-open"), QList<QStringList>{{folder + "/my report.txt"}});
+    QTRY_COMPARE(m_show->fakes.callLines("xdg-open"), QStringList{folder + "/my report.txt"});
     QCOMPARE(readFile(folder + "/my report.txt"), QByteArray("REPORT-BODY"));
     QTRY_VERIFY(!readFile(pidFile).isEmpty());
     const pid_t viewerPid = readFile(pidFile).trimmed().toInt();
     QCOMPARE(::kill(viewerPid, 0), 0);
 
     browser()->onEnd();
-    QTRY_COMPARE(m_dispatcher->state(), 3);
+    QTRY_COMPARE(m_show->dispatcher->state(), 3);
     QVERIFY(!QFileInfo::exists(folder));
     QTRY_VERIFY(::kill(viewerPid, 0) != 0);
 }
@@ -269,12 +236,20 @@ void TestKiosk::basicAuthentication()
              "Basic " + QByteArray("visitor:open sesame").toBase64());
 }
 
-void TestKiosk::sessionTimerReturnsToShowWithHooks()
+void TestKiosk::touchesOpenOneSessionUntilItsTimerEnds()
 {
-    launch({"main/with_timer=true", "main/default_timer=2"});
+    launch({"main/start_with_session=false", "slideshow/stop_on_event=true", "main/with_timer=true",
+            "main/default_timer=2"});
+    QVERIFY(qobject_cast<Image *>(m_show->dispatcher->shownWidget()));
+    m_show->log.clear();
+    for (int i = 0; i < 3; ++i)
+        m_show->viewer->emitMouseEvent();
     QPointer<Browser> session = browser();
     QVERIFY(session);
+    QCOMPARE(m_show->viewer->findChildren<Browser *>().size(), 1);
     QCOMPARE(hookCalls(), QString("start\n"));
+    QCOMPARE(m_show->log.count("NB LOOPS"), 0);
+
     const auto remaining = [&session] {
         for (QLabel *label : session->findChildren<QLabel *>()) {
             if (label->text().startsWith("remaining:"))
@@ -283,8 +258,8 @@ void TestKiosk::sessionTimerReturnsToShowWithHooks()
         return QString();
     };
     QTRY_COMPARE(remaining(), QString("remaining: 00:00:01"));
-    QTRY_VERIFY_WITH_TIMEOUT(qobject_cast<Image *>(m_dispatcher->shownWidget()), 10000);
-    QCOMPARE(m_dispatcher->state(), 3);
+    QTRY_VERIFY_WITH_TIMEOUT(qobject_cast<Image *>(m_show->dispatcher->shownWidget()), 10000);
+    QCOMPARE(m_show->dispatcher->state(), 3);
     QCOMPARE(hookCalls(), QString("start\nstop\n"));
     QTRY_VERIFY(!session);
 }
@@ -292,7 +267,7 @@ void TestKiosk::sessionTimerReturnsToShowWithHooks()
 void TestKiosk::pointerMovementKeepsSessionAlive()
 {
     launch({"main/stop_session_after_seconds=2"});
-    QVERIFY(browser() && m_viewer->sessionTimerActive());
+    QVERIFY(browser() && m_show->viewer->sessionTimerActive());
     QElapsedTimer clock;
     clock.start();
     while (clock.elapsed() < 3500 && browser()) {
@@ -302,35 +277,8 @@ void TestKiosk::pointerMovementKeepsSessionAlive()
         QTest::qWait(300);
     }
     QVERIFY(browser());
-    QCOMPARE(m_dispatcher->state(), 1);
-    QTRY_VERIFY_WITH_TIMEOUT(qobject_cast<Image *>(m_dispatcher->shownWidget()), 5000);
-}
-
-void TestKiosk::touchesOpenOneSession()
-{
-    launch({"main/start_with_session=false", "slideshow/stop_on_event=true"});
-    QVERIFY(qobject_cast<Image *>(m_dispatcher->shownWidget()));
-    m_log->clear();
-    for (int i = 0; i < 3; ++i)
-        m_viewer->emitMouseEvent();
-    QVERIFY(browser());
-    QCOMPARE(m_viewer->findChildren<Browser *>().size(), 1);
-    QCOMPARE(hookCalls(), QString("start\n"));
-    QCOMPARE(m_log->count("NB LOOPS"), 0);
-}
-
-void TestKiosk::malformedRestrictionFile()
-{
-    const QByteArray list = QByteArray("\x00\x01\xff\xfe binary\n", 13) + QByteArray(1 << 20, 'a')
-                            + "\n(unbalanced\n[also\n/home\n";
-    launch({"main/list_mode=whitelist"}, list);
-    QTRY_VERIFY(text(browser()).contains("WELCOME"));
-    QStringList problems;
-    for (const QString &line : m_log->lines()) {
-        if (line.startsWith("Restriction file"))
-            problems << line;
-    }
-    QCOMPARE(problems.size(), 3);
+    QCOMPARE(m_show->dispatcher->state(), 1);
+    QTRY_VERIFY_WITH_TIMEOUT(qobject_cast<Image *>(m_show->dispatcher->shownWidget()), 5000);
 }
 
 void TestKiosk::alertOpenWhenSessionEnds()
@@ -343,10 +291,10 @@ void TestKiosk::alertOpenWhenSessionEnds()
     launch({"main/stop_session_after_seconds=2"});
     QPointer<Browser> session = browser();
     QTRY_VERIFY(seen);
-    QTRY_VERIFY_WITH_TIMEOUT(qobject_cast<Image *>(m_dispatcher->shownWidget()), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(qobject_cast<Image *>(m_show->dispatcher->shownWidget()), 10000);
     QTRY_VERIFY(!alert || !alert->isVisible());
     QTRY_VERIFY(!session);
-    QCOMPARE(m_dispatcher->state(), 3);
+    QCOMPARE(m_show->dispatcher->state(), 3);
 }
 
 void TestKiosk::inlineRemoteIsInteractive()
@@ -354,7 +302,7 @@ void TestKiosk::inlineRemoteIsInteractive()
     html("/remote", "<input id='i' style='width:300px;height:40px'>");
     launch({"main/mode=display", "remote/enabled=true", "main/stop_session_after_seconds=2",
             "remote/local_url=" + m_server->url("/remote").toString(), "remote/key=abc"});
-    m_dispatcher->startInlineRemote();
+    m_show->dispatcher->startInlineRemote();
     QVERIFY(browser());
     QCOMPARE(browser()->getHome(), QUrl(m_server->url("/remote").toString() + "?k=abc"));
     QWebFrame *frame = view(browser())->page()->mainFrame();
@@ -364,9 +312,9 @@ void TestKiosk::inlineRemoteIsInteractive()
     QTest::keyClicks(view(browser()), "hi");
     QTRY_COMPARE(frame->evaluateJavaScript("document.getElementById('i').value").toString(),
                  QString("hi"));
-    QVERIFY(!m_viewer->sessionTimerActive());
+    QVERIFY(!m_show->viewer->sessionTimerActive());
     browser()->onEnd();
-    QTRY_VERIFY(qobject_cast<Image *>(m_dispatcher->shownWidget()));
+    QTRY_VERIFY(qobject_cast<Image *>(m_show->dispatcher->shownWidget()));
 }
 
 QTEST_MAIN(TestKiosk)

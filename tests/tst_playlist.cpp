@@ -40,7 +40,8 @@ QString loopXml(const QString &id, const QString &attributes, bool withItems = t
 
 QString schedule(const QStringList &loops)
 {
-    return "<?xml version=\"1.0\"?>\n<schedule version='1'>\n" + loops.join('\n') + "\n</schedule>\n";
+    return "<?xml version=\"1.0\"?>\n<schedule version='1'>\n" + loops.join('\n')
+           + "\n</schedule>\n";
 }
 
 // url|type|duration|parameters of every item.
@@ -165,8 +166,8 @@ void TestPlaylist::selectLoop_data()
     row("spring change, overnight", "start='22:00' end='06:00'", "2024-03-31T05:00:00", "1");
     row("spring change, start in the skipped hour", "start='02:30' end='05:00'",
         "2024-03-31T03:45:00", "1");
-    row("spring change, before the moved start", "start='02:30' end='05:00'",
-        "2024-03-31T03:15:00", "0");
+    row("spring change, before the moved start", "start='02:30' end='05:00'", "2024-03-31T03:15:00",
+        "0");
     row("autumn change, second pass of the repeated hour", "start='01:00' end='04:00'",
         "2024-10-27T01:30:00Z", "1");
     row("autumn change, period ended", "start='00:00' end='02:30'", "2024-10-27T02:00:00Z", "0");
@@ -222,8 +223,8 @@ void TestPlaylist::flatLoop_data()
     QTest::newRow("a file among them, a demo at the end")
         << head + "http://a/ 10\nhttp://b/ 20\nfile://$HOME/my p.png 5\nhttps://c/ 30\n"
         << QStringList{"my p.png"}
-        << QStringList{"http://a/|6|10|",       demo, "http://b/|6|20|",
-                       "file://$HOME/my p.png|3|5|", "https://c/|6|30|", demo};
+        << QStringList{"http://a/|6|10|",  demo, "http://b/|6|20|", "file://$HOME/my p.png|3|5|",
+                       "https://c/|6|30|", demo};
     QTest::newRow("missing file skipped, no warning") << head + "file:///nowhere/a.jpg 10\n"
                                                       << QStringList() << QStringList();
     QTest::newRow("directory expanded in order")
@@ -239,7 +240,8 @@ void TestPlaylist::flatLoop_data()
         << head + "http://a/ ten\nhttp://b/ 5\n"
         << QStringList() << QStringList{"http://a/|6|0|", demo, "http://b/|6|5|all_webpages"};
     QTest::newRow("unknown scheme brings the usb warning")
-        << head + "ftp://host/a.jpg 10\n" << QStringList() << QStringList{warn.arg(10)};
+        << head + "ftp://host/a.jpg 10\n"
+        << QStringList() << QStringList{warn.arg(10)};
     QTest::newRow("empty text brings the usb warning")
         << QString() << QStringList() << QStringList{warn.arg(5)};
     QTest::newRow("usb-auto with files")
@@ -248,7 +250,8 @@ void TestPlaylist::flatLoop_data()
         << QStringList{"file://$HOME/.vorsane-kiosk/usbauto/1.png|3|10|", demo,
                        "file://$HOME/.vorsane-kiosk/usbauto/2.png|3|10|"};
     QTest::newRow("usb-auto empty next to a web page")
-        << head + "usb-auto 10\nhttp://a/ 7\n" << QStringList() << QStringList{"http://a/|6|7|"};
+        << head + "usb-auto 10\nhttp://a/ 7\n"
+        << QStringList() << QStringList{"http://a/|6|7|"};
 }
 
 void TestPlaylist::flatLoop()
@@ -260,7 +263,7 @@ void TestPlaylist::flatLoop()
     const QString home = m_home->path();
     for (const QString &file : files) {
         const QString path = home + "/" + file;
-        QVERIFY(file.endsWith(".pdf") ? QDir().mkpath(QFileInfo(path).path()) && makePdf(path, 1)
+        QVERIFY(file.endsWith(".pdf") ? makePdf(path, {Qt::gray})
                                       : makeImage(path, QSize(4, 4), Qt::gray));
     }
     FlatPlaylistParser parser(5, QString(text).replace("$HOME", home));
@@ -292,9 +295,8 @@ void TestPlaylist::getNetwork_data()
         << 200 << served << normal << true << copy << none << "http://served/" << served << copy;
     QTest::newRow("backup made only once")
         << 200 << served << normal << true << copy << old << "http://served/" << served << old;
-    QTest::newRow("server error plays the backup")
-        << 500 << QByteArray("oops") << normal << true << copy << old << "http://old/" << copy
-        << old;
+    QTest::newRow("server error plays the backup") << 500 << QByteArray("oops") << normal << true
+                                                   << copy << old << "http://old/" << copy << old;
     QTest::newRow("server down plays the backup")
         << 200 << served << normal << false << copy << old << "http://old/" << copy << old;
     QTest::newRow("reply cut short plays the backup")

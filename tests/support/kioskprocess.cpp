@@ -18,9 +18,8 @@ const char screenshot[] = "/tmp/screen.png";
 
 KioskProcess::KioskProcess()
 {
-    for (const char *name : {"launchdock", "amixer", "unclutter", "pkill", "xmodmap", "xset",
-                             "gksu", "xscreensaver-command", "sudo", "chvt", "unzip", "omxplayer"})
-        m_fakes.add(QString::fromLatin1(name));
+    m_fakes.addDesktopCommands();
+    m_fakes.add(QStringLiteral("omxplayer"));
     connect(&m_process, &QProcess::readyReadStandardError, this,
             [this] { m_log += m_process.readAllStandardError(); });
     connect(&m_process, &QProcess::readyReadStandardOutput, this,
@@ -38,6 +37,13 @@ KioskProcess::~KioskProcess()
 QString KioskProcess::confDir() const
 {
     return m_home.filePath(QStringLiteral("conf"));
+}
+
+QString KioskProcess::picture(const QString &name, const QColor &colour)
+{
+    const QString path = m_home.filePath(QStringLiteral("pics/") + name);
+    makeImage(path, QSize(320, 240), colour, "PNG");
+    return path;
 }
 
 bool KioskProcess::start(const QByteArray &playlist, const QByteArray &preferences,

@@ -24,6 +24,8 @@ public:
     TempHome &home() { return m_home; }
     FakePrograms &fakes() { return m_fakes; }
     QString confDir() const;
+    // A picture of one colour in HOME/pics; its path.
+    QString picture(const QString &name, const QColor &colour);
 
     // Writes the playlist and the preference file (the version line is added), then starts the
     // program on the X server of DISPLAY. Returns false if it did not start.

@@ -2,16 +2,16 @@
 
 #include "commandlineparser.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QImage>
+#include <QPageSize>
 #include <QPainter>
 #include <QPdfWriter>
 #include <QProcess>
 #include <QTcpServer>
-
-#include <vector>
 
 namespace testsupport {
 
@@ -98,34 +98,29 @@ void FakePrograms::add(const QString &name, const QByteArray &output, int exitCo
     addScript(name, body);
 }
 
+void FakePrograms::addDesktopCommands()
+{
+    for (const char *name :
+         {"launchdock", "amixer", "unclutter", "pkill", "xmodmap", "xset", "gksu",
+          "xscreensaver-command", "sudo", "chvt", "unzip", "pgrep", "vorsane-remote"})
+        add(QString::fromLatin1(name));
+}
+
 void FakePrograms::addHanging(const QString &name)
 {
     addScript(name, "exec sleep 3600");
 }
 
-QList<QStringList> FakePrograms::calls(const QString &name) const
-{
-    QList<QStringList> result;
-    QByteArray log = readFile(m_dir.filePath(name + QLatin1String(".log")));
-    if (log.isEmpty())
-        return result;
-    log.chop(1); // the last call's newline
-    for (const QByteArray &line : log.split('\n')) {
-        QStringList arguments;
-        for (const QByteArray &argument : line.split('\037'))
-            arguments << QString::fromUtf8(argument);
-        arguments.removeLast(); // every argument ends with the separator
-        result << arguments;
-    }
-    return result;
-}
-
 QStringList FakePrograms::callLines(const QString &name) const
 {
-    QStringList lines;
-    for (const QStringList &call : calls(name))
-        lines << call.join(QLatin1Char(' '));
-    return lines;
+    QString log = QString::fromUtf8(readFile(m_dir.filePath(name + QLatin1String(".log"))));
+    if (log.isEmpty())
+        return QStringList();
+    // Every argument ends with the separator, every call with a newline.
+    log.replace(QLatin1String("\037\n"), QLatin1String("\n"))
+        .replace(QLatin1Char('\037'), QLatin1Char(' '));
+    log.chop(1);
+    return log.split(QLatin1Char('\n'));
 }
 
 LogCapture::LogCapture()
@@ -174,48 +169,32 @@ bool makeImage(const QString &path, const QSize &size, const QColor &color, cons
     return image.save(path, format);
 }
 
-bool makePdf(const QString &path, int pages)
+bool makePdf(const QString &path, const QList<QColor> &pages)
 {
+    QDir().mkpath(QFileInfo(path).absolutePath());
     QPdfWriter writer(path);
     writer.setResolution(72);
+    writer.setPageSize(QPageSize(QSizeF(300, 200), QPageSize::Point));
+    writer.setPageMargins(QMarginsF(0, 0, 0, 0));
     QPainter painter(&writer);
-    if (!painter.isActive())
-        return false;
-    for (int page = 0; page < pages; ++page) {
+    for (int page = 0; page < pages.size(); ++page) {
         if (page > 0)
             writer.newPage();
-        painter.drawText(100, 100, QStringLiteral("Page %1").arg(page + 1));
+        painter.fillRect(QRect(0, 0, writer.width(), writer.height()), pages.at(page));
     }
     return painter.end();
 }
 
-static bool runFfmpeg(const QStringList &arguments)
-{
-    QProcess ffmpeg;
-    ffmpeg.start(
-        QStringLiteral("ffmpeg"),
-        QStringList{QStringLiteral("-y"), QStringLiteral("-loglevel"), QStringLiteral("error")}
-            + arguments);
-    return ffmpeg.waitForFinished(60000) && ffmpeg.exitStatus() == QProcess::NormalExit
-           && ffmpeg.exitCode() == 0;
-}
-
-bool makeVideo(const QString &path, int seconds, const QSize &size)
-{
-    return runFfmpeg({QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"),
-                      QStringLiteral("testsrc=duration=%1:size=%2x%3:rate=10")
-                          .arg(seconds)
-                          .arg(size.width())
-                          .arg(size.height()),
-                      QStringLiteral("-pix_fmt"), QStringLiteral("yuv420p"), path});
-}
-
 bool makeGif(const QString &path, int frames, const QSize &size)
 {
-    return runFfmpeg(
-        {QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"),
-         QStringLiteral("testsrc=size=%1x%2:rate=10").arg(size.width()).arg(size.height()),
-         QStringLiteral("-frames:v"), QString::number(frames), path});
+    QProcess ffmpeg;
+    ffmpeg.start(QStringLiteral("ffmpeg"),
+                 {QStringLiteral("-y"), QStringLiteral("-loglevel"), QStringLiteral("error"),
+                  QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"),
+                  QStringLiteral("testsrc=size=%1x%2:rate=10").arg(size.width()).arg(size.height()),
+                  QStringLiteral("-frames:v"), QString::number(frames), path});
+    return ffmpeg.waitForFinished(60000) && ffmpeg.exitStatus() == QProcess::NormalExit
+           && ffmpeg.exitCode() == 0;
 }
 
 bool writeFile(const QString &path, const QByteArray &content)
@@ -235,22 +214,35 @@ QByteArray readFile(const QString &path)
     return file.readAll();
 }
 
-std::unique_ptr<CommandLineParser> makeParser(const QStringList &arguments)
+QByteArray xmlItem(const QString &uri, const QString &type, int seconds)
 {
-    // The parser copies what it reads, so the argument storage may end with this call.
-    std::vector<QByteArray> storage{QByteArray("vorsane-kiosk")};
-    for (const QString &argument : arguments)
-        storage.push_back(argument.toUtf8());
-    std::vector<char *> argv;
-    for (QByteArray &bytes : storage)
-        argv.push_back(bytes.data());
-    argv.push_back(nullptr);
-    return std::make_unique<CommandLineParser>(int(storage.size()), argv.data());
+    const QString time = seconds < 0 ? QString() : QStringLiteral(" time=\"%1\"").arg(seconds);
+    return QStringLiteral("<item uri=\"%1\" type=\"%2\"%3/>\n")
+        .arg(uri.toHtmlEscaped(), type, time)
+        .toUtf8();
+}
+
+QByteArray xmlLoop(const QString &attributes, const QByteArray &items)
+{
+    return "<loop " + attributes.toUtf8() + ">\n" + items + "</loop>\n";
+}
+
+QByteArray schedule(const QByteArray &loops)
+{
+    return "<?xml version=\"1.0\"?>\n<schedule name=\"test\">\n" + loops + "</schedule>\n";
+}
+
+QString clockIn(qint64 seconds)
+{
+    return QDateTime::currentDateTime().addSecs(seconds).toString(QStringLiteral("hh:mm"));
 }
 
 std::unique_ptr<CommandLineParser> makeParser(const QString &basePath)
 {
-    return makeParser(QStringList{QStringLiteral("--basepath"), basePath});
+    // The parser copies what it reads, so the argument storage may end with this call.
+    QByteArray storage[] = {"vorsane-kiosk", "--basepath", basePath.toUtf8()};
+    char *argv[] = {storage[0].data(), storage[1].data(), storage[2].data(), nullptr};
+    return std::make_unique<CommandLineParser>(3, argv);
 }
 
 quint16 closedPort()

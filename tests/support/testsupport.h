@@ -43,10 +43,10 @@ public:
     void addHanging(const QString &name);
     // A stand-in with a shell body of its own; it still records its arguments.
     void addScript(const QString &name, const QByteArray &body);
+    // The desktop commands the program runs on its own, all succeeding silently.
+    void addDesktopCommands();
 
-    // Every call's argument list, in order.
-    QList<QStringList> calls(const QString &name) const;
-    // Every call as one line, arguments joined by blanks.
+    // Every call with arguments as one line, arguments joined by blanks, in order.
     QStringList callLines(const QString &name) const;
     QString dir() const { return m_dir.path(); }
 
@@ -71,16 +71,21 @@ public:
 // Media files made on the spot.
 bool makeImage(const QString &path, const QSize &size, const QColor &color,
                const char *format = nullptr);
-bool makePdf(const QString &path, int pages);
+// One solid page per colour, small enough to be scaled up to the screen.
+bool makePdf(const QString &path, const QList<QColor> &pages);
 // Generated with ffmpeg; false when ffmpeg is missing or fails.
-bool makeVideo(const QString &path, int seconds, const QSize &size = QSize(64, 48));
 bool makeGif(const QString &path, int frames, const QSize &size = QSize(32, 32));
 bool writeFile(const QString &path, const QByteArray &content);
 QByteArray readFile(const QString &path);
 
-// A command line parsed as the program would parse it; the program name comes first by itself.
-std::unique_ptr<CommandLineParser> makeParser(const QStringList &arguments);
-// The usual one: every configuration file under a base path.
+// Schedule documents as content servers write them; seconds below 0 leave the time out.
+QByteArray xmlItem(const QString &uri, const QString &type, int seconds = 60);
+QByteArray xmlLoop(const QString &attributes, const QByteArray &items);
+QByteArray schedule(const QByteArray &loops);
+// The local time that many seconds from now, as schedules write it ("hh:mm").
+QString clockIn(qint64 seconds);
+
+// The program's command line with every configuration file under a base path.
 std::unique_ptr<CommandLineParser> makeParser(const QString &basePath);
 
 // A port on 127.0.0.1 where nothing listens.
