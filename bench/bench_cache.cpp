@@ -180,7 +180,10 @@ int main(int argc, char **argv)
     PlaylistItem::initStrings();
 
     testsupport::HttpServer server;
-    if (!server.isListening()) {
+    int requests = 0;
+    QObject::connect(&server, &testsupport::HttpServer::requestReceived,
+                     [&requests] { ++requests; });
+    if (server.url(QString()).port() <= 0) {
         std::fprintf(stderr, "cannot start the local server\n");
         return 1;
     }
@@ -207,11 +210,11 @@ int main(int argc, char **argv)
     std::printf("Cache fill: %d items of %d KiB from 127.0.0.1, median of %d rounds\n",
                 options.count, options.sizeKib, options.rounds);
 
-    int requestsBefore = server.totalRequests();
+    int requestsBefore = requests;
     report("first walk, empty cache",
            measure(options.rounds, emptyCache, [&] { return walk(server, options.count, true); }),
            bytes);
-    const int requestsCold = (server.totalRequests() - requestsBefore) / options.rounds;
+    const int requestsCold = (requests - requestsBefore) / options.rounds;
 
     int stored = 0;
     for (int i = 0; i < options.count; ++i) {
@@ -220,12 +223,12 @@ int main(int argc, char **argv)
         stored += file.open(QIODevice::ReadOnly) && file.readAll() == content ? 1 : 0;
     }
 
-    requestsBefore = server.totalRequests();
+    requestsBefore = requests;
     report("second walk, revalidated (HEAD each)",
            measure(
                options.rounds, [] {}, [&] { return walk(server, options.count, true); }),
            0);
-    const int requestsWarm = (server.totalRequests() - requestsBefore) / options.rounds;
+    const int requestsWarm = (requests - requestsBefore) / options.rounds;
     report("second walk, cache trusted",
            measure(
                options.rounds, [] {}, [&] { return walk(server, options.count, false); }),

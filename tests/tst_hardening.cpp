@@ -146,29 +146,30 @@ void TestHardening::endlessScriptEndsTheProgramNotTheShow()
 {
     HttpServer server;
     server.setRoute("/started", "ok");
-    server.setRoute("/endless.html",
-                    "<html><body style='background:#00f'><script>var r=new XMLHttpRequest();"
-                    "r.open('GET','/started',false);r.send();while(true){}</script></body></html>",
-                    200, {{"Content-Type", "text/html"}});
+    for (const char *path : {"/endless.html", "/again.html"})
+        server.setRoute(path,
+                        "<html><body><script>var r=new XMLHttpRequest();r.open('GET','/started',"
+                        "false);r.send();while(true){}</script></body></html>",
+                        200, {{"Content-Type", "text/html"}});
     KioskProcess kiosk;
     kiosk.fakes().add("lxpanel");
     kiosk.setEnvironment("XDG_CURRENT_DESKTOP", "LXDE");
     const QByteArray playlist = "#Vorsane playlist\n" + server.url("/endless.html").toEncoded()
-                                + " 1\n" + picture(kiosk, "red.png", Qt::red, "600");
+                                + " 1\n" + server.url("/again.html").toEncoded() + " 60\n";
 
-    // Ctrl-C while the script holds the program still ends it, the desktop given back.
-    QVERIFY(kiosk.start(playlist, "fullscreen=true\n"));
-    QTRY_VERIFY_WITH_TIMEOUT(server.requestCount("/started") == 1, 20000);
-    QCOMPARE(kiosk.interrupt(6000), 2);
-    QCOMPARE(kiosk.fakes().callLines("lxpanel"), QStringList{"--profile LXDE-pi"});
-    // Left alone, it ends itself, for the session to start it again (the server must go on
-    // answering meanwhile, hence no blocking wait)...
+    // Left alone, the program ends itself for the session to start it again (the server must go
+    // on answering meanwhile, hence no blocking wait)...
     QVERIFY(kiosk.start(playlist, "fullscreen=true\n"));
     QTRY_COMPARE_WITH_TIMEOUT(kiosk.process().state(), QProcess::NotRunning, 25000);
     QCOMPARE(kiosk.process().exitCode(), 3);
-    // ...and then the page is shown without its scripts, for its time only.
+    QCOMPARE(server.requestCount("/started"), 1);
+    // ...which shows that page without its scripts, for its time only, and goes on.
     QVERIFY(kiosk.start(playlist, "fullscreen=true\n"));
-    QVERIFY2(kiosk.screenShows(Qt::red, 20000), kiosk.log().right(3000));
-    QCOMPARE(server.requestCount("/started"), 2);
+    QTRY_VERIFY_WITH_TIMEOUT(server.requestCount("/started") == 2, 20000);
     QVERIFY(kiosk.log().contains("without scripts"));
+    // Ctrl-C while the next one holds the program still ends it, the desktop given back.
+    QCOMPARE(kiosk.interrupt(6000), 2);
+    // Both ends gave the desktop panel back.
+    QCOMPARE(kiosk.fakes().callLines("lxpanel"),
+             QStringList({"--profile LXDE-pi", "--profile LXDE-pi"}));
 }

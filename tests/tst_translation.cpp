@@ -2,12 +2,15 @@
 #include "kioskprocess.h"
 
 #include <QFileInfo>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
 #include <QProcess>
 #include <QtTest>
 
 using namespace testsupport;
 
-// The real program under the user's locale: its offline message box, titled in that language.
+// The real programs under the user's locale: the offline message box, titled in that language,
+// and the remote-control page.
 class TestTranslation : public QObject
 {
     Q_OBJECT
@@ -46,15 +49,19 @@ void TestTranslation::offlineMessageSpeaksTheUsersLanguage_data()
 {
     QTest::addColumn<QByteArray>("locale");
     QTest::addColumn<QString>("title");
-    QTest::newRow("French") << QByteArray("fr_FR.UTF-8") << QStringLiteral("Réseau inaccessible");
+    QTest::addColumn<QString>("next");
+    QTest::newRow("French") << QByteArray("fr_FR.UTF-8") << QStringLiteral("Réseau inaccessible")
+                            << QStringLiteral(">Suivant<");
     QTest::newRow("no translation for the locale")
-        << QByteArray("xx_YY.UTF-8") << QStringLiteral("Network unreachable");
+        << QByteArray("xx_YY.UTF-8") << QStringLiteral("Network unreachable")
+        << QStringLiteral(">Next<");
 }
 
 void TestTranslation::offlineMessageSpeaksTheUsersLanguage()
 {
     QFETCH(QByteArray, locale);
     QFETCH(QString, title);
+    QFETCH(QString, next);
     qputenv("LANG", locale);
     qputenv("LC_ALL", locale);
     KioskProcess kiosk;
@@ -68,12 +75,29 @@ void TestTranslation::offlineMessageSpeaksTheUsersLanguage()
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
         xwininfo.setProcessEnvironment(env);
-        xwininfo.start(QStringLiteral("xwininfo"), {QStringLiteral("-root"), QStringLiteral("-tree")});
+        xwininfo.start(QStringLiteral("xwininfo"),
+                       {QStringLiteral("-root"), QStringLiteral("-tree")});
         xwininfo.waitForFinished();
         return QString::fromUtf8(xwininfo.readAllStandardOutput());
     };
     QTRY_VERIFY_WITH_TIMEOUT(windowTitles().contains(QLatin1Char('"') + title + QLatin1Char('"')),
                              20000);
+
+    QProcess remote;
+    const quint16 port = closedPort();
+    remote.start(QStringLiteral(VORSANE_REMOTE_BIN),
+                 {"--port", QString::number(port), "--basepath", kiosk.confDir()});
+    QVERIFY(remote.waitForStarted());
+    const auto page = [port] {
+        QNetworkAccessManager network;
+        std::unique_ptr<QNetworkReply> reply(
+            network.get(QNetworkRequest(QUrl(QStringLiteral("http://127.0.0.1:%1/").arg(port)))));
+        QSignalSpy(reply.get(), &QNetworkReply::finished).wait(5000);
+        return QString::fromUtf8(reply->readAll());
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(page().contains(next), 10000);
+    remote.terminate();
+    QVERIFY(remote.waitForFinished());
 }
 
 QTEST_GUILESS_MAIN(TestTranslation)

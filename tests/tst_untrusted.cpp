@@ -178,6 +178,10 @@ void TestUntrusted::hiddenFilesAndOddNames()
     const QByteArray png = readFile(dir + "/photo.png");
     QCOMPARE(::write(fd, png.constData(), png.size()), ssize_t(png.size()));
     ::close(fd);
+    // A link left from a file that is gone since.
+    const QString stale = m_home->filePath(".vorsane-kiosk/aliases/stale.png");
+    QVERIFY(QDir().mkpath(QFileInfo(stale).path()));
+    QVERIFY(QFile::link(dir + "/gone.png", stale));
 
     LogCapture log;
     const QString text
@@ -194,6 +198,7 @@ void TestUntrusted::hiddenFilesAndOddNames()
     const QStringList aliases = urls.filter("/.vorsane-kiosk/aliases/");
     QCOMPARE(aliases.size(), 2);
     QVERIFY(aliases.first().endsWith(".png"));
+    QVERIFY(!QFileInfo(stale).isSymLink());
     urls = urls.filter(QRegularExpression("/(photo|b)\\.png$"));
     QCOMPARE(urls, QStringList({"file://" + dir + "/photo.png", "file://" + dir + "/sub/b.png"}));
 }

@@ -5,6 +5,8 @@
 
 #include <QtTest>
 
+#include <sys/stat.h>
+
 using namespace testsupport;
 
 // The list semantics of the kiosk's URL filter, decided by a real page over a real restriction
@@ -64,6 +66,12 @@ void TestUrlFilter::decision_data()
         << "whitelist" << QByteArray("(open\nmuseum\n") << false << "http://museum.org/" << true;
     QTest::newRow("invalid pattern matches nothing")
         << "whitelist" << QByteArray("(open\n") << false << "http://x.org/(open" << false;
+    // Rejected whole, without waiting for a writer or compiling for minutes.
+    QTest::newRow("restriction file that is a FIFO")
+        << "whitelist" << QByteArray("FIFO") << false << "http://museum.org/" << false;
+    QTest::newRow("restriction file over 16 MB")
+        << "whitelist" << QByteArray("museum\n").leftJustified(17 << 20, '\n') << false
+        << "http://museum.org/" << false;
 }
 
 void TestUrlFilter::decision()
@@ -76,7 +84,12 @@ void TestUrlFilter::decision()
 
     TempHome home;
     const auto parser = makeParser(home.filePath(QStringLiteral("conf")));
-    QVERIFY(writeFile(home.filePath(QStringLiteral("conf/list")), list));
+    const QString path = home.filePath(QStringLiteral("conf/list"));
+    if (list == "FIFO")
+        QVERIFY(QDir().mkpath(QFileInfo(path).path())
+                && ::mkfifo(QFile::encodeName(path).constData(), 0600) == 0);
+    else
+        QVERIFY(writeFile(path, list));
     for (const char *useRegex : {"true", "false"}) {
         QVERIFY(writeFile(home.filePath(QStringLiteral("conf/preferences")),
                           "[main]\nversion=QFGLs6IVf1\nlist_mode=" + mode.toUtf8()
