@@ -24,6 +24,7 @@ remove_chroot() {
 
 make_chroot() {
     root=$(mktemp -d /var/tmp/vorsane-chroot.XXXXXX)
+    chmod 755 "$root" # apt downloads as the user _apt
     trap remove_chroot EXIT
     echo "Making a Debian 12 chroot in $root"
     debootstrap --variant="$1" bookworm "$root" "$mirror" >"$root.log" 2>&1 \

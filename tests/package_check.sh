@@ -19,7 +19,7 @@ if [ "$arch" != "$(in_root dpkg --print-architecture)" ]; then
     in_root apt-get update -qq || fail "apt-get update"
     extra=(qemu-user-static)
     run=("/usr/bin/qemu-$(dpkg-architecture -a"$arch" -qDEB_HOST_GNU_CPU 2>/dev/null)-static" -L /)
-    play_seconds=120
+    play_seconds=40
 fi
 cp "$deb" "$root/tmp/"
 in_root apt-get install -y -q --no-install-recommends "${extra[@]}" "/tmp/$(basename "$deb")" \
