@@ -10,6 +10,7 @@ deb=$(realpath "$1")
 make_chroot minbase
 arch=$(dpkg-deb -f "$deb" Architecture)
 run=()
+contain=()
 extra=()
 play_seconds=20
 if [ "$arch" != "$(in_root dpkg --print-architecture)" ]; then
@@ -20,6 +21,9 @@ if [ "$arch" != "$(in_root dpkg --print-architecture)" ]; then
     extra=(qemu-user-static)
     run=("/usr/bin/qemu-$(dpkg-architecture -a"$arch" -qDEB_HOST_GNU_CPU 2>/dev/null)-static" -L /)
     play_seconds=40
+    # Under qemu the player's kill of a helper it could not start reaches far beyond it (the
+    # machine's other processes died): it plays in a PID namespace of its own.
+    contain=(unshare --pid --fork --kill-child)
 fi
 cp "$deb" "$root/tmp/"
 in_root apt-get install -y -q --no-install-recommends "${extra[@]}" "/tmp/$(basename "$deb")" \
@@ -75,7 +79,7 @@ grep -q '^Exec=vorsane-kiosk-session$' "$root/etc/xdg/autostart/vorsane-kiosk.de
 # The default configuration plays the demo pictures: the first one runs its five seconds.
 mkdir -p "$root/tmp/home"
 in_root env HOME=/tmp/home QT_QPA_PLATFORM=offscreen XDG_CURRENT_DESKTOP=none \
-    timeout -s INT "$play_seconds" "${run[@]}" /usr/bin/vorsane-kiosk >"$root/tmp/run.log" 2>&1 || true
+    "${contain[@]}" timeout -s INT "$play_seconds" "${run[@]}" /usr/bin/vorsane-kiosk >"$root/tmp/run.log" 2>&1 || true
 log=$(cat "$root/tmp/run.log")
 grep -q 'onTimeoutImpl' <<<"$log" || { echo "$log" | tail -30; fail "the demo playlist did not play"; }
 for bad in "Software has been updated" "Nothing to display" "Cannot read playlist"; do
