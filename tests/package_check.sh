@@ -21,8 +21,9 @@ if [ "$arch" != "$(in_root dpkg --print-architecture)" ]; then
     extra=(qemu-user-static)
     run=("/usr/bin/qemu-$(dpkg-architecture -a"$arch" -qDEB_HOST_GNU_CPU 2>/dev/null)-static" -L /)
     play_seconds=40
-    # Under qemu the player's kill of a helper it could not start reaches far beyond it (the
-    # machine's other processes died): it plays in a PID namespace of its own.
+    # qemu refuses the clone() with a pidfd that Qt starts helper programs with; Qt then stops
+    # the helper it thinks runs with kill(-1), i.e. every process of the machine. So the
+    # emulated player plays in a PID namespace of its own.
     contain=(unshare --pid --fork --kill-child)
 fi
 cp "$deb" "$root/tmp/"
@@ -79,7 +80,8 @@ grep -q '^Exec=vorsane-kiosk-session$' "$root/etc/xdg/autostart/vorsane-kiosk.de
 # The default configuration plays the demo pictures: the first one runs its five seconds.
 mkdir -p "$root/tmp/home"
 in_root env HOME=/tmp/home QT_QPA_PLATFORM=offscreen XDG_CURRENT_DESKTOP=none \
-    "${contain[@]}" timeout -s INT "$play_seconds" "${run[@]}" /usr/bin/vorsane-kiosk >"$root/tmp/run.log" 2>&1 || true
+    "${contain[@]}" timeout -s INT "$play_seconds" "${run[@]}" /usr/bin/vorsane-kiosk \
+    >"$root/tmp/run.log" 2>&1 || true
 log=$(cat "$root/tmp/run.log")
 grep -q 'onTimeoutImpl' <<<"$log" || { echo "$log" | tail -30; fail "the demo playlist did not play"; }
 for bad in "Software has been updated" "Nothing to display" "Cannot read playlist"; do
