@@ -5,33 +5,50 @@
 #   bash tests/package_check.sh dist/vorsane-kiosk_1.0_amd64.deb
 set -euo pipefail
 deb=$(realpath "$1")
-mirror=${DEBIAN_MIRROR:-http://deb.debian.org/debian}
-root=$(mktemp -d /var/tmp/vorsane-chroot.XXXXXX)
-mounted=()
-cleanup() {
-    for m in "${mounted[@]}"; do umount -l "$m" || true; done
-    rm -rf --one-file-system "$root"
-}
-trap cleanup EXIT
-fail() { echo "FAIL: $*" >&2; exit 1; }
-in_root() { chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin "$@"; }
+. "$(dirname "$0")/../scripts/debian-chroot.sh"
 
-echo "Making a Debian 12 chroot in $root"
-debootstrap --variant=minbase bookworm "$root" "$mirror" >"$root.log" 2>&1 \
-    || { tail -20 "$root.log"; fail "debootstrap"; }
-rm -f "$root.log"
-if mount -t proc proc "$root/proc" 2>/dev/null; then mounted+=("$root/proc"); fi
-
-# No services start inside the chroot.
-printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d"
-chmod +x "$root/usr/sbin/policy-rc.d"
+make_chroot minbase
+arch=$(dpkg-deb -f "$deb" Architecture)
+run=()
+contain=()
+extra=()
+play_seconds=20
+if [ "$arch" != "$(in_root dpkg --print-architecture)" ]; then
+    # A package for another architecture (arm64 built on amd64) gets its libraries from the same
+    # root made multiarch, and its programs run under qemu's user-mode emulator, without binfmt_misc.
+    in_root dpkg --add-architecture "$arch"
+    in_root apt-get update -qq || fail "apt-get update"
+    extra=(qemu-user-static)
+    run=("/usr/bin/qemu-$(dpkg-architecture -a"$arch" -qDEB_HOST_GNU_CPU 2>/dev/null)-static" -L /)
+    play_seconds=40
+    # qemu refuses the clone() with a pidfd that Qt starts helper programs with; Qt then stops
+    # the helper it thinks runs with kill(-1), i.e. every process of the machine. So the
+    # emulated player plays in a PID namespace of its own.
+    contain=(unshare --pid --fork --kill-child)
+fi
 cp "$deb" "$root/tmp/"
-in_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends \
-    "/tmp/$(basename "$deb")" >/dev/null || fail "apt could not install the package"
+in_root apt-get install -y -q --no-install-recommends "${extra[@]}" "/tmp/$(basename "$deb")" \
+    >/dev/null || fail "apt could not install the package"
 
-help=$(in_root vorsane-kiosk --help) || fail "vorsane-kiosk --help failed"
+# Both programs are built for the package's architecture and start (their libraries load).
+case $arch in
+    amd64) elf="ELF 64-bit LSB pie executable, x86-64" ;;
+    arm64) elf="ELF 64-bit LSB pie executable, ARM aarch64" ;;
+    armhf) elf="ELF 32-bit LSB pie executable, ARM, EABI5" ;;
+    *) elf="ELF" ;;
+esac
+for p in vorsane-kiosk vorsane-remote; do
+    what=$(file -b "$root/usr/bin/$p")
+    [[ $what == "$elf"* ]] || fail "$p is not a $arch program: $what"
+    echo "$p: ${what%%, BuildID*}"
+done
+help=$(in_root "${run[@]}" /usr/bin/vorsane-kiosk --help) || fail "vorsane-kiosk --help failed"
 grep -qF -- "--basepath     Use this as default base path (default=/etc/xdg/sitedeck)" <<<"$help" \
     || fail "unexpected help text: $help"
+grep -F -- "--basepath" <<<"$help"
+help=$(in_root "${run[@]}" /usr/bin/vorsane-remote --help) || fail "vorsane-remote --help failed"
+grep -q '^Usage: vorsane-remote ' <<<"$help" || fail "unexpected help text: $help"
+head -1 <<<"$help"
 
 # Every data or configuration path compiled into the program must exist in the installed system.
 # The /usr/local one is only ever written to the debug output, never opened.
@@ -63,7 +80,8 @@ grep -q '^Exec=vorsane-kiosk-session$' "$root/etc/xdg/autostart/vorsane-kiosk.de
 # The default configuration plays the demo pictures: the first one runs its five seconds.
 mkdir -p "$root/tmp/home"
 in_root env HOME=/tmp/home QT_QPA_PLATFORM=offscreen XDG_CURRENT_DESKTOP=none \
-    timeout -s INT 20 vorsane-kiosk >"$root/tmp/run.log" 2>&1 || true
+    "${contain[@]}" timeout -s INT "$play_seconds" "${run[@]}" /usr/bin/vorsane-kiosk \
+    >"$root/tmp/run.log" 2>&1 || true
 log=$(cat "$root/tmp/run.log")
 grep -q 'onTimeoutImpl' <<<"$log" || { echo "$log" | tail -30; fail "the demo playlist did not play"; }
 for bad in "Software has been updated" "Nothing to display" "Cannot read playlist"; do
