@@ -142,7 +142,10 @@ int main(int argc, char *argv[])
         write(path, "#!/bin/sh\nexit 0\n");
         QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
     }
-    write(conf + QStringLiteral("/playlist"), makeContent(media));
+    const QByteArray playlist = makeContent(media);
+    write(conf + QStringLiteral("/playlist"), playlist);
+    // Two rounds show every kind of item, so each library and engine has been loaded once.
+    const int warmAfter = 2 * int(playlist.count("<i "));
     write(conf + QStringLiteral("/preferences"),
           "[main]\nversion=QFGLs6IVf1\nfullscreen=false\n[slideshow]\nhide_pointer=false\n");
 
@@ -204,9 +207,11 @@ int main(int argc, char *argv[])
 
     QElapsedTimer clock;
     clock.start();
-    // The first rounds load libVLC's plugins, the script engine and fill the toolkit's bounded
-    // caches; growth over the second half is what would add up over months.
+    // The first rounds load libVLC's plugins and the script engine, and the toolkit's bounded
+    // caches fill for a while after; growth over the second half is what would add up over
+    // months.
     Usage warm;
+    Usage second;
     const int half = count / 2;
     int done = 0;
     while (done < count && kiosk.state() == QProcess::Running) {
@@ -216,11 +221,13 @@ int main(int argc, char *argv[])
             break;
         }
         ++done;
-        if (done % 1000 == 0 || done == half) {
+        if (done % 1000 == 0 || done == half || done == warmAfter) {
             const Usage now = usageOf(kiosk.processId());
-            if (done == half)
+            if (done == warmAfter)
                 warm = now;
-            print("", done, now);
+            if (done == half)
+                second = now;
+            print(done == warmAfter ? "warm" : "", done, now);
         }
     }
     const Usage end = usageOf(kiosk.processId());
@@ -228,10 +235,14 @@ int main(int argc, char *argv[])
     std::printf("%d transitions in %.1f s; RSS %+lld KiB, fds %+d, threads %+d\n", done,
                 clock.elapsed() / 1000.0, static_cast<long long>(end.rssKib - start.rssKib),
                 end.fds - start.fds, end.threads - start.threads);
-    if (warm.rssKib > 0)
-        std::printf("second half: RSS %+lld KiB, fds %+d, threads %+d\n",
-                    static_cast<long long>(end.rssKib - warm.rssKib), end.fds - warm.fds,
-                    end.threads - warm.threads);
+    const auto growth = [&end](const char *since, const Usage &from) {
+        if (from.rssKib > 0)
+            std::printf("since %s: RSS %+lld KiB, fds %+d, threads %+d\n", since,
+                        static_cast<long long>(end.rssKib - from.rssKib), end.fds - from.fds,
+                        end.threads - from.threads);
+    };
+    growth("every kind was shown", warm);
+    growth("the second half began", second);
 
     kiosk.terminate();
     if (!kiosk.waitForFinished(10000))
