@@ -6,6 +6,8 @@
 #include <QThread>
 #include <QTimer>
 
+#include <malloc.h>
+
 namespace {
 
 class Graveyard : public QObject
@@ -16,6 +18,11 @@ public:
     {
         m_timer.setInterval(100);
         QObject::connect(&m_timer, &QTimer::timeout, this, [this] { flush(); });
+        // Pages freed by the shown items go back to the system instead of staying with the
+        // process: over months of pictures, pages and videos they would crowd a small board.
+        m_trim.setSingleShot(true);
+        m_trim.setInterval(500);
+        QObject::connect(&m_trim, &QTimer::timeout, this, [] { malloc_trim(0); });
     }
 
     void add(QObject *object, int level)
@@ -31,8 +38,11 @@ private:
         for (auto it = m_entries.begin(); it != m_entries.end();) {
             // The application's own loop is the base level of everything shown in it.
             if (!it->object || level <= qMax(it->level, 1)) {
-                if (it->object)
+                if (it->object) {
                     it->object->deleteLater();
+                    if (!m_trim.isActive())
+                        m_trim.start();
+                }
                 it = m_entries.erase(it);
             } else {
                 ++it;
@@ -51,6 +61,7 @@ private:
     };
     QList<Entry> m_entries;
     QTimer m_timer;
+    QTimer m_trim;
 };
 
 Graveyard *graveyard()
