@@ -24,7 +24,7 @@ namespace {
 // is not mistaken for content.
 const qint64 stallLimitMs = 8000;
 // How long a signal that ends the program may wait for the GUI thread.
-const qint64 signalLimitMs = 3000;
+const qint64 signalLimitMs = 2000;
 const qint64 scriptsOffSeconds = 24 * 60 * 60;
 
 std::atomic<qint64> s_lastBeat{0};

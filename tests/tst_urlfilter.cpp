@@ -60,6 +60,8 @@ void TestUrlFilter::decision_data()
         << "whitelist" << QByteArray("(ab)\\1\n") << false << "http://x.org/ab" << false;
     QTest::newRow("at most count, QRegExp only")
         << "whitelist" << QByteArray("xa{,2}y\n") << false << "http://xay.org/" << true;
+    QTest::newRow("count with a leading zero, QRegExp only")
+        << "whitelist" << QByteArray("xa{02}y\n") << false << "http://xaay.org/" << true;
     QTest::newRow("word class takes letters beyond ASCII")
         << "whitelist" << QByteArray("caf\\w/\n") << false << "http://x.org/caf\u00e9/" << true;
     QTest::newRow("invalid pattern dropped, others kept")

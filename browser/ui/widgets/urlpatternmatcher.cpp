@@ -33,25 +33,28 @@ bool isAsciiPunct(QChar c)
     return u < 128 && u > 32 && !c.isLetterOrNumber();
 }
 
+// Counts the ASCII digits from i on; -1 when they start with a zero followed by more digits,
+// which RE2 takes as text where QRegExp counts ("{05}").
+int countDigits(const QString &pattern, int &i)
+{
+    const int first = i;
+    while (i < pattern.size() && pattern.at(i).unicode() < 128 && pattern.at(i).isDigit())
+        ++i;
+    const int digits = i - first;
+    return digits > 1 && pattern.at(first) == QLatin1Char('0') ? -1 : digits;
+}
+
 // "{n}", "{n,}" or "{n,m}" starting at from; RE2 reads "{,m}" as text where QRegExp counts.
 bool plainRepeat(const QString &pattern, int from)
 {
     int i = from + 1;
-    int digits = 0;
-    while (i < pattern.size() && pattern.at(i).unicode() < 128 && pattern.at(i).isDigit()) {
-        ++i;
-        ++digits;
-    }
-    if (digits == 0 || digits > 3 || i >= pattern.size())
+    const int digits = countDigits(pattern, i);
+    if (digits <= 0 || digits > 3 || i >= pattern.size())
         return false;
     if (pattern.at(i) == QLatin1Char(',')) {
         ++i;
-        int more = 0;
-        while (i < pattern.size() && pattern.at(i).unicode() < 128 && pattern.at(i).isDigit()) {
-            ++i;
-            ++more;
-        }
-        if (more > 3)
+        const int more = countDigits(pattern, i);
+        if (more < 0 || more > 3)
             return false;
     }
     return i < pattern.size() && pattern.at(i) == QLatin1Char('}');
