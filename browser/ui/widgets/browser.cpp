@@ -7,9 +7,9 @@
 #include "restrictedwebpage.h"
 #include "restrictedwebview.h"
 #include "settings.h"
-#include "watchdog.h"
 #include "sqlitecookiejar.h"
 #include "utils.h"
+#include "watchdog.h"
 
 #include <QAction>
 #include <QDebug>

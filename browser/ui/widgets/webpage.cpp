@@ -3,8 +3,8 @@
 #include "installpaths.h"
 #include "playlistitem.h"
 #include "settings.h"
-#include "watchdog.h"
 #include "sqlitecookiejar.h"
+#include "watchdog.h"
 
 #include <QAction>
 #include <QDebug>
