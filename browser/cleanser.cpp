@@ -3,6 +3,7 @@
 #include "downloader.h"
 #include "playlistparser.h"
 #include "settings.h"
+#include "statepaths.h"
 #include "utils.h"
 
 #include <QDateTime>
@@ -70,8 +71,8 @@ QStringList addressesIn(const QString &text)
 Cleanser::Cleanser(Settings *settings, QObject *parent)
     : QObject(parent)
     , m_settings(settings)
-    , m_tagDir(QDir::homePath() + QStringLiteral("/.vorsane-kiosk/etag"))
-    , m_dataDir(QDir::homePath() + QStringLiteral("/.vorsane-kiosk/data"))
+    , m_tagDir(StatePaths::tagDir())
+    , m_dataDir(StatePaths::dataDir())
 {
 }
 
@@ -129,7 +130,7 @@ void Cleanser::cleanUntilFree(qint64 available, qint64 needed)
 
 void Cleanser::check()
 {
-    if (m_settings && m_settings->get(QStringLiteral("slideshow/clean_after")).toBool())
+    if (m_settings && m_settings->cleanAfter())
         clean();
 
     const qint64 available = Utils::availableDiskSpace();
@@ -151,7 +152,7 @@ void Cleanser::check()
 void Cleanser::clean()
 {
     const bool expire
-        = m_settings && m_settings->get(QStringLiteral("slideshow/clean_after")).toBool();
+        = m_settings && m_settings->cleanAfter();
     // What the kept playlists still name stays, however old: while the server cannot be reached
     // it is all the show has.
     const QSet<QString> inUse = expire ? namesInUse() : QSet<QString>();
@@ -229,9 +230,7 @@ void Cleanser::listEntries()
 QSet<QString> Cleanser::namesInUse() const
 {
     QStringList playlists{PlaylistParser::localCopyPath(), PlaylistParser::offlineCopyPath()};
-    if (m_settings
-        && m_settings->get(QStringLiteral("slideshow/playlist_update_mode")).toString()
-               == QLatin1String("localPlaylist"))
+    if (m_settings && m_settings->playlistUpdateMode() == Settings::UpdateMode::LocalPlaylist)
         playlists << m_settings->playlistFilename();
     QSet<QString> names;
     for (const QString &path : qAsConst(playlists)) {

@@ -3,6 +3,7 @@
 #include "itemdownloader.h"
 #include "playlistitem.h"
 #include "playlistloop.h"
+#include "statepaths.h"
 
 #include <QDebug>
 #include <QDir>
@@ -19,7 +20,7 @@ const char nothingToDisplay[] = "file://:/image/nothing_to_display.png";
 Downloader::Downloader(PlaylistLoop *loop, bool checkOnline, QObject *parent)
     : QObject(parent)
     , m_loop(loop)
-    , m_root(QDir::homePath() + QStringLiteral("/.vorsane-kiosk"))
+    , m_root(StatePaths::root())
     , m_dataDir(m_root + QStringLiteral("/data"))
     , m_tagDir(m_root + QStringLiteral("/etag"))
     , m_checkOnline(checkOnline)

@@ -2,6 +2,7 @@
 
 #include "cleanser.h"
 #include "settings.h"
+#include "statepaths.h"
 
 #include <QDateTime>
 #include <QDebug>
@@ -24,7 +25,7 @@ const int MaximumTagLength = 4096;
 
 QString cacheFolder(const char *name)
 {
-    return QDir::homePath() + QStringLiteral("/.vorsane-kiosk/") + QLatin1String(name);
+    return StatePaths::path(QLatin1String(name));
 }
 
 // The tag of a stored body: its Last-Modified and its length. A body sent without a length

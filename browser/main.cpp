@@ -4,6 +4,7 @@
 #include "logger.h"
 #include "proxyfactory.h"
 #include "signalrelay.h"
+#include "statepaths.h"
 #include "utils.h"
 #include "viewer.h"
 #include "watchdog.h"
@@ -40,10 +41,7 @@ namespace {
 int run(int argc, char *argv[])
 {
 
-    const QString stateDir
-        = QString::fromLocal8Bit(qgetenv("HOME")) + QLatin1String("/.vorsane-kiosk");
-    if (!QDir(stateDir).exists())
-        QDir().mkdir(stateDir);
+    StatePaths::ensureRoot();
 
     CommandLineParser parser(argc, argv);
     if (parser.helpRequested()) {

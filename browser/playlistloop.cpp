@@ -1,6 +1,7 @@
 #include "playlistloop.h"
 
 #include "settings.h"
+#include "statepaths.h"
 
 #include <QDebug>
 #include <QDir>
@@ -25,11 +26,6 @@ const char usbWarningUrl[] = "file://:/image/usb_auto_insert_warning.png";
 const int demoDuration = 3;
 const int demoSpacing = 4;
 const int mountWaitMs = 30000;
-
-QString homePath()
-{
-    return QString::fromLocal8Bit(qgetenv("HOME"));
-}
 
 // A wall-clock time skipped by a daylight-saving change does not exist; rather than losing the
 // loop for that day, such a time is carried forward by the length of the gap.
@@ -146,8 +142,8 @@ void PlaylistLoop::fromString(const QString &text)
     const QStringList lines = text.split(QLatin1Char('\n'));
     Settings *settings = Settings::load(false, nullptr);
 
-    const QString dragAndDrop = homePath() + QLatin1String("/.vorsane-kiosk/dragndrop");
-    if (settings->get(QStringLiteral("remote/enabled")).toBool()
+    const QString dragAndDrop = StatePaths::dropFolder();
+    if (settings->remoteEnabled()
         && QFileInfo(dragAndDrop).isDir()) {
         qDebug() << "Add drag and drop directory.";
         addDirectoryInItems(dragAndDrop, defaultDuration);
@@ -173,7 +169,7 @@ void PlaylistLoop::fromString(const QString &text)
         }
         if (target == QLatin1String("usb-auto")) {
             qDebug() << "USB Auto in playlist.";
-            const QString usbDir = homePath() + QLatin1String("/.vorsane-kiosk/usbauto");
+            const QString usbDir = StatePaths::usbAutoDir();
             if (addDirectoryInItems(usbDir, duration))
                 usbAdded = true;
             continue;
@@ -322,7 +318,7 @@ QString PlaylistLoop::aliasFor(const QByteArray &path)
     const QByteArray name = path.mid(path.lastIndexOf('/') + 1);
     const int dot = name.lastIndexOf('.');
     const QString suffix = dot > 0 ? QString::fromLatin1(name.mid(dot)) : QString();
-    const QString folder = homePath() + QLatin1String("/.vorsane-kiosk/aliases");
+    const QString folder = StatePaths::aliasesDir();
     const QString alias
         = folder + QLatin1Char('/')
           + QString::fromLatin1(QCryptographicHash::hash(path, QCryptographicHash::Sha1).toHex())

@@ -1,6 +1,7 @@
 #include "playlistparser.h"
 
 #include "flatplaylistparser.h"
+#include "statepaths.h"
 #include "xmlplaylistparser.h"
 
 #include <QApplication>
@@ -104,12 +105,12 @@ QString PlaylistParser::emptySchedule()
 
 QString PlaylistParser::localCopyPath()
 {
-    return QString::fromLocal8Bit(qgetenv("HOME")) + QLatin1String("/.vorsane-kiosk/playlist");
+    return StatePaths::playlistCopy();
 }
 
 QString PlaylistParser::offlineCopyPath()
 {
-    return QString::fromLocal8Bit(qgetenv("HOME")) + QLatin1String("/.vorsane-kiosk/playlist-old");
+    return StatePaths::playlistOld();
 }
 
 PlaylistParser *PlaylistParser::get(int defaultDuration, const QUrl &url, QWidget *widget)

@@ -1,6 +1,7 @@
 #include "remoteserverprocess.h"
 
 #include "logger.h"
+#include "statepaths.h"
 
 #include <QCoreApplication>
 #include <QDebug>
@@ -62,9 +63,8 @@ void RemoteServerProcess::start(int port, const QString &key, const QStringList 
     if (m_wanted)
         return;
     if (!m_lock) {
-        const QString dir = QDir::homePath() + QLatin1String("/.vorsane-kiosk");
-        QDir().mkpath(dir);
-        m_lock = std::make_unique<QLockFile>(dir + QLatin1String("/remote-server.lock"));
+        StatePaths::ensureRoot();
+        m_lock = std::make_unique<QLockFile>(StatePaths::remoteServerLock());
         // Only a dead holder makes the lock stale, however long a kiosk runs.
         m_lock->setStaleLockTime(0);
     }

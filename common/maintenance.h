@@ -1,5 +1,7 @@
 #pragma once
 
+#include "statepaths.h"
+
 #include <QObject>
 #include <QPointer>
 #include <QString>
@@ -28,7 +30,7 @@ public Q_SLOTS:
 
 private:
     const QString m_desktopDir = QStringLiteral("/home/pi/Desktop/");
-    const QString m_dataDir = QStringLiteral("/home/pi/.vorsane-kiosk/data/");
+    const QString m_dataDir = StatePaths::maintenanceDataDir();
     QPointer<QProcess> m_unzip;
     QPointer<QProcess> m_script;
 };

@@ -109,32 +109,32 @@ void Settings::populateDefaults()
     QFont font(QStringLiteral("Droid Sans"), 14);
 
     m_values[QStringLiteral("main/version")] = QString::fromLatin1(currentVersion);
-    m_values[QStringLiteral("main/admin_passwd")] = QString();
+    m_values[Prefs::AdminPassword] = QString();
     m_values[QStringLiteral("main/after_web_session")] = QString();
     m_values[QStringLiteral("main/can_access_fs")] = false;
     m_values[QStringLiteral("main/can_end_session")] = true;
     m_values[QStringLiteral("main/can_print")] = false;
     m_values[QStringLiteral("main/printer_name")] = QString();
     m_values[QStringLiteral("main/default_timer")] = 900;
-    m_values[QStringLiteral("main/default_url")] = defaultUrl;
-    m_values[QStringLiteral("main/fullscreen")] = true;
-    m_values[QStringLiteral("main/hide_toolbar")] = false;
-    m_values[QStringLiteral("main/fixedscreen")] = false;
-    m_values[QStringLiteral("main/largeur_edit")] = QString();
-    m_values[QStringLiteral("main/hauteur_edit")] = QString();
+    m_values[Prefs::DefaultUrl] = defaultUrl;
+    m_values[Prefs::Fullscreen] = true;
+    m_values[Prefs::HideToolbar] = false;
+    m_values[Prefs::FixedScreen] = false;
+    m_values[Prefs::FixedWidth] = QString();
+    m_values[Prefs::FixedHeight] = QString();
     m_values[QStringLiteral("main/list_mode")] = QStringLiteral("none");
     m_values[QStringLiteral("main/list_use_regex")] = false;
     m_values[QStringLiteral("main/max_history")] = 50;
     m_values[QStringLiteral("main/max_windows")] = 0;
-    m_values[QStringLiteral("main/mode")] = QStringLiteral("display");
+    m_values[Prefs::Mode] = QStringLiteral("display");
     m_values[QStringLiteral("main/new_tab_url")] = defaultUrl;
     m_values[QStringLiteral("main/no_screensaver")] = true;
     m_values[QStringLiteral("main/post_session_uri")] = QUrl();
     m_values[QStringLiteral("main/post_session_uri_time")] = 5;
-    m_values[QStringLiteral("main/zoomFactor")] = 1.0;
+    m_values[Prefs::ZoomFactor] = 1.0;
     m_values[QStringLiteral("main/start_with_session")] = true;
-    m_values[QStringLiteral("main/stop_session_after_seconds")] = 120;
-    m_values[QStringLiteral("main/user_agent")] = QString();
+    m_values[Prefs::StopSessionAfterSeconds] = 120;
+    m_values[Prefs::UserAgent] = QString();
     m_values[QStringLiteral("main/with_clear")] = true;
     m_values[QStringLiteral("main/with_timer")] = false;
     m_values[QStringLiteral("main/external_browser")] = false;
@@ -142,32 +142,32 @@ void Settings::populateDefaults()
     m_values[QStringLiteral("main/external_browser_cmd")]
         = QStringLiteral("chromium-browser -kiosk %u");
     m_values[QStringLiteral("remote/direct")] = false;
-    m_values[QStringLiteral("remote/enabled")] = false;
-    m_values[QStringLiteral("remote/port")] = 7575;
+    m_values[Prefs::RemoteEnabled] = false;
+    m_values[Prefs::RemotePort] = 7575;
     m_values[QStringLiteral("remote/url")] = QString();
-    m_values[QStringLiteral("remote/local_url")]
+    m_values[Prefs::RemoteLocalUrl]
         = QStringLiteral("http://localhost:") + QString::number(7575);
-    m_values[QStringLiteral("remote/key")] = QString();
+    m_values[Prefs::RemoteKey] = QString();
     m_values[QStringLiteral("remote/tv")] = true;
     m_values[QStringLiteral("remote/localplaylist")] = true;
     m_values[QStringLiteral("remote/localfs")] = true;
-    m_values[QStringLiteral("slideshow/playlist_update_mode")] = QStringLiteral("localPlaylist");
+    m_values[Prefs::PlaylistUpdateMode] = QStringLiteral("localPlaylist");
     m_values[QStringLiteral("slideshow/default_time")] = 5;
-    m_values[QStringLiteral("slideshow/resize")] = true;
-    m_values[QStringLiteral("slideshow/stretch")] = false;
-    m_values[QStringLiteral("slideshow/auto_scroll")] = false;
+    m_values[Prefs::Resize] = true;
+    m_values[Prefs::Stretch] = false;
+    m_values[Prefs::AutoScroll] = false;
     m_values[QStringLiteral("slideshow/do_local_update")] = false;
     m_values[QStringLiteral("slideshow/hide_pointer")] = true;
-    m_values[QStringLiteral("slideshow/mute")] = false;
+    m_values[Prefs::Mute] = false;
     m_values[QStringLiteral("slideshow/refresh_after_minutes")] = 30;
     m_values[QStringLiteral("slideshow/save_modifications")] = false;
     m_values[QStringLiteral("slideshow/stop_on_event")] = true;
     m_values[QStringLiteral("slideshow/show_address")] = true;
-    m_values[QStringLiteral("slideshow/clean_after")] = false;
+    m_values[Prefs::CleanAfter] = false;
     m_values[QStringLiteral("slideshow/usb_auto")] = false;
     m_values[QStringLiteral("slideshow/shuffle")] = false;
     m_values[QStringLiteral("slideshow/use_remote")] = false;
-    m_values[QStringLiteral("slideshow/url")] = QString();
+    m_values[Prefs::PlaylistUrl] = QString();
     m_values[QStringLiteral("slideshow/external_player")] = true;
     m_values[QStringLiteral("slideshow/external_browser")] = false;
     m_values[QStringLiteral("webpage/default_font")] = font;
@@ -189,6 +189,141 @@ void Settings::readAutostarted()
 QVariant Settings::get(const QString &key) const
 {
     return m_values.value(key);
+}
+
+Settings::Mode Settings::mode() const
+{
+    const QString mode = get(Prefs::Mode).toString();
+    if (mode == QLatin1String("display"))
+        return Mode::Display;
+    if (mode == QLatin1String("kiosk"))
+        return Mode::Kiosk;
+    return Mode::Other;
+}
+
+Settings::UpdateMode Settings::playlistUpdateMode() const
+{
+    const QString mode = get(Prefs::PlaylistUpdateMode).toString();
+    if (mode == QLatin1String("localPlaylist"))
+        return UpdateMode::LocalPlaylist;
+    if (mode == QLatin1String("serverVorsaneTV"))
+        return UpdateMode::Server;
+    if (mode == QLatin1String("serverVorsaneTVPrivate"))
+        return UpdateMode::ServerPrivate;
+    return UpdateMode::Other;
+}
+
+bool Settings::serverMode() const
+{
+    const UpdateMode mode = playlistUpdateMode();
+    return mode == UpdateMode::Server || mode == UpdateMode::ServerPrivate;
+}
+
+QString Settings::playlistPages() const
+{
+    const QString pages = get(Prefs::Pages).toString();
+    return pages.isEmpty() ? get(Prefs::PlaylistUrl).toString() : pages;
+}
+
+bool Settings::passwordSet() const
+{
+    // Deliberately the variant's truth: "0" and "false" count as no password, as they always did.
+    return get(Prefs::AdminPassword).toBool();
+}
+
+QString Settings::adminPassword() const
+{
+    return get(Prefs::AdminPassword).toString();
+}
+
+QString Settings::defaultUrl() const
+{
+    return get(Prefs::DefaultUrl).toString();
+}
+
+bool Settings::fullscreen() const
+{
+    return get(Prefs::Fullscreen).toBool();
+}
+
+bool Settings::fixedScreen() const
+{
+    return get(Prefs::FixedScreen).toBool();
+}
+
+int Settings::fixedWidth() const
+{
+    return get(Prefs::FixedWidth).toInt();
+}
+
+int Settings::fixedHeight() const
+{
+    return get(Prefs::FixedHeight).toInt();
+}
+
+bool Settings::hideToolbar() const
+{
+    return get(Prefs::HideToolbar).toBool();
+}
+
+int Settings::stopSessionAfterSeconds() const
+{
+    return get(Prefs::StopSessionAfterSeconds).toInt();
+}
+
+QString Settings::userAgent() const
+{
+    return get(Prefs::UserAgent).toString();
+}
+
+double Settings::zoomFactor() const
+{
+    return get(Prefs::ZoomFactor).toDouble();
+}
+
+bool Settings::remoteEnabled() const
+{
+    return get(Prefs::RemoteEnabled).toBool();
+}
+
+QString Settings::remoteKey() const
+{
+    return get(Prefs::RemoteKey).toString();
+}
+
+QString Settings::remoteLocalUrl() const
+{
+    return get(Prefs::RemoteLocalUrl).toString();
+}
+
+int Settings::remotePort() const
+{
+    return get(Prefs::RemotePort).toInt();
+}
+
+bool Settings::autoScroll() const
+{
+    return get(Prefs::AutoScroll).toBool();
+}
+
+bool Settings::cleanAfter() const
+{
+    return get(Prefs::CleanAfter).toBool();
+}
+
+bool Settings::mute() const
+{
+    return get(Prefs::Mute).toBool();
+}
+
+bool Settings::resize() const
+{
+    return get(Prefs::Resize).toBool();
+}
+
+bool Settings::stretch() const
+{
+    return get(Prefs::Stretch).toBool();
 }
 
 void Settings::set(const QString &key, int value)

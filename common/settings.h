@@ -9,6 +9,34 @@
 
 class CommandLineParser;
 
+// Keys of the preferences read in more than one place; the defaults are filed under the same
+// constants, so a mistyped key cannot compile.
+namespace Prefs {
+inline const QString AdminPassword = QStringLiteral("main/admin_passwd");
+inline const QString DefaultUrl = QStringLiteral("main/default_url");
+inline const QString FixedScreen = QStringLiteral("main/fixedscreen");
+inline const QString FixedHeight = QStringLiteral("main/hauteur_edit");
+inline const QString FixedWidth = QStringLiteral("main/largeur_edit");
+inline const QString Fullscreen = QStringLiteral("main/fullscreen");
+inline const QString HideToolbar = QStringLiteral("main/hide_toolbar");
+inline const QString Mode = QStringLiteral("main/mode");
+inline const QString StopSessionAfterSeconds = QStringLiteral("main/stop_session_after_seconds");
+inline const QString UserAgent = QStringLiteral("main/user_agent");
+inline const QString ZoomFactor = QStringLiteral("main/zoomFactor");
+inline const QString RemoteEnabled = QStringLiteral("remote/enabled");
+inline const QString RemoteKey = QStringLiteral("remote/key");
+inline const QString RemoteLocalUrl = QStringLiteral("remote/local_url");
+inline const QString RemotePort = QStringLiteral("remote/port");
+inline const QString AutoScroll = QStringLiteral("slideshow/auto_scroll");
+inline const QString CleanAfter = QStringLiteral("slideshow/clean_after");
+inline const QString Mute = QStringLiteral("slideshow/mute");
+inline const QString Pages = QStringLiteral("slideshow/pages");
+inline const QString PlaylistUpdateMode = QStringLiteral("slideshow/playlist_update_mode");
+inline const QString Resize = QStringLiteral("slideshow/resize");
+inline const QString Stretch = QStringLiteral("slideshow/stretch");
+inline const QString PlaylistUrl = QStringLiteral("slideshow/url");
+} // namespace Prefs
+
 // The process-wide preference store: built-in defaults overlaid by the INI preference file.
 class Settings : public QObject
 {
@@ -17,7 +45,42 @@ class Settings : public QObject
 public:
     static Settings *load(bool reload, const CommandLineParser *parser);
 
+    // The single lookup point: every typed getter below reads through it. A key that has no
+    // default and is not in the file gives an invalid value.
     QVariant get(const QString &key) const;
+
+    enum class Mode { Display, Kiosk, Other };
+    // Where the playlist comes from: the local playlist file, or a content server (polled for its
+    // last edit; the private variant asks another question). Any other value plays the address
+    // in slideshow/pages without polling.
+    enum class UpdateMode { LocalPlaylist, Server, ServerPrivate, Other };
+
+    Mode mode() const;
+    UpdateMode playlistUpdateMode() const;
+    bool serverMode() const;
+    // The content server's playlist address: slideshow/pages, else slideshow/url.
+    QString playlistPages() const;
+    bool passwordSet() const;
+    QString adminPassword() const;
+    QString defaultUrl() const;
+    bool fullscreen() const;
+    bool fixedScreen() const;
+    int fixedWidth() const;
+    int fixedHeight() const;
+    bool hideToolbar() const;
+    int stopSessionAfterSeconds() const;
+    QString userAgent() const;
+    double zoomFactor() const;
+    bool remoteEnabled() const;
+    QString remoteKey() const;
+    QString remoteLocalUrl() const;
+    int remotePort() const;
+    bool autoScroll() const;
+    bool cleanAfter() const;
+    bool mute() const;
+    bool resize() const;
+    bool stretch() const;
+
     void set(const QString &key, int value);
     void set(const QString &key, QString value);
     void set(const QString &key, bool value);

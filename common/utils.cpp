@@ -16,7 +16,7 @@ const int alphabetSize = 62;
 bool Utils::validateAdminPassword(QString typed)
 {
     const QString stored
-        = Settings::load(false, nullptr)->get(QStringLiteral("main/admin_passwd")).toString();
+        = Settings::load(false, nullptr)->adminPassword();
     if (stored.isEmpty())
         return true;
     const QByteArray setting = stored.toUtf8();

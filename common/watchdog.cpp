@@ -1,6 +1,7 @@
 #include "watchdog.h"
 
 #include "logger.h"
+#include "statepaths.h"
 
 #include <QDateTime>
 #include <QDebug>
@@ -45,7 +46,7 @@ qint64 nowMs()
 
 QString stalledFile()
 {
-    return QDir::homePath() + QLatin1String("/.vorsane-kiosk/stalled-pages");
+    return StatePaths::stalledPages();
 }
 
 // Keeps the last day's stalls only, so the file stays small over months.

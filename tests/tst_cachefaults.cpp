@@ -1,5 +1,6 @@
 // Faults of the content server, the disk and the process while the cache is filled: the show
 // goes on and the cache only ever holds complete files.
+#include "commandlineparser.h"
 #include "downloader.h"
 #include "httpserver.h"
 #include "itemdownloader.h"
@@ -45,6 +46,7 @@ private:
     QStringList incompleteFiles() const;
 
     std::unique_ptr<TempHome> m_home;
+    std::unique_ptr<CommandLineParser> m_parser;
     std::unique_ptr<HttpServer> m_server;
     QString m_mounted;
 };
@@ -53,7 +55,8 @@ void TestCacheFaults::init()
 {
     m_home = std::make_unique<TempHome>();
     m_server = std::make_unique<HttpServer>();
-    Settings::load(true, nullptr);
+    m_parser = makeParser(m_home->filePath(QStringLiteral("conf")));
+    Settings::load(true, m_parser.get());
     ItemDownloader::setTimeouts(500, 1500);
 }
 

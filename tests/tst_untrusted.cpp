@@ -1,5 +1,6 @@
 // Untrusted documents and content files: whatever their size, nesting or bytes, the player
 // neither crashes nor stalls; what cannot be used is refused with a log line.
+#include "commandlineparser.h"
 #include "flatplaylistparser.h"
 #include "gif.h"
 #include "image.h"
@@ -36,12 +37,14 @@ private Q_SLOTS:
 
 private:
     std::unique_ptr<TempHome> m_home;
+    std::unique_ptr<CommandLineParser> m_parser;
 };
 
 void TestUntrusted::init()
 {
     m_home = std::make_unique<TempHome>();
-    Settings::load(true, nullptr);
+    m_parser = makeParser(m_home->filePath(QStringLiteral("conf")));
+    Settings::load(true, m_parser.get());
 }
 
 void TestUntrusted::cleanup()

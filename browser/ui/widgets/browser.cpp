@@ -41,7 +41,7 @@ Browser::Browser(QWidget *parent, const QUrl &remoteControl)
     , m_downloadIcon(new QLabel(this))
     , m_statusBar(new QStatusBar(this))
     , m_cookieJar(new SqliteCookieJar(this))
-    , m_hideToolbar(m_settings->get(QStringLiteral("main/hide_toolbar")).toBool())
+    , m_hideToolbar(m_settings->hideToolbar())
 {
     QDir().mkpath(RestrictedDownload::workingFolder());
     RestrictedWebPage::setSessionCookieJar(m_cookieJar);
@@ -79,7 +79,7 @@ Browser::Browser(QWidget *parent, const QUrl &remoteControl)
     setShortcuts();
     setHome(remoteControl.isValid()
                 ? remoteControl.toString()
-                : m_settings->get(QStringLiteral("main/default_url")).toString());
+                : m_settings->defaultUrl());
     m_newTabUrl = QUrl(m_settings->get(QStringLiteral("main/new_tab_url")).toString());
     if (m_newTabUrl.isEmpty() || remoteControl.isValid())
         m_newTabUrl = m_home;

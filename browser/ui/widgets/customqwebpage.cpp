@@ -49,7 +49,7 @@ QString CustomQWebPage::userAgentForUrl(const QUrl &url) const
 {
     Q_UNUSED(url)
     const QString configured
-        = Settings::load(false, nullptr)->get(QStringLiteral("main/user_agent")).toString();
+        = Settings::load(false, nullptr)->userAgent();
     return configured.isEmpty() ? builtInUserAgent() : configured;
 }
 

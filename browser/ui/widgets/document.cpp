@@ -1,6 +1,7 @@
 #include "document.h"
 
 #include "playlistitem.h"
+#include "statepaths.h"
 
 #include <QDebug>
 #include <QDir>
@@ -48,7 +49,7 @@ bool Document::stopImpl()
 bool Document::startImpl()
 {
     QString base
-        = QLatin1String("file://") + QDir::homePath() + QLatin1String("/.vorsane-kiosk/data/");
+        = QLatin1String("file://") + StatePaths::dataDir() + QLatin1Char('/');
     QFile file(m_location.mid(7));
     if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) {
         qWarning() << "Cannot open document" << file.fileName();

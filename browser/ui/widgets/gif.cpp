@@ -17,7 +17,7 @@ Gif::Gif(PlaylistItem *item, QWidget *parent)
 {
     setBlackBackground();
     setAlignment(Qt::AlignCenter);
-    if (Settings::load(false, nullptr)->get(QStringLiteral("slideshow/stretch")).toBool())
+    if (Settings::load(false, nullptr)->stretch())
         setScaledContents(true);
     displayGif();
 }

@@ -131,14 +131,14 @@ void Image::buildPixmap()
     qDebug() << areaWidth << areaHeight << width << height;
 
     Settings *settings = Settings::load(false, nullptr);
-    const bool resize = settings->get(QStringLiteral("slideshow/resize")).toBool();
-    const bool autoScroll = settings->get(QStringLiteral("slideshow/auto_scroll")).toBool();
+    const bool resize = settings->resize();
+    const bool autoScroll = settings->autoScroll();
     const bool fits = width <= areaWidth && height <= areaHeight;
 
     if (resize && !autoScroll) {
         picture = picture.scaled(area, Qt::KeepAspectRatio, Qt::SmoothTransformation);
     } else if (!autoScroll) {
-        if (settings->get(QStringLiteral("slideshow/stretch")).toBool())
+        if (settings->stretch())
             picture = picture.scaled(area, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
         else if (!fits)
             picture = picture.scaled(area, Qt::KeepAspectRatio, Qt::SmoothTransformation);

@@ -45,13 +45,13 @@ void Page::build()
 
 void Page::setup()
 {
-    const double zoom = m_settings->get(QStringLiteral("main/zoomFactor")).toDouble();
+    const double zoom = m_settings->zoomFactor();
     connect(m_view, &QWebView::titleChanged, this, [this](const QString &title) {
         QString text = title;
         adjustTitle(text);
     });
     connect(m_bar, &NavBar::end, this, &Page::onEnd);
-    if (!m_settings->get(QStringLiteral("main/hide_toolbar")).toBool())
+    if (!m_settings->hideToolbar())
         m_layout->addWidget(m_bar);
     else
         m_bar->hide();

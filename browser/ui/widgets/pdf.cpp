@@ -73,9 +73,9 @@ bool PDF::nextPage()
     QPixmap shown;
     if (m_pixmap.isNull() || m_areaWidth <= 0 || m_areaHeight <= 0) {
         shown = m_pixmap;
-    } else if (settings->get(QStringLiteral("slideshow/stretch")).toBool()) {
+    } else if (settings->stretch()) {
         shown = m_pixmap.scaled(area.size(), Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
-    } else if (settings->get(QStringLiteral("slideshow/resize")).toBool()) {
+    } else if (settings->resize()) {
         if (m_pageWidth / m_areaWidth <= m_pageHeight / m_areaHeight)
             shown = m_pixmap.scaledToHeight(area.height(), Qt::SmoothTransformation);
         else

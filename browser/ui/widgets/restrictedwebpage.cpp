@@ -121,7 +121,7 @@ bool RestrictedWebPage::acceptNavigationRequest(QWebFrame *frame, const QNetwork
 QString RestrictedWebPage::userAgentForUrl(const QUrl &url) const
 {
     Q_UNUSED(url)
-    const QString configured = m_settings->get(QStringLiteral("main/user_agent")).toString();
+    const QString configured = m_settings->userAgent();
     return configured.isEmpty() ? CustomQWebPage::builtInUserAgent() : configured;
 }
 

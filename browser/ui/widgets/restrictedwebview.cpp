@@ -14,7 +14,7 @@
 RestrictedWebView::RestrictedWebView(QUrl url, QWidget *parent)
     : QWebView(parent)
     , m_page(new RestrictedWebPage(this))
-    , m_home(Settings::load(false, nullptr)->get(QStringLiteral("main/default_url")).toString())
+    , m_home(Settings::load(false, nullptr)->defaultUrl())
 {
     setPage(m_page);
     connect(m_page, &RestrictedWebPage::urlDenied, this, &RestrictedWebView::onUrlDenied);

@@ -47,22 +47,22 @@ QStringList Video::defaultPlayerCommand() const
 {
     Settings *settings = Settings::load(false, nullptr);
     QStringList command{QStringLiteral("omxplayer")};
-    if (settings->get(QStringLiteral("slideshow/mute")).toBool())
+    if (settings->mute())
         command << QStringLiteral("--vol") << QStringLiteral("-10000");
 
-    const bool fullscreen = settings->get(QStringLiteral("main/fullscreen")).toBool();
-    if (fullscreen && settings->get(QStringLiteral("slideshow/stretch")).toBool()) {
+    const bool fullscreen = settings->fullscreen();
+    if (fullscreen && settings->stretch()) {
         const QScreen *screen = QGuiApplication::primaryScreen();
         const QRect geometry = screen ? screen->geometry() : QRect();
         command << QStringLiteral("--win")
                 << QStringLiteral("0 0 %1 %2").arg(geometry.width()).arg(geometry.height());
     } else if (fullscreen) {
         command << QStringLiteral("-b");
-    } else if (settings->get(QStringLiteral("main/fixedscreen")).toBool()) {
+    } else if (settings->fixedScreen()) {
         command << QStringLiteral("--win")
                 << QStringLiteral("0 0 %1 %2")
-                       .arg(settings->get(QStringLiteral("main/largeur_edit")).toInt())
-                       .arg(settings->get(QStringLiteral("main/hauteur_edit")).toInt());
+                       .arg(settings->fixedWidth())
+                       .arg(settings->fixedHeight());
     } else {
         const QRect area = rect();
         command << QStringLiteral("--win")

@@ -4,6 +4,7 @@
 #include "playlistitem.h"
 #include "settings.h"
 #include "sqlitecookiejar.h"
+#include "statepaths.h"
 #include "watchdog.h"
 
 #include <QAction>
@@ -21,7 +22,6 @@
 
 namespace {
 const char templatePath[] = VORSANE_DATA_DIR "/template.html";
-const char renderedTemplate[] = "/.vorsane-kiosk/current-template.html";
 const char networkErrorText[] = QT_TRANSLATE_NOOP(
     "Webpage", "Network error: please make sure you are correctly connected to internet.");
 const int scrollDelayMs = 5000;
@@ -68,7 +68,7 @@ Webpage::Webpage(PlaylistItem *item, QWidget *parent)
 
     setContextMenuPolicy(Qt::PreventContextMenu);
 
-    setZoomFactor(m_settings->get(QStringLiteral("main/zoomFactor")).toDouble());
+    setZoomFactor(m_settings->zoomFactor());
     bool autoScrollRequested = false;
     applyOptions(&autoScrollRequested);
 
@@ -76,7 +76,7 @@ Webpage::Webpage(PlaylistItem *item, QWidget *parent)
     black.setBrush(QPalette::Base, Qt::black);
     m_page.setPalette(black);
 
-    if (m_settings->get(QStringLiteral("slideshow/auto_scroll")).toBool() || autoScrollRequested) {
+    if (m_settings->autoScroll() || autoScrollRequested) {
         connect(&m_delayTimer, &QTimer::timeout, this, &Webpage::startScroll);
         connect(&m_scrollTimer, &QTimer::timeout, this, &Webpage::autoScroll);
         // A coarse timer may fire early; the page must stay still for the whole delay.
@@ -119,7 +119,7 @@ void Webpage::displayHTML(PlaylistItem *item)
 {
     QFile textFile(item->url.mid(7));
     QFile templateFile(QString::fromLatin1(templatePath));
-    QFile output(QDir::homePath() + QLatin1String(renderedTemplate));
+    QFile output(StatePaths::renderedTemplate());
     if (!textFile.open(QIODevice::ReadOnly) || !templateFile.open(QIODevice::ReadOnly)
         || !output.open(QIODevice::WriteOnly | QIODevice::Truncate))
         return;

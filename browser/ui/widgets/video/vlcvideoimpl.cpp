@@ -95,8 +95,8 @@ VLCVideoImpl::VLCVideoImpl(Video *video, PlaylistItem *item)
 {
     video->setBlackBackground();
     Settings *settings = Settings::load(false, nullptr);
-    m_stretch = settings->get(QStringLiteral("slideshow/stretch")).toBool();
-    m_mute = settings->get(QStringLiteral("slideshow/mute")).toBool();
+    m_stretch = settings->stretch();
+    m_mute = settings->mute();
     if (videoOutput() == Output::XWindow) {
         // libVLC draws into a window of its own inside this widget's X window; the ancestors
         // stay as they are.

@@ -1,0 +1,105 @@
+#include "statepaths.h"
+
+#include <QDir>
+
+#include <pwd.h>
+#include <unistd.h>
+
+namespace StatePaths {
+
+QString home()
+{
+    const QString fromEnvironment = qEnvironmentVariable("HOME");
+    if (!fromEnvironment.isEmpty())
+        return fromEnvironment;
+    if (const passwd *account = ::getpwuid(::getuid()); account && account->pw_dir)
+        return QString::fromLocal8Bit(account->pw_dir);
+    return QDir::rootPath();
+}
+
+QString root()
+{
+    return home() + QLatin1String("/.vorsane-kiosk");
+}
+
+QString path(const QString &name)
+{
+    return root() + QLatin1Char('/') + name;
+}
+
+bool ensureRoot()
+{
+    return QDir().mkpath(root());
+}
+
+QString dataDir()
+{
+    return path(QStringLiteral("data"));
+}
+
+QString tagDir()
+{
+    return path(QStringLiteral("etag"));
+}
+
+QString playlistCopy()
+{
+    return path(QStringLiteral("playlist"));
+}
+
+QString playlistOld()
+{
+    return path(QStringLiteral("playlist-old"));
+}
+
+QString lastEditStamp()
+{
+    return path(QStringLiteral("playlist_last_timestamp.txt"));
+}
+
+QString dropFolder()
+{
+    return path(QStringLiteral("dragndrop"));
+}
+
+QString uploadStaging()
+{
+    return path(QStringLiteral("remote-upload"));
+}
+
+QString usbAutoDir()
+{
+    return path(QStringLiteral("usbauto"));
+}
+
+QString aliasesDir()
+{
+    return path(QStringLiteral("aliases"));
+}
+
+QString stalledPages()
+{
+    return path(QStringLiteral("stalled-pages"));
+}
+
+QString renderedTemplate()
+{
+    return path(QStringLiteral("current-template.html"));
+}
+
+QString remoteServerLock()
+{
+    return path(QStringLiteral("remote-server.lock"));
+}
+
+QString shortcutBackup()
+{
+    return path(QStringLiteral("xmodmap-backup"));
+}
+
+QString maintenanceDataDir()
+{
+    return QStringLiteral("/home/pi/.vorsane-kiosk/data/");
+}
+
+} // namespace StatePaths

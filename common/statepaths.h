@@ -1,0 +1,34 @@
+#pragma once
+
+#include <QString>
+
+// Every file and folder of the per-user state directory ~/.vorsane-kiosk, built here only, and
+// the one way home is found.
+namespace StatePaths {
+
+// $HOME when set, else the account's home from the password database: both programs and every
+// class must agree even when a service manager starts them without HOME.
+QString home();
+// ~/.vorsane-kiosk, and a name inside it.
+QString root();
+QString path(const QString &name);
+// Creates the state directory when missing; false when it cannot be made.
+bool ensureRoot();
+
+QString dataDir();          // content cache bodies
+QString tagDir();           // their revalidation tags
+QString playlistCopy();     // the last playlist received from the network
+QString playlistOld();      // the copy played after a network error
+QString lastEditStamp();    // the content server's last edit
+QString dropFolder();       // files dropped on the remote page
+QString uploadStaging();    // uploads in progress, moved into the drop folder when whole
+QString usbAutoDir();       // the copy of the last accepted USB key
+QString aliasesDir();       // links for file names that are not valid UTF-8
+QString stalledPages();     // pages whose script held the program
+QString renderedTemplate(); // the text document rendered into the page template
+QString remoteServerLock(); // one companion server per user
+QString shortcutBackup();   // the key map saved before the shortcuts were taken away
+// The maintenance runner's result folder: the desktop user's, whatever account runs the player.
+QString maintenanceDataDir();
+
+} // namespace StatePaths
