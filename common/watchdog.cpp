@@ -193,6 +193,12 @@ void Watchdog::setGiveBack(const QString &what, const QList<QStringList> &comman
         s_giveBack.insert(what, commands);
 }
 
+QList<QStringList> Watchdog::giveBack(const QString &what)
+{
+    std::lock_guard<std::mutex> lock(s_mutex);
+    return s_giveBack.value(what);
+}
+
 void Watchdog::signalArrived(int signum)
 {
     if (s_arrivedSignal.exchange(signum) == 0)

@@ -36,6 +36,8 @@ public:
     // The commands that give back what one part of the program changed on the desktop, run only
     // when the program must end at once; an empty list when there is nothing to give back.
     static void setGiveBack(const QString &what, const QList<QStringList> &commands);
+    // What is registered for one part now.
+    static QList<QStringList> giveBack(const QString &what);
 
     // Called from the signal handler (async-signal-safe) and by the GUI thread once it has
     // taken the signal.

@@ -1,60 +1,27 @@
 #pragma once
 
-#include <QString>
+#include "desktoptakeover.h"
+
+#include <memory>
 
 namespace panel {
 
-// Hides the desktop panel while the kiosk runs and gives it back when the kiosk ends.
-class Manager
+// Hides the desktop panel while the kiosk runs and gives it back when the kiosk ends. One
+// subclass per desktop knows how its panel is stopped and started.
+class Manager : public DesktopTakeover
 {
 public:
-    // The manager for the running desktop (LXDE or XFCE); one that does nothing elsewhere.
-    static Manager *create(bool fullscreen, bool passwordSet);
-    virtual ~Manager();
-
-    bool hidden() const { return m_hidden; }
+    // The manager for the running desktop; none when the panel stays, or on a desktop without
+    // a known panel.
+    static std::unique_ptr<Manager> create(bool fullscreen, bool passwordSet);
 
 protected:
-    Manager() = default;
-    void hide();
-    void restore();
+    Manager();
+    bool takeOverImpl() final;
+    void giveBackImpl() final;
+    // True when a running panel was stopped.
     virtual bool hideImpl() = 0;
     virtual void restoreImpl() = 0;
-
-private:
-    bool m_hidden = false;
-};
-
-class LxdeManager : public Manager
-{
-public:
-    LxdeManager(bool fullscreen, bool passwordSet);
-    ~LxdeManager() override;
-
-protected:
-    bool hideImpl() override;
-    void restoreImpl() override;
-};
-
-class XfceManager : public Manager
-{
-public:
-    XfceManager(bool fullscreen, bool passwordSet);
-    ~XfceManager() override;
-
-protected:
-    bool hideImpl() override;
-    void restoreImpl() override;
-};
-
-class NullManager : public Manager
-{
-public:
-    ~NullManager() override;
-
-protected:
-    bool hideImpl() override { return false; }
-    void restoreImpl() override {}
 };
 
 } // namespace panel

@@ -8,13 +8,14 @@
 #include "panelmanager.h"
 #include "playlisteventfilter.h"
 #include "playlistitem.h"
+#include "pointerhider.h"
 #include "resources.h"
 #include "runnable.h"
 #include "settings.h"
+#include "soundmute.h"
 #include "systemshortcutmanager.h"
 #include "usbauto.h"
 #include "utils.h"
-#include "watchdog.h"
 #include "webpage.h"
 
 #include <QCloseEvent>
@@ -24,7 +25,6 @@
 #include <QFont>
 #include <QMetaMethod>
 #include <QMouseEvent>
-#include <QProcess>
 #include <QSettings>
 #include <QShortcut>
 #include <QSqlDatabase>
@@ -72,7 +72,7 @@ Viewer::Viewer(QWidget *parent)
     const int height = m_settings->get(QStringLiteral("main/hauteur_edit")).toInt();
     const bool fixed = m_settings->get(QStringLiteral("main/fixedscreen")).toBool();
     m_panelManager = panel::Manager::create(fullscreen, passwordSet());
-    m_shortcutManager = std::make_unique<SystemShortcutManager>(fullscreen, passwordSet());
+    m_shortcutManager = SystemShortcutManager::create(fullscreen, passwordSet());
 
     if (fullscreen) {
         showFullScreen();
@@ -85,37 +85,17 @@ Viewer::Viewer(QWidget *parent)
         showNormal();
     }
 
-    if (m_settings->get(QStringLiteral("slideshow/hide_pointer")).toBool()) {
-        qDebug() << "Hiding mouse pointer.";
-        m_pointerHider = new QProcess;
-        m_pointerHider->start(QStringLiteral("unclutter"),
-                              {QStringLiteral("-idle"), QStringLiteral("1")});
-        if (m_pointerHider->waitForStarted(1000))
-            Watchdog::setGiveBack(
-                QStringLiteral("Mouse pointer"),
-                {{QStringLiteral("kill"), QString::number(m_pointerHider->processId())}});
-    }
+    if (m_settings->get(QStringLiteral("slideshow/hide_pointer")).toBool())
+        m_pointerHider = PointerHider::create();
 
     if (m_settings->get(QStringLiteral("slideshow/usb_auto")).toBool() && displayMode()) {
-        m_usbAuto = new UsbAuto(m_settings->get(QStringLiteral("remote/key")).toString());
-        connect(m_usbAuto, &UsbAuto::finished, this, &Viewer::requestRestart);
+        m_usbAuto
+            = std::make_unique<UsbAuto>(m_settings->get(QStringLiteral("remote/key")).toString());
+        connect(m_usbAuto.get(), &UsbAuto::finished, this, &Viewer::requestRestart);
     }
 
-    const bool mute = m_settings->get(QStringLiteral("slideshow/mute")).toBool();
-    for (const QString &channel : {QStringLiteral("PCM")}) {
-        if (!mute) {
-            qDebug() << "Enabling sound on channel:" << channel;
-            Utils::runAndWait(QStringLiteral("amixer"),
-                              {QStringLiteral("set"), channel, QStringLiteral("unmute")});
-        } else {
-            qDebug() << "Disabling sound on channel:" << channel;
-            Utils::runAndWait(QStringLiteral("amixer"),
-                              {QStringLiteral("set"), channel, QStringLiteral("mute")});
-            Watchdog::setGiveBack(QStringLiteral("Sound"),
-                                  {{QStringLiteral("amixer"), QStringLiteral("set"), channel,
-                                    QStringLiteral("unmute")}});
-        }
-    }
+    m_soundMute
+        = std::make_unique<SoundMute>(m_settings->get(QStringLiteral("slideshow/mute")).toBool());
 
     QWebSettings *web = QWebSettings::globalSettings();
     web->setAttribute(QWebSettings::JavascriptCanOpenWindows, true);
@@ -134,32 +114,8 @@ Viewer::Viewer(QWidget *parent)
     cookies.open();
 }
 
-Viewer::~Viewer()
-{
-    m_unlockTimer.stop();
-    if (m_pointerHider) {
-        m_pointerHider->terminate();
-        if (!m_pointerHider->waitForFinished(1000))
-            m_pointerHider->kill();
-        m_pointerHider->waitForFinished(1000);
-        delete m_pointerHider;
-        Watchdog::setGiveBack(QStringLiteral("Mouse pointer"), {});
-        qDebug() << "Mouse pointer shown again.";
-    }
-    // A muted show gives the sound back; unmuting is what a desktop expects anyway.
-    if (m_settings->get(QStringLiteral("slideshow/mute")).toBool()) {
-        for (const QString &channel : {QStringLiteral("PCM")}) {
-            Utils::runAndWait(QStringLiteral("amixer"),
-                              {QStringLiteral("set"), channel, QStringLiteral("unmute")});
-            qDebug() << "Sound restored on channel:" << channel;
-            Watchdog::setGiveBack(QStringLiteral("Sound"), {});
-        }
-    }
-    delete m_usbAuto;
-    m_shortcutManager.reset();
-    delete m_panelManager;
-    m_sessionTimer.stop();
-}
+// The members give the desktop back, in the order of their declaration reversed.
+Viewer::~Viewer() = default;
 
 bool Viewer::passwordSet() const
 {
@@ -169,11 +125,6 @@ bool Viewer::passwordSet() const
 bool Viewer::displayMode() const
 {
     return m_settings->get(QStringLiteral("main/mode")).toString() == QLatin1String("display");
-}
-
-bool Viewer::playlistFilterLocked() const
-{
-    return m_playlistFilter->locked();
 }
 
 bool Viewer::next(QWidget *w)

@@ -8,8 +8,9 @@
 
 class BrowserEventFilter;
 class PlaylistEventFilter;
-class QProcess;
+class PointerHider;
 class Settings;
+class SoundMute;
 class SystemShortcutManager;
 class UsbAuto;
 class Webpage;
@@ -29,8 +30,6 @@ public:
 
     QWidget *currentContent() const { return m_currentWidget; }
     bool sessionTimerActive() const { return m_sessionTimer.isActive(); }
-    bool playlistFilterLocked() const;
-    panel::Manager *panelManager() const { return m_panelManager; }
 
 Q_SIGNALS:
     void end();
@@ -78,11 +77,14 @@ private:
 
     Settings *m_settings;
     QTimer m_sessionTimer;
-    int m_unused = -1;
-    panel::Manager *m_panelManager = nullptr;
+    // Destroyed in the reverse order, which gives the desktop back: first what only the show's
+    // own window needs (pointer, sound), then the USB import stops, so that no import starts
+    // while the lock-down is lifted; the key map and last the panel, the way into the desktop.
+    std::unique_ptr<panel::Manager> m_panelManager;
     std::unique_ptr<SystemShortcutManager> m_shortcutManager;
-    UsbAuto *m_usbAuto = nullptr;
-    QProcess *m_pointerHider = nullptr;
+    std::unique_ptr<UsbAuto> m_usbAuto;
+    std::unique_ptr<SoundMute> m_soundMute;
+    std::unique_ptr<PointerHider> m_pointerHider;
     QPointer<QWidget> m_currentWidget;
     bool m_replacing = false;
     QPointer<QWidget> m_deferred;

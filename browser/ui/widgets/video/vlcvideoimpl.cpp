@@ -152,11 +152,6 @@ QUrl VLCVideoImpl::mediaAddress(const QString &location)
     return QUrl(location);
 }
 
-bool VLCVideoImpl::isPlaying() const
-{
-    return m_player && libvlc_media_player_is_playing(m_player);
-}
-
 void VLCVideoImpl::pause()
 {
     if (m_player)

@@ -28,7 +28,6 @@ public:
     bool start() override;
     bool stop() override;
 
-    bool isPlaying() const;
     // The address libVLC is given for an item location.
     static QUrl mediaAddress(const QString &location);
 

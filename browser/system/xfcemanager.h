@@ -1,0 +1,20 @@
+#pragma once
+
+#include "panelmanager.h"
+
+namespace panel {
+
+// The XFCE panel, which quits and starts through its own command.
+class XfceManager final : public Manager
+{
+public:
+    XfceManager();
+    ~XfceManager() override;
+
+protected:
+    bool hideImpl() override;
+    void restoreImpl() override;
+    QList<QStringList> giveBackCommands() const override;
+};
+
+} // namespace panel
