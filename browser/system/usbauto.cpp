@@ -1,5 +1,7 @@
 #include "usbauto.h"
 
+#include "statepaths.h"
+
 #include <QDebug>
 #include <QDir>
 #include <QDirIterator>
@@ -54,7 +56,7 @@ UsbAuto::UsbAuto(const QString &key, const QStringList &mediaRoots, QObject *par
 
 QString UsbAuto::targetDir()
 {
-    return QString::fromLocal8Bit(qgetenv("HOME")) + QLatin1String("/.vorsane-kiosk/usbauto");
+    return StatePaths::usbAutoDir();
 }
 
 QSet<QString> UsbAuto::mountsUnder(const QString &root) const

@@ -1,5 +1,6 @@
 #include "xmodmapshortcutmanager.h"
 
+#include "statepaths.h"
 #include "utils.h"
 
 #include <QDebug>
@@ -19,8 +20,7 @@ QStringList superKeysBack()
 } // namespace
 
 XmodmapShortcutManager::XmodmapShortcutManager()
-    : m_backup(QString::fromLocal8Bit(qgetenv("HOME"))
-               + QLatin1String("/.vorsane-kiosk/xmodmap-backup"))
+    : m_backup(StatePaths::shortcutBackup())
 {
     takeOver();
 }
