@@ -50,7 +50,6 @@ public:
     Remote *remote() const { return m_remote; }
     PlaylistParser *playlistParser() const { return m_parser.get(); }
     QWidget *shownWidget() const { return m_shownWidget; }
-    int currentPosition() const { return m_position; }
 
 public Q_SLOTS:
     bool next();

@@ -285,7 +285,7 @@ void TestDispatcher::screenOff()
     QCOMPARE(m_show->log.count(tomorrow ? "Wake up : tomorrow" : "Wake up : today"), 1);
     QCOMPARE(m_show->log.count("Wake up"), 1);
     // Dark until the end of the span, then the show goes on.
-    const int timeout = dynamic_cast<Runnable *>(m_show->dispatcher->shownWidget())->timeout();
+    const int timeout = Runnable::of(m_show->dispatcher->shownWidget())->timeout();
     QVERIFY2(qAbs(timeout - start.secsTo(to)) <= 61,
              qPrintable(QString("%1 s, expected %2 s").arg(timeout).arg(start.secsTo(to))));
 }
@@ -301,7 +301,7 @@ void TestDispatcher::screenOffItemsAreNotFetched()
     QVERIFY2(idleItem->url.startsWith("Screen OFF"), qPrintable(idleItem->url));
     QCOMPARE(shown(), QStringLiteral("Idle"));
     QVERIFY(m_show->log.contains("Wake up : "));
-    QVERIFY(dynamic_cast<Runnable *>(m_show->dispatcher->shownWidget())->timeout() > 0);
+    QVERIFY(Runnable::of(m_show->dispatcher->shownWidget())->timeout() > 0);
 }
 
 void TestDispatcher::goToItem_data()
@@ -373,7 +373,7 @@ void TestDispatcher::goToFile()
     QCOMPARE(seen, expected);
     if (expected.first() == "blue") { // the file is shown for one second, then the show resumes
         Q_EMIT m_show->dispatcher->remote()->goTo(path);
-        QCOMPARE(dynamic_cast<Runnable *>(m_show->dispatcher->shownWidget())->timeout(), 1);
+        QCOMPARE(Runnable::of(m_show->dispatcher->shownWidget())->timeout(), 1);
         QSignalSpy ends(m_show->viewer.get(), &Viewer::end);
         QVERIFY(ends.wait(3000));
         QTRY_COMPARE(shown(), QStringLiteral("demo"));
