@@ -54,9 +54,9 @@ QWidget *ContentFactory::nothingToDisplay()
 QWidget *ContentFactory::sessionWidget(const QUrl &url)
 {
     if (m_settings->get(QStringLiteral("main/external_browser")).toBool()) {
-        const QString address
-            = url.isEmpty() ? m_settings->get(QStringLiteral("main/default_url")).toString()
-                            : url.toString();
+        const QString address = url.isEmpty()
+                                    ? m_settings->get(QStringLiteral("main/default_url")).toString()
+                                    : url.toString();
         PlaylistItem item(address, PlaylistItem::Webpage, 0, false, QStringList());
         return new ExternalBrowser(&item, m_viewer);
     }

@@ -23,8 +23,7 @@ public:
 
     // loop is the item's loop, which knows the span of its screen-off periods. While downloads
     // still run, an item whose cache file is missing is passed over.
-    QWidget *widgetFor(const PlaylistItemPtr &item, const PlaylistLoopPtr &loop,
-                       bool downloading);
+    QWidget *widgetFor(const PlaylistItemPtr &item, const PlaylistLoopPtr &loop, bool downloading);
     QWidget *nothingToDisplay();
     // The web session's browser, at url or its default address.
     QWidget *sessionWidget(const QUrl &url);

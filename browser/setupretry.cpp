@@ -26,7 +26,6 @@ void SetUpRetry::succeeded()
 
 void SetUpRetry::failed()
 {
-    // The first retry runs as soon as the set-up is over.
     const int delay = m_failedSetUps == 0
                           ? 0
                           : qMin(MaxRetryDelayMs, FirstRetryDelayMs << qMin(m_failedSetUps - 1, 8));

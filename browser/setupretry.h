@@ -17,10 +17,12 @@ public:
 
     explicit SetUpRetry(QObject *parent = nullptr);
 
-    // A set-up begins: whatever retry was due is this one.
+    // A set-up begins: a retry that was due is this set-up.
     void cancel();
+    // A set-up asked for while one runs follows as soon as that one is over.
     void soon();
     void succeeded();
+    // The first retry follows at once, later ones wait longer each time.
     void failed();
 
 Q_SIGNALS:

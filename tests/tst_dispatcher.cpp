@@ -422,10 +422,9 @@ void TestDispatcher::positionWalk()
     QByteArray itemsOfB;
     for (int i = 0; i < 3; ++i)
         itemsOfB += xmlItem(pictureUrl(QString("b%1").arg(i)), "image");
-    XmlPlaylistParser parser(5,
-                             schedule(xmlLoop("id=\"0\"", itemsOfA)
-                                      + xmlLoop("id=\"1\" repeat=\"7\"", itemsOfB)),
-                             QString());
+    XmlPlaylistParser parser(
+        5, schedule(xmlLoop("id=\"0\"", itemsOfA) + xmlLoop("id=\"1\" repeat=\"7\"", itemsOfB)),
+        QString());
     LoopPositions positions;
     positions.setSingleKey(localPlaylist);
 
