@@ -1,5 +1,7 @@
 #include "browsereventfilter.h"
 
+#include "viewer.h"
+
 #include <QInputEvent>
 
 BrowserEventFilter::BrowserEventFilter(QObject *parent)
@@ -11,7 +13,9 @@ bool BrowserEventFilter::eventFilter(QObject *watched, QEvent *event)
 {
     // The browser's parent is the viewer, whose resetTimer() restarts the session timer only
     // when it is running.
-    if (dynamic_cast<QInputEvent *>(event) && watched->parent())
-        QMetaObject::invokeMethod(watched->parent(), "resetTimer");
+    if (!dynamic_cast<QInputEvent *>(event))
+        return false;
+    if (auto *viewer = qobject_cast<Viewer *>(watched->parent()))
+        viewer->resetTimer();
     return false;
 }

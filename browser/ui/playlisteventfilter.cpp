@@ -1,6 +1,7 @@
 #include "playlisteventfilter.h"
 
 #include "settings.h"
+#include "viewer.h"
 
 #include <QCoreApplication>
 #include <QMouseEvent>
@@ -20,14 +21,14 @@ bool PlaylistEventFilter::eventFilter(QObject *watched, QEvent *event)
 
     // The viewer stacks the content, so it is the content's parent.
     auto *widget = qobject_cast<QWidget *>(watched);
-    QWidget *viewer = widget ? widget->parentWidget() : nullptr;
+    auto *viewer = widget ? qobject_cast<Viewer *>(widget->parentWidget()) : nullptr;
     switch (type) {
     case QEvent::MouseMove:
         // In other modes a move would reach the viewer's press handler, where a move without a
         // button does nothing.
         if (viewer
             && m_settings->get(QStringLiteral("main/mode")).toString() == QLatin1String("kiosk"))
-            QMetaObject::invokeMethod(viewer, "mouseEvent");
+            viewer->emitMouseEvent();
         return true;
     case QEvent::KeyPress:
         if (widget)

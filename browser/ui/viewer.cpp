@@ -23,7 +23,6 @@
 #include <QDebug>
 #include <QEventLoop>
 #include <QFont>
-#include <QMetaMethod>
 #include <QMouseEvent>
 #include <QSettings>
 #include <QShortcut>
@@ -34,19 +33,6 @@
 
 namespace {
 const char textTemplateUrl[] = "file://" VORSANE_DATA_DIR "/text.html";
-
-// Content widgets declare end() each on their own, with no common base class that has it, so
-// their signals are found by name.
-bool connectByName(QObject *sender, const char *signal, QObject *receiver, const char *slot,
-                   Qt::ConnectionType type = Qt::AutoConnection)
-{
-    const int signalIndex = sender->metaObject()->indexOfSignal(signal);
-    const int slotIndex = receiver->metaObject()->indexOfSlot(slot);
-    if (signalIndex < 0 || slotIndex < 0)
-        return false;
-    return QObject::connect(sender, sender->metaObject()->method(signalIndex), receiver,
-                            receiver->metaObject()->method(slotIndex), type);
-}
 } // namespace
 
 Viewer::Viewer(QWidget *parent)
@@ -179,9 +165,13 @@ bool Viewer::replace(QWidget *w)
             w->installEventFilter(m_playlistFilter);
     }
 
-    connectByName(w, "end()", this, "onWidgetTimeout()");
-    // Content that changes in place (a PDF turning a page) needs its own screenshot.
-    connectByName(w, "pageChanged()", this, "onContentChanged()");
+    Runnable *runnable = Runnable::of(w);
+    if (runnable) {
+        connect(runnable->notifier(), &RunnableNotifier::end, this, &Viewer::onWidgetTimeout);
+        // Content that changes in place (a PDF turning a page) needs its own screenshot.
+        connect(runnable->notifier(), &RunnableNotifier::pageChanged, this,
+                &Viewer::onContentChanged);
+    }
     // One connection is enough: a show that runs for months must not pile them up.
     if (displayMode() && !passwordSet())
         connect(this, &Viewer::middleclick, this, &Viewer::bye, Qt::UniqueConnection);
@@ -196,12 +186,11 @@ bool Viewer::replace(QWidget *w)
     w->setAutoFillBackground(true);
     w->show();
 
-    auto *runnable = dynamic_cast<Runnable *>(w);
     const bool started = runnable && runnable->start();
     if (!started)
         return false;
     if (m_currentWidget && m_currentWidget != w) {
-        if (auto *previous = dynamic_cast<Runnable *>(m_currentWidget.data()))
+        if (Runnable *previous = Runnable::of(m_currentWidget))
             previous->stop();
         removeWidget(m_currentWidget);
     }
@@ -211,7 +200,7 @@ bool Viewer::replace(QWidget *w)
 
 void Viewer::pause()
 {
-    if (auto *runnable = dynamic_cast<Runnable *>(m_currentWidget.data()))
+    if (Runnable *runnable = Runnable::of(m_currentWidget))
         runnable->pause();
 }
 
@@ -327,11 +316,10 @@ void Viewer::displayWebpage(Webpage *page)
 {
     addWidget(page);
     connect(page, &Webpage::end, this, &Viewer::onWidgetTimeout);
-    // A page has no middleclick(), so a middle click on an overlay never quits; kept that way.
-    connectByName(page, "middleclick()", this, "bye()");
+    // Nothing connects a middle click here: one on an overlay page never quits; kept that way.
     page->show();
     setCurrentWidget(page);
-    if (auto *runnable = dynamic_cast<Runnable *>(m_currentWidget.data())) {
+    if (Runnable *runnable = Runnable::of(m_currentWidget)) {
         if (runnable->isActive())
             runnable->pause();
     }
@@ -347,7 +335,7 @@ void Viewer::bye()
         if (typed.isEmpty() || !Utils::validateAdminPassword(typed))
             return;
     }
-    if (auto *runnable = dynamic_cast<Runnable *>(m_currentWidget.data()))
+    if (Runnable *runnable = Runnable::of(m_currentWidget))
         runnable->stop();
     saveWindowSettings();
     Q_EMIT terminate();

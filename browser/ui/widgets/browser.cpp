@@ -43,6 +43,7 @@ Browser::Browser(QWidget *parent, const QUrl &remoteControl)
     , m_cookieJar(new SqliteCookieJar(this))
     , m_hideToolbar(m_settings->hideToolbar())
 {
+    connect(this, &Browser::end, notifier(), &RunnableNotifier::end);
     QDir().mkpath(RestrictedDownload::workingFolder());
     RestrictedWebPage::setSessionCookieJar(m_cookieJar);
 

@@ -35,7 +35,6 @@ public:
     Page *currentPage() const;
     QTabWidget *tabs() const { return m_tabs; }
     QStatusBar *statusBar() const { return m_statusBar; }
-    int remainingSeconds() const { return m_remaining; }
     int downloads() const { return m_downloads; }
 
 Q_SIGNALS:

@@ -24,6 +24,8 @@ PDF::PDF(PlaylistItem *item, QWidget *parent)
     , Runnable(item->duration)
     , m_path(item->url.mid(7))
 {
+    connect(this, &PDF::end, notifier(), &RunnableNotifier::end);
+    connect(this, &PDF::pageChanged, notifier(), &RunnableNotifier::pageChanged);
     // A FIFO or a device would block the show in the loader.
     if (QFileInfo(m_path).isFile())
         m_document = Poppler::Document::load(m_path);
