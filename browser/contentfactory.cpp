@@ -55,7 +55,7 @@ QWidget *ContentFactory::sessionWidget(const QUrl &url)
 {
     if (m_settings->get(QStringLiteral("main/external_browser")).toBool()) {
         const QString address = url.isEmpty()
-                                    ? m_settings->get(QStringLiteral("main/default_url")).toString()
+                                    ? m_settings->defaultUrl()
                                     : url.toString();
         PlaylistItem item(address, PlaylistItem::Webpage, 0, false, QStringList());
         return new ExternalBrowser(&item, m_viewer);
@@ -68,8 +68,8 @@ QWidget *ContentFactory::sessionWidget(const QUrl &url)
 
 QWidget *ContentFactory::inlineRemote()
 {
-    const QString key = m_settings->get(QStringLiteral("remote/key")).toString();
-    QString address = m_settings->get(QStringLiteral("remote/local_url")).toString();
+    const QString key = m_settings->remoteKey();
+    QString address = m_settings->remoteLocalUrl();
     if (!key.isEmpty())
         address += QStringLiteral("?k=") + QString::fromLatin1(QUrl::toPercentEncoding(key));
     return new Browser(m_viewer, QUrl(address));

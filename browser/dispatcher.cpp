@@ -58,7 +58,7 @@ Dispatcher::Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject 
     connect(m_remote, &Remote::text, m_viewer, &Viewer::showText);
     connect(m_remote, &Remote::readUrl, m_viewer, &Viewer::showUrl);
 
-    m_mode = m_settings->get(QStringLiteral("main/mode")).toString();
+    m_mode = m_settings->mode();
 
     connect(m_viewer, &Viewer::restart, this, &Dispatcher::startSlideshow);
     // Queued: content that fails while starting ends at once, and advancing from inside its
@@ -73,7 +73,7 @@ Dispatcher::Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject 
     endIdle();
     connect(m_viewer, &Viewer::terminate, this, &Dispatcher::endIdle);
 
-    if (m_settings->get(QStringLiteral("main/fullscreen")).toBool()) {
+    if (m_settings->fullscreen()) {
         const QRect screen = QGuiApplication::primaryScreen()
                                  ? QGuiApplication::primaryScreen()->geometry()
                                  : QRect(0, 0, 800, 600);
@@ -132,7 +132,7 @@ bool Dispatcher::startup()
             = qMax(1, m_settings->get(QStringLiteral("slideshow/refresh_after_minutes")).toInt());
         m_playlistTimer.start(60000 * minutes);
     }
-    if (m_mode == QLatin1String("kiosk")
+    if (m_mode == Settings::Mode::Kiosk
         && m_settings->get(QStringLiteral("main/start_with_session")).toBool())
         return startBrowser(QUrl());
     startSlideshow();
@@ -149,25 +149,17 @@ void Dispatcher::startSlideshow()
     m_settingUp = true;
     m_retry->cancel();
     m_cleanser->check();
-    if (m_settings->get(QStringLiteral("remote/enabled")).toBool())
+    if (m_settings->remoteEnabled())
         startRemote();
     m_settings = Settings::load(true, m_commandLine);
     m_content->setSettings(m_settings);
     m_lastEdit.setSettings(m_settings);
     m_positions.restartSchedule();
 
-    const QString updateMode
-        = m_settings->get(QStringLiteral("slideshow/playlist_update_mode")).toString();
-    m_positions.setSingleKey(updateMode == QLatin1String("localPlaylist"));
-    QUrl url;
-    if (updateMode == QLatin1String("localPlaylist")) {
-        url = QUrl(QStringLiteral("file://%1").arg(m_settings->playlistFilename()));
-    } else {
-        QString pages = m_settings->get(QStringLiteral("slideshow/pages")).toString();
-        if (pages.isEmpty())
-            pages = m_settings->get(QStringLiteral("slideshow/url")).toString();
-        url = QUrl(pages);
-    }
+    const bool local = m_settings->playlistUpdateMode() == Settings::UpdateMode::LocalPlaylist;
+    m_positions.setSingleKey(local);
+    const QUrl url = local ? QUrl(QStringLiteral("file://%1").arg(m_settings->playlistFilename()))
+                           : QUrl(m_settings->playlistPages());
     bool ok = false;
     int defaultDuration = m_settings->get(QStringLiteral("slideshow/default_time")).toInt(&ok);
     if (!ok)
@@ -338,7 +330,7 @@ void Dispatcher::onLeftClick()
 
 void Dispatcher::onMouseEvent()
 {
-    if (m_mode != QLatin1String("kiosk"))
+    if (m_mode != Settings::Mode::Kiosk)
         return;
     // One touch, one session: pointer events during a session, or while one is being opened,
     // never open another.
@@ -397,8 +389,8 @@ void Dispatcher::endIdle()
 void Dispatcher::startRemote()
 {
     // The server reads the same preference and playlist files as the kiosk.
-    m_remoteServer->start(m_settings->get(QStringLiteral("remote/port")).toInt(),
-                          m_settings->get(QStringLiteral("remote/key")).toString(),
+    m_remoteServer->start(m_settings->remotePort(),
+                          m_settings->remoteKey(),
                           {QStringLiteral("--preference"), m_settings->preferencesFilename(),
                            QStringLiteral("--playlist"), m_settings->playlistFilename()});
 }

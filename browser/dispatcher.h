@@ -3,6 +3,7 @@
 #include "lasteditpoller.h"
 #include "looppositions.h"
 #include "playlistloop.h"
+#include "settings.h"
 
 #include <QElapsedTimer>
 #include <QList>
@@ -83,7 +84,7 @@ private:
     Viewer *m_viewer;
     Remote *m_remote;
     RemoteServerProcess *m_remoteServer;
-    QString m_mode;
+    Settings::Mode m_mode = Settings::Mode::Display;
     LastEditPoller m_lastEdit;
     int m_state = 0;
     QTimer m_playlistTimer;

@@ -1,6 +1,7 @@
 #include "lasteditpoller.h"
 
 #include "settings.h"
+#include "statepaths.h"
 
 #include <QEventLoop>
 #include <QNetworkAccessManager>
@@ -25,17 +26,13 @@ void LastEditPoller::setSettings(Settings *settings)
 
 bool LastEditPoller::serverMode() const
 {
-    const QString mode
-        = m_settings->get(QStringLiteral("slideshow/playlist_update_mode")).toString();
-    return mode == QLatin1String("serverVorsaneTV")
-           || mode == QLatin1String("serverVorsaneTVPrivate");
+    return m_settings->serverMode();
 }
 
 void LastEditPoller::updateRevalidateFlag()
 {
     m_lastEdit = getLastEdit();
-    m_timestampFile.setFileName(QString::fromLocal8Bit(qgetenv("HOME"))
-                                + QLatin1String("/.vorsane-kiosk/playlist_last_timestamp.txt"));
+    m_timestampFile.setFileName(StatePaths::lastEditStamp());
     if (!m_timestampFile.open(QIODevice::ReadWrite))
         return;
     const QString stamp = m_lastEdit.toString();
@@ -57,17 +54,14 @@ bool LastEditPoller::serverChanged()
 
 QDateTime LastEditPoller::getLastEdit()
 {
-    QString pages = m_settings->get(QStringLiteral("slideshow/pages")).toString();
-    if (pages.isEmpty())
-        pages = m_settings->get(QStringLiteral("slideshow/url")).toString();
+    const QString pages = m_settings->playlistPages();
     const QUrl pagesUrl(pages);
     const QRegularExpressionMatch match
         = QRegularExpression(QStringLiteral(".*/p(/[\\w-]+)/.*")).match(pages);
     if (!match.hasMatch() || !pagesUrl.isValid())
         return QDateTime();
     const bool isPrivate
-        = m_settings->get(QStringLiteral("slideshow/playlist_update_mode")).toString()
-          == QLatin1String("serverVorsaneTVPrivate");
+        = m_settings->playlistUpdateMode() == Settings::UpdateMode::ServerPrivate;
     QUrl request(pagesUrl);
     request.setPath(QStringLiteral("/webapp/db/")
                     + (isPrivate ? QStringLiteral("lastEdit") : QStringLiteral("getEdit"))

@@ -27,7 +27,7 @@ bool PlaylistEventFilter::eventFilter(QObject *watched, QEvent *event)
         // In other modes a move would reach the viewer's press handler, where a move without a
         // button does nothing.
         if (viewer
-            && m_settings->get(QStringLiteral("main/mode")).toString() == QLatin1String("kiosk"))
+            && m_settings->mode() == Settings::Mode::Kiosk)
             viewer->emitMouseEvent();
         return true;
     case QEvent::KeyPress:

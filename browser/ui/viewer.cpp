@@ -53,10 +53,10 @@ Viewer::Viewer(QWidget *parent)
     loadWindowSettings();
     setShortcuts();
 
-    const bool fullscreen = m_settings->get(QStringLiteral("main/fullscreen")).toBool();
-    const int width = m_settings->get(QStringLiteral("main/largeur_edit")).toInt();
-    const int height = m_settings->get(QStringLiteral("main/hauteur_edit")).toInt();
-    const bool fixed = m_settings->get(QStringLiteral("main/fixedscreen")).toBool();
+    const bool fullscreen = m_settings->fullscreen();
+    const int width = m_settings->fixedWidth();
+    const int height = m_settings->fixedHeight();
+    const bool fixed = m_settings->fixedScreen();
     m_panelManager = panel::Manager::create(fullscreen, passwordSet());
     m_shortcutManager = SystemShortcutManager::create(fullscreen, passwordSet());
 
@@ -76,12 +76,12 @@ Viewer::Viewer(QWidget *parent)
 
     if (m_settings->get(QStringLiteral("slideshow/usb_auto")).toBool() && displayMode()) {
         m_usbAuto
-            = std::make_unique<UsbAuto>(m_settings->get(QStringLiteral("remote/key")).toString());
+            = std::make_unique<UsbAuto>(m_settings->remoteKey());
         connect(m_usbAuto.get(), &UsbAuto::finished, this, &Viewer::requestRestart);
     }
 
     m_soundMute
-        = std::make_unique<SoundMute>(m_settings->get(QStringLiteral("slideshow/mute")).toBool());
+        = std::make_unique<SoundMute>(m_settings->mute());
 
     QWebSettings *web = QWebSettings::globalSettings();
     web->setAttribute(QWebSettings::JavascriptCanOpenWindows, true);
@@ -105,12 +105,17 @@ Viewer::~Viewer() = default;
 
 bool Viewer::passwordSet() const
 {
-    return m_settings->get(QStringLiteral("main/admin_passwd")).toBool();
+    return m_settings->passwordSet();
 }
 
 bool Viewer::displayMode() const
 {
-    return m_settings->get(QStringLiteral("main/mode")).toString() == QLatin1String("display");
+    return m_settings->mode() == Settings::Mode::Display;
+}
+
+bool Viewer::playlistFilterLocked() const
+{
+    return m_playlistFilter->locked();
 }
 
 bool Viewer::next(QWidget *w)
@@ -140,11 +145,11 @@ bool Viewer::replace(QWidget *w)
     w->setMouseTracking(true);
 
     if (auto *browser = qobject_cast<Browser *>(w)) {
-        if (m_settings->get(QStringLiteral("main/stop_session_after_seconds")).toInt() != 0) {
+        if (m_settings->stopSessionAfterSeconds() != 0) {
             w->installEventFilter(m_browserFilter);
-            const QString remote = m_settings->get(QStringLiteral("remote/local_url")).toString()
+            const QString remote = m_settings->remoteLocalUrl()
                                    + QStringLiteral("?k=")
-                                   + m_settings->get(QStringLiteral("remote/key")).toString();
+                                   + m_settings->remoteKey();
             // The remote-control page never runs the session limit.
             if (browser->getHome().toString() != remote) {
                 connect(browser, &Browser::mouseMoved, this, &Viewer::resetTimer,
@@ -212,7 +217,7 @@ void Viewer::stop()
 void Viewer::setTimer()
 {
     m_sessionTimer.setInterval(
-        m_settings->get(QStringLiteral("main/stop_session_after_seconds")).toInt() * 1000);
+        m_settings->stopSessionAfterSeconds() * 1000);
     m_sessionTimer.start();
 }
 
@@ -375,7 +380,7 @@ void Viewer::mousePressEvent(QMouseEvent *event)
 {
     switch (event->button()) {
     case Qt::RightButton:
-        if (m_settings->get(QStringLiteral("remote/enabled")).toBool() && displayMode()) {
+        if (m_settings->remoteEnabled() && displayMode()) {
             killExternalPlayer();
             Q_EMIT startInlineRemote();
         }
