@@ -45,7 +45,7 @@ Viewer::Viewer(QWidget *parent)
     // The filters outlive the window (they stay installed on content), so the application owns
     // them.
     m_playlistFilter = new PlaylistEventFilter(m_settings, QCoreApplication::instance());
-    m_browserFilter = new BrowserEventFilter(QCoreApplication::instance());
+    m_browserFilter = new BrowserEventFilter(this, this);
     m_unlockTimer.setSingleShot(true);
     connect(&m_unlockTimer, &QTimer::timeout, this, &Viewer::unlockPlaylistEventFilter);
     connect(this, &QStackedWidget::currentChanged, this, &Viewer::on_currentChanged);
@@ -145,24 +145,19 @@ bool Viewer::replace(QWidget *w)
     w->setMouseTracking(true);
 
     if (auto *browser = qobject_cast<Browser *>(w)) {
-        if (m_settings->stopSessionAfterSeconds() != 0) {
-            w->installEventFilter(m_browserFilter);
-            const QString remote = m_settings->remoteLocalUrl()
-                                   + QStringLiteral("?k=")
-                                   + m_settings->remoteKey();
-            // The remote-control page never runs the session limit.
-            if (browser->getHome().toString() != remote) {
-                connect(browser, &Browser::mouseMoved, this, &Viewer::resetTimer,
-                        Qt::UniqueConnection);
-                setTimer();
-                // A session ended from outside (a remote command) leaves no timer behind,
-                // unless a new session has taken the screen meanwhile.
-                browser->setProperty("sessionTimed", true);
-                connect(browser, &QObject::destroyed, this, [this] {
-                    if (!m_currentWidget || !m_currentWidget->property("sessionTimed").toBool())
-                        m_sessionTimer.stop();
-                });
-            }
+        // The remote-control page never runs the session limit.
+        if (m_settings->stopSessionAfterSeconds() != 0 && !browser->isRemoteControl()) {
+            m_browserFilter->watch(browser);
+            setTimer();
+            // A session ended from outside (a remote command) leaves no timer behind,
+            // unless a new session has taken the screen meanwhile.
+            browser->setProperty("sessionTimed", true);
+            connect(browser, &QObject::destroyed, this, [this] {
+                if (!m_currentWidget || !m_currentWidget->property("sessionTimed").toBool()) {
+                    m_sessionTimer.stop();
+                    m_browserFilter->watch(nullptr);
+                }
+            });
         }
     } else {
         w->setCursor(Qt::BlankCursor);
