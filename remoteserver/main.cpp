@@ -47,9 +47,9 @@ int main(int argc, char *argv[])
     QCoreApplication::setApplicationName(QStringLiteral("vorsane-remote"));
     // The page and the answers speak the language of the player's desktop.
     QTranslator translator;
-    translator.load(QStringLiteral("browser_") + QLocale::system().name(),
-                    QStringLiteral(VORSANE_DATA_DIR "/i18n"));
-    QCoreApplication::installTranslator(&translator);
+    if (translator.load(QStringLiteral("browser_") + QLocale::system().name(),
+                        QStringLiteral(VORSANE_DATA_DIR "/i18n")))
+        QCoreApplication::installTranslator(&translator);
     CommandLineParser parser(int(kioskArguments.size()) - 1, kioskArguments.data());
     Settings *settings = Settings::load(false, &parser);
 

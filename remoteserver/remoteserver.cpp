@@ -95,12 +95,12 @@ QByteArray page()
     QRegularExpressionMatchIterator matches = marker.globalMatch(source);
     while (matches.hasNext()) {
         const QRegularExpressionMatch match = matches.next();
-        out += source.midRef(from, match.capturedStart() - from);
+        out += QStringView(source).mid(from, match.capturedStart() - from);
         out += QCoreApplication::translate("RemotePage", match.captured(1).toUtf8().constData())
                    .toHtmlEscaped();
         from = match.capturedEnd();
     }
-    out += source.midRef(from);
+    out += QStringView(source).mid(from);
     return out.toUtf8();
 }
 

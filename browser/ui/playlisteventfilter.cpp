@@ -36,12 +36,12 @@ bool PlaylistEventFilter::eventFilter(QObject *watched, QEvent *event)
         return true;
     case QEvent::MouseButtonPress:
         if (viewer) {
-            // Sent as the viewer's own press so that its mousePressEvent() decides by button.
+            // Sent as the viewer's own press so that its mousePressEvent() decides by button
+            // (only the button matters there, so whole pixels are enough).
             auto *press = static_cast<QMouseEvent *>(event);
-            QMouseEvent forwarded(QEvent::MouseButtonPress,
-                                  press->localPos() + QPointF(widget->pos()), press->windowPos(),
-                                  press->screenPos(), press->button(), press->buttons(),
-                                  press->modifiers(), press->source());
+            QMouseEvent forwarded(QEvent::MouseButtonPress, QPointF(widget->pos() + press->pos()),
+                                  QPointF(widget->mapToGlobal(press->pos())), press->button(),
+                                  press->buttons(), press->modifiers());
             QCoreApplication::sendEvent(viewer, &forwarded);
         }
         return true;
