@@ -1,5 +1,7 @@
 #include "remote.h"
 
+#include "statepaths.h"
+
 #include <QDebug>
 #include <QDir>
 #include <QFile>
@@ -256,8 +258,7 @@ void Remote::processGoTo(const QJSValue &value)
 void Remote::removeDroppedFile(const QString &relativePath)
 {
     // Any local process can send datagrams: only a file inside the folder may go.
-    const QDir folder(QString::fromLocal8Bit(qgetenv("HOME"))
-                      + QLatin1String("/.vorsane-kiosk/dragndrop"));
+    const QDir folder(StatePaths::dropFolder());
     const QString path = folder.filePath(relativePath);
     const QString inside = QDir::cleanPath(folder.absolutePath()) + QLatin1Char('/');
     if (relativePath.isEmpty() || !QDir::cleanPath(path).startsWith(inside)
