@@ -7,6 +7,7 @@
 #include <QJsonObject>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
+#include <QRegularExpression>
 #include <QTcpSocket>
 #include <QUdpSocket>
 #include <QWebFrame>
@@ -156,10 +157,21 @@ QByteArray TestRemoteServer::raw(const QByteArray &head, const QByteArray &body,
         socket.abort();
         return "cut";
     }
-    // A refusal closes the connection: the whole answer is there once it has.
+    // Whole once the body its head announces is in: the connection may stay open a while longer.
+    QByteArray answer;
     while (socket.waitForReadyRead(5000)) {
+        answer += socket.readAll();
+        const int headEnd = answer.indexOf("\r\n\r\n");
+        if (headEnd < 0)
+            continue;
+        static const QRegularExpression length(QStringLiteral("\r\ncontent-length: *(\\d+)"),
+                                               QRegularExpression::CaseInsensitiveOption);
+        const QRegularExpressionMatch match
+            = length.match(QString::fromLatin1(answer.left(headEnd)));
+        if (answer.size() >= headEnd + 4 + match.captured(1).toInt())
+            break;
     }
-    return socket.readAll();
+    return answer;
 }
 
 void TestRemoteServer::refused_data()
