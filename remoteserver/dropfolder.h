@@ -22,7 +22,6 @@ public:
     explicit DropFolder(const QString &home);
 
     QString path() const { return m_path; }
-    QString stagingPath() const { return m_staging; }
     bool ensureExists() const;
     // Removes what an interrupted run left in the staging folder.
     void clearStaging() const;
