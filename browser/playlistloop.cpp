@@ -2,6 +2,7 @@
 
 #include "settings.h"
 #include "statepaths.h"
+#include "watchdog.h"
 
 #include <QDebug>
 #include <QDir>
@@ -230,6 +231,7 @@ void PlaylistLoop::addSmbShare(const QUrl &url, int duration)
 
     if (!QFileInfo::exists(mountPoint)) {
         QProcess mount;
+        const Watchdog::OwnWait wait;
         mount.start(QStringLiteral("gvfs-mount"),
                     QStringList{QStringLiteral("smb://%1/%2").arg(server, share)});
         if (!mount.waitForFinished(mountWaitMs) && mount.state() != QProcess::NotRunning) {

@@ -2,6 +2,7 @@
 
 #include "logger.h"
 #include "statepaths.h"
+#include "watchdog.h"
 
 #include <QCoreApplication>
 #include <QDebug>
@@ -129,6 +130,7 @@ void RemoteServerProcess::stop()
     m_restartTimer.stop();
     if (m_process.state() != QProcess::NotRunning) {
         m_process.terminate();
+        const Watchdog::OwnWait wait;
         if (!m_process.waitForFinished(5000)) {
             m_process.kill();
             m_process.waitForFinished(5000);

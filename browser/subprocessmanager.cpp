@@ -1,6 +1,7 @@
 #include "subprocessmanager.h"
 
 #include "settings.h"
+#include "watchdog.h"
 
 #include <QDebug>
 #include <QElapsedTimer>
@@ -100,6 +101,7 @@ void SubprocessManager::empty()
 {
     for (qint64 group : std::as_const(m_groups))
         ::kill(pid_t(-group), SIGTERM);
+    const Watchdog::OwnWait wait;
     QElapsedTimer waited;
     waited.start();
     for (const QPointer<RProcess> &process : std::as_const(m_processes)) {

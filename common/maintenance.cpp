@@ -1,5 +1,7 @@
 #include "maintenance.h"
 
+#include "watchdog.h"
+
 #include <QDebug>
 #include <QFile>
 #include <QProcess>
@@ -10,7 +12,12 @@ const int processWaitMs = 30000;
 // A child still running after the wait goes on in the background; deleting it now would kill it.
 void waitAndRelease(QProcess *process)
 {
-    if (process->waitForFinished(processWaitMs) || process->state() == QProcess::NotRunning) {
+    bool finished = false;
+    {
+        const Watchdog::OwnWait wait;
+        finished = process->waitForFinished(processWaitMs);
+    }
+    if (finished || process->state() == QProcess::NotRunning) {
         process->deleteLater();
         return;
     }

@@ -1,6 +1,7 @@
 #include "utils.h"
 
 #include "settings.h"
+#include "watchdog.h"
 
 #include <QProcess>
 
@@ -61,6 +62,7 @@ int Utils::runAndWait(const QString &program, const QStringList &arguments, QByt
 {
     QProcess process;
     process.start(program, arguments);
+    const Watchdog::OwnWait wait;
     const bool finished = process.waitForFinished(30000);
     if (output)
         *output = process.readAllStandardOutput();

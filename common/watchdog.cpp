@@ -32,6 +32,7 @@ std::atomic<qint64> s_lastBeat{0};
 std::atomic<int> s_arrivedSignal{0};
 std::atomic<qint64> s_signalSince{0};
 std::atomic<bool> s_signalTaken{false};
+std::atomic<int> s_ownWaits{0};
 
 std::mutex s_mutex;
 QString s_webPage;
@@ -122,7 +123,7 @@ struct Watchdog::Thread
             std::lock_guard<std::mutex> guard(s_mutex);
             page = s_webPage;
         }
-        if (!page.isEmpty() && now - s_lastBeat.load() > stallLimitMs) {
+        if (!page.isEmpty() && s_ownWaits.load() == 0 && now - s_lastBeat.load() > stallLimitMs) {
             recordStall(page);
             endNow(0, QStringLiteral("Web page %1 has held the program for %2 s (a script that "
                                      "never ends?); ending the program, the page will be shown "
@@ -152,6 +153,18 @@ Watchdog::~Watchdog()
     }
     m_thread->wake.notify_all();
     m_thread->thread.join();
+}
+
+Watchdog::OwnWait::OwnWait()
+{
+    ++s_ownWaits;
+}
+
+Watchdog::OwnWait::~OwnWait()
+{
+    // The page is given its full time again from the end of the wait.
+    s_lastBeat = nowMs();
+    --s_ownWaits;
 }
 
 void Watchdog::setWebPage(const QUrl &url)

@@ -39,6 +39,18 @@ public:
     // What is registered for one part now.
     static QList<QStringList> giveBack(const QString &what);
 
+    // Marks a wait of the program's own (a hook, a child program, maintenance) for as long as it
+    // lives: the GUI thread is then busy by the program's choice, not held by a page, and the
+    // time it spends does not count towards a stall. Waits may nest.
+    class OwnWait
+    {
+    public:
+        OwnWait();
+        ~OwnWait();
+        OwnWait(const OwnWait &) = delete;
+        OwnWait &operator=(const OwnWait &) = delete;
+    };
+
     // Called from the signal handler (async-signal-safe) and by the GUI thread once it has
     // taken the signal.
     static void signalArrived(int signum);

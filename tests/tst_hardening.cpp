@@ -22,6 +22,7 @@ private Q_SLOTS:
     void datagramsThatRunCodeCannotFreezeTheRemote();
     void overlaysAreFreed();
     void endlessScriptEndsTheProgramNotTheShow();
+    void slowHookIsNoStall();
 
 private:
     // Full screen on a desktop with a panel, which the program hides while it runs.
@@ -137,6 +138,26 @@ void TestHardening::overlaysAreFreed()
         viewer.showUrl(QUrl::fromLocalFile(page).toString(), 1);
     QTRY_COMPARE_WITH_TIMEOUT(viewer.findChildren<Webpage *>().size(), 0, 15000);
     QCOMPARE(viewer.count(), 0);
+}
+
+void TestHardening::slowHookIsNoStall()
+{
+    HttpServer server;
+    server.setRoute("/home", "<p>WELCOME</p>", 200, {{"Content-Type", "text/html"}});
+    KioskProcess kiosk;
+    // Longer than the watchdog's stall limit, as a hook may be.
+    const QString done = kiosk.home().filePath("hook-done");
+    const QString hook = kiosk.confDir() + "/hooks/session-start";
+    QVERIFY(writeFile(hook, "#!/bin/sh\nsleep 9\ntouch '" + done.toUtf8() + "'\n"));
+    QFile::setPermissions(hook, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
+    QVERIFY(kiosk.start("#Vorsane playlist\n",
+                        "mode=kiosk\nstart_with_session=true\ndefault_url="
+                            + server.url("/home").toEncoded() + "\n"));
+    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(done), 20000);
+    // The wait is the program's own: the web session goes on in the same process.
+    QVERIFY(!kiosk.waitForLog("has held the program", 1500));
+    QCOMPARE(kiosk.process().state(), QProcess::Running);
+    QCOMPARE(kiosk.interrupt(6000), 2);
 }
 
 QTEST_MAIN(TestHardening)

@@ -2,6 +2,7 @@
 
 #include "playlistitem.h"
 #include "settings.h"
+#include "watchdog.h"
 
 #include <QDebug>
 #include <QMouseEvent>
@@ -47,6 +48,7 @@ bool ExternalBrowser::stopImpl()
     disconnect(&m_process, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), this,
                &ExternalBrowser::onMediaEndReached);
     m_process.terminate();
+    const Watchdog::OwnWait wait;
     m_process.waitForFinished(processWaitMs);
     return true;
 }
