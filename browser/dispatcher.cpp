@@ -12,6 +12,7 @@
 #include "remote.h"
 #include "remoteserverprocess.h"
 #include "runnable.h"
+#include "screensaverblocker.h"
 #include "screenshot.h"
 #include "setupretry.h"
 #include "settings.h"
@@ -42,6 +43,7 @@ Dispatcher::Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject 
     m_content = new ContentFactory(m_viewer, m_settings, this);
     m_downloads = new LoopDownloads(this);
     m_retry = new SetUpRetry(this);
+    m_screensaver = new ScreensaverBlocker(this);
     connect(m_downloads, &LoopDownloads::failedBehindShow, m_retry, &SetUpRetry::failed);
     connect(m_retry, &SetUpRetry::retry, this, &Dispatcher::startSlideshow);
     connect(m_remote, &Remote::restart, this, &Dispatcher::startSlideshow);
@@ -74,17 +76,11 @@ Dispatcher::Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject 
     connect(m_viewer, &Viewer::terminate, this, &Dispatcher::endIdle);
 
     if (m_settings->fullscreen()) {
-        const QRect screen = QGuiApplication::primaryScreen()
-                                 ? QGuiApplication::primaryScreen()->geometry()
-                                 : QRect(0, 0, 800, 600);
-        m_viewer->setFixedSize(screen.right() - screen.left() + 1,
-                               screen.bottom() - screen.top() + 1);
+        const QScreen *screen = QGuiApplication::primaryScreen();
+        m_viewer->setFixedSize(screen ? screen->geometry().size() : QSize(800, 600));
     }
-    if (m_settings->get(QStringLiteral("main/no_screensaver")).toBool()) {
-        Utils::runAndWait(QStringLiteral("pkill"),
-                          {QStringLiteral("-9"), QStringLiteral("xscreensaver")});
-        disableScreensaver();
-    }
+    if (m_settings->get(QStringLiteral("main/no_screensaver")).toBool())
+        m_screensaver->takeOver();
     Screenshot::removeOld();
 }
 
@@ -160,18 +156,22 @@ void Dispatcher::startSlideshow()
     m_positions.setSingleKey(local);
     const QUrl url = local ? QUrl(QStringLiteral("file://%1").arg(m_settings->playlistFilename()))
                            : QUrl(m_settings->playlistPages());
-    bool ok = false;
-    int defaultDuration = m_settings->get(QStringLiteral("slideshow/default_time")).toInt(&ok);
-    if (!ok)
-        defaultDuration = 5;
+    const int defaultDuration = m_settings->defaultTime();
 
-    m_parser.reset(PlaylistParser::get(defaultDuration, url, m_viewer));
-    m_positions.dropForcedLoop();
+    if (!m_parser && !local && startFromKeptCopy(defaultDuration))
+        return;
+    // With a show on screen, a playlist from the network is fetched and cached behind it and
+    // takes over at the next item.
+    m_behindShow = m_parser && !local;
+    std::unique_ptr<PlaylistParser> parser(PlaylistParser::get(defaultDuration, url, m_viewer));
     if (m_lastEdit.serverMode())
         m_lastEdit.updateRevalidateFlag();
 
-    const bool allDownloaded = m_downloads->downloadLoops(*m_parser, m_lastEdit.revalidate());
+    const bool allDownloaded = m_downloads->downloadLoops(*parser, m_lastEdit.revalidate());
+    m_parser = std::move(parser);
+    m_positions.dropForcedLoop();
     m_settingUp = false;
+    const bool behindShow = std::exchange(m_behindShow, false);
     if (SignalRelay::caughtSignal())
         return;
     if (allDownloaded)
@@ -180,16 +180,33 @@ void Dispatcher::startSlideshow()
         m_retry->failed();
 
     qDebug() << "NB LOOPS : " << m_parser->getLoops().size();
-    showLoopNext();
+    if (!behindShow)
+        showLoopNext();
 
     const QList<std::function<void()>> pending = std::exchange(m_pending, {});
     for (const std::function<void()> &action : pending)
         action();
 }
 
+bool Dispatcher::startFromKeptCopy(int defaultDuration)
+{
+    PlaylistParser *kept = PlaylistParser::fromKeptCopy(defaultDuration);
+    if (!kept)
+        return false;
+    // A content server that answers late, or never, must not keep the screen blank: the show
+    // starts from what is on disk, without asking the network, and the server is asked behind it.
+    qDebug() << "Starting from the kept playlist; the content server is asked behind the show.";
+    m_parser.reset(kept);
+    m_downloads->downloadLoops(*m_parser, false);
+    m_settingUp = false;
+    showLoopNext();
+    QTimer::singleShot(0, this, &Dispatcher::startSlideshow);
+    return true;
+}
+
 bool Dispatcher::deferWhileSettingUp(std::function<void()> action)
 {
-    if (!m_settingUp)
+    if (!m_settingUp || m_behindShow)
         return false;
     qDebug() << "Input during set-up: carried out when it is over.";
     m_pending << std::move(action);
@@ -204,7 +221,7 @@ void Dispatcher::showLoopNext()
     m_state = 3;
     // While a new playlist is being cached the current item stays on screen; the set-up
     // continues the show when it is done.
-    if (!m_parser || m_settingUp)
+    if (!m_parser || (m_settingUp && !m_behindShow))
         return;
 
     // Content that played for a while clears the failure count. Content that ended by itself
@@ -388,11 +405,7 @@ void Dispatcher::endIdle()
 
 void Dispatcher::startRemote()
 {
-    // The server reads the same preference and playlist files as the kiosk.
-    m_remoteServer->start(m_settings->remotePort(),
-                          m_settings->remoteKey(),
-                          {QStringLiteral("--preference"), m_settings->preferencesFilename(),
-                           QStringLiteral("--playlist"), m_settings->playlistFilename()});
+    m_remoteServer->startFor(*m_settings);
 }
 
 void Dispatcher::startInlineRemote()
@@ -421,20 +434,16 @@ void Dispatcher::onReconnectMouseEventTimeout()
 
 void Dispatcher::onScreensaverTimeout()
 {
-    Utils::runAndWait(QStringLiteral("xscreensaver-command"), {QStringLiteral("-deactivate")});
+    m_screensaver->poke();
 }
 
-void Dispatcher::startNoScreensaver(int exitCode, QProcess::ExitStatus status)
+void Dispatcher::startNoScreensaver(int exitCode, QProcess::ExitStatus)
 {
-    Q_UNUSED(status)
-    if (exitCode != 0)
-        return;
-    disableScreensaver();
+    if (exitCode == 0)
+        disableScreensaver();
 }
 
 void Dispatcher::disableScreensaver()
 {
-    connect(&m_screensaverTimer, &QTimer::timeout, this, &Dispatcher::onScreensaverTimeout,
-            Qt::UniqueConnection);
-    m_screensaverTimer.start(30000);
+    m_screensaver->start();
 }

@@ -21,6 +21,7 @@ class ContentFactory;
 class LoopDownloads;
 class PlaylistParser;
 class Remote;
+class ScreensaverBlocker;
 class RemoteServerProcess;
 class SetUpRetry;
 class Settings;
@@ -77,6 +78,7 @@ private:
     Cleanser *m_cleanser;
     ContentFactory *m_content;
     LoopDownloads *m_downloads;
+    ScreensaverBlocker *m_screensaver = nullptr;
     SetUpRetry *m_retry;
     QWidget *m_nextWidget = nullptr;
     QWidget *m_shownWidget = nullptr;
@@ -89,15 +91,17 @@ private:
     int m_state = 0;
     QTimer m_playlistTimer;
     bool m_ready = false;
-    QTimer m_screensaverTimer;
     std::unique_ptr<PlaylistParser> m_parser;
     LoopPositions m_positions;
     int m_failedStarts = 0;
     QElapsedTimer m_shownSince;
     bool m_endedBySelf = false;
     bool m_settingUp = false;
+    // The set-up under way fetches a new playlist while the current one goes on playing.
+    bool m_behindShow = false;
     bool m_openingSession = false;
     // Remote commands and clicks that arrive while a set-up runs, carried out when it is over.
     QList<std::function<void()>> m_pending;
     bool deferWhileSettingUp(std::function<void()> action);
+    bool startFromKeptCopy(int defaultDuration);
 };

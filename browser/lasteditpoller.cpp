@@ -3,6 +3,7 @@
 #include "settings.h"
 #include "statepaths.h"
 
+#include <QDebug>
 #include <QEventLoop>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
@@ -72,10 +73,21 @@ QDateTime LastEditPoller::getLastEdit()
     QNetworkReply *reply = manager.get(QNetworkRequest(request));
     QEventLoop wait;
     QObject::connect(reply, &QNetworkReply::finished, &wait, &QEventLoop::quit);
+    bool tooLong = false;
+    QObject::connect(reply, &QNetworkReply::downloadProgress, reply,
+                     [reply, &tooLong](qint64 received, qint64 total) {
+                         if (!tooLong && (received > MaxAnswerBytes || total > MaxAnswerBytes)) {
+                             tooLong = true;
+                             reply->abort();
+                         }
+                     });
     QTimer::singleShot(LastEditTimeoutMs, &wait, &QEventLoop::quit);
     wait.exec();
     QDateTime edit;
-    if (reply->isFinished() && reply->error() == QNetworkReply::NoError)
+    if (tooLong)
+        qWarning() << "Last edit answer from" << request.toString() << "longer than"
+                   << MaxAnswerBytes << "bytes; ignored";
+    else if (reply->isFinished() && reply->error() == QNetworkReply::NoError)
         edit = QDateTime::fromString(QString::fromUtf8(reply->readAll()).trimmed(),
                                      QString::fromLatin1(lastEditFormat));
     else

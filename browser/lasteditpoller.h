@@ -13,6 +13,8 @@ class LastEditPoller
 public:
     // A content server that does not answer in time is treated as down.
     static constexpr int LastEditTimeoutMs = 30000;
+    // The answer is a time stamp: anything longer is not one, and is not read further.
+    static constexpr qint64 MaxAnswerBytes = 4096;
 
     explicit LastEditPoller(Settings *settings);
 

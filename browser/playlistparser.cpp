@@ -133,19 +133,36 @@ PlaylistParser *PlaylistParser::get(int defaultDuration, const QUrl &url, QWidge
         text = fetch(url, widget, offlineCopy);
     }
 
-    PlaylistParser *parser = nullptr;
-    auto *xml = new XmlPlaylistParser(defaultDuration, text, url.toString());
-    if (xml->valid) {
-        parser = xml;
-    } else if (xml->rejected) {
-        delete xml;
-        parser = new XmlPlaylistParser(defaultDuration, emptySchedule(), url.toString());
-    } else {
-        delete xml;
-        parser = new FlatPlaylistParser(defaultDuration, text);
-    }
+    PlaylistParser *parser = fromText(defaultDuration, text, url.toString());
     parser->m_offlineCopy = offlineCopy;
     return parser;
+}
+
+PlaylistParser *PlaylistParser::fromText(int defaultDuration, const QString &text,
+                                         const QString &source)
+{
+    auto *xml = new XmlPlaylistParser(defaultDuration, text, source);
+    if (xml->valid)
+        return xml;
+    const bool rejected = xml->rejected;
+    delete xml;
+    if (rejected)
+        return new XmlPlaylistParser(defaultDuration, emptySchedule(), source);
+    return new FlatPlaylistParser(defaultDuration, text);
+}
+
+PlaylistParser *PlaylistParser::fromKeptCopy(int defaultDuration)
+{
+    // The same copy a failed fetch would play, so that a server that stays away changes nothing.
+    for (const QString &path : {offlineCopyPath(), localCopyPath()}) {
+        QString text;
+        if (!readUtf8(path, text) || !isPlaylist(text))
+            continue;
+        PlaylistParser *parser = fromText(defaultDuration, text, path);
+        parser->m_offlineCopy = true;
+        return parser;
+    }
+    return nullptr;
 }
 
 bool PlaylistParser::isPlaylist(const QString &text)
@@ -186,6 +203,15 @@ QString PlaylistParser::fetch(const QUrl &url, QWidget *widget, bool &offlineCop
     });
     QEventLoop loop;
     connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    // The idle limit alone lets a server that sends a byte now and then hold the fetch for good.
+    QTimer deadline;
+    deadline.setSingleShot(true);
+    connect(&deadline, &QTimer::timeout, reply, [reply, url] {
+        qWarning() << "Playlist from" << url.toString() << "not whole after"
+                   << FetchDeadlineMs / 1000 << "s; given up";
+        reply->abort();
+    });
+    deadline.start(FetchDeadlineMs);
     if (!reply->isFinished())
         loop.exec();
 

@@ -22,6 +22,9 @@ public:
 
     // A new parser owned by the caller. widget is hidden before the offline message is shown.
     static PlaylistParser *get(int defaultDuration, const QUrl &url, QWidget *widget);
+    // The playlist kept from the network, read without asking the network (the offline backup,
+    // else the last copy); nullptr when there is none. Marked as an offline copy.
+    static PlaylistParser *fromKeptCopy(int defaultDuration);
 
     // The schedule played whenever no playlist can be had: one loop, no items.
     static QString emptySchedule();
@@ -32,6 +35,8 @@ public:
     // Limits on a playlist document: larger or deeper documents are rejected, not parsed.
     static constexpr qint64 MaxDocumentBytes = 16 * 1024 * 1024;
     static constexpr int MaxDocumentDepth = 64;
+    // A content server's playlist must have arrived whole within this, however it trickles.
+    static constexpr int FetchDeadlineMs = 120000;
     // Whether a fetched text may replace the kept copy: it must parse as a playlist that has at
     // least one loop. A captive portal's page or half a document is not one.
     static bool isPlaylist(const QString &text);
@@ -51,6 +56,8 @@ protected:
 
 private:
     static QString fetch(const QUrl &url, QWidget *widget, bool &offlineCopy);
+    static PlaylistParser *fromText(int defaultDuration, const QString &text,
+                                    const QString &source);
 
     bool m_offlineCopy = false;
 };

@@ -1,6 +1,7 @@
 #include "remoteserverprocess.h"
 
 #include "logger.h"
+#include "settings.h"
 #include "statepaths.h"
 #include "watchdog.h"
 
@@ -70,6 +71,14 @@ QString RemoteServerProcess::program()
     if (QFileInfo(beside).isExecutable())
         return beside;
     return QStringLiteral("vorsane-remote");
+}
+
+void RemoteServerProcess::startFor(const Settings &settings)
+{
+    // The server reads the same preference and playlist files as the kiosk.
+    start(settings.remotePort(), settings.remoteKey(),
+          {QStringLiteral("--preference"), settings.preferencesFilename(),
+           QStringLiteral("--playlist"), settings.playlistFilename()});
 }
 
 void RemoteServerProcess::start(int port, const QString &key, const QStringList &kioskArguments)

@@ -7,6 +7,7 @@
 
 #include <memory>
 
+class Settings;
 class QLockFile;
 
 // Runs the companion remote-control server "vorsane-remote" as a child of the kiosk: one per
@@ -25,6 +26,8 @@ public:
     ~RemoteServerProcess() override;
 
     // Does nothing while our server runs or while another kiosk's server holds the lock.
+    // With the port, the key and the preference and playlist files of these settings.
+    void startFor(const Settings &settings);
     void start(int port, const QString &key, const QStringList &kioskArguments);
     void stop();
     bool isRunning() const;

@@ -326,6 +326,13 @@ bool Settings::stretch() const
     return get(Prefs::Stretch).toBool();
 }
 
+int Settings::defaultTime() const
+{
+    bool ok = false;
+    const int seconds = get(QStringLiteral("slideshow/default_time")).toInt(&ok);
+    return ok ? seconds : 5;
+}
+
 void Settings::set(const QString &key, int value)
 {
     m_values.insert(key, value);

@@ -80,6 +80,8 @@ public:
     bool mute() const;
     bool resize() const;
     bool stretch() const;
+    // Seconds an item without a time of its own is shown; 5 when the value is not a number.
+    int defaultTime() const;
 
     void set(const QString &key, int value);
     void set(const QString &key, QString value);

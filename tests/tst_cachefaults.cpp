@@ -12,6 +12,7 @@
 
 #include <QDateTime>
 #include <QElapsedTimer>
+#include <QBuffer>
 #include <QDir>
 #include <QSignalSpy>
 #include <QTest>
@@ -36,6 +37,8 @@ private Q_SLOTS:
     void fetchedPlaylistMustBeAPlaylist();
     void signalMidDownloadThenRestart();
     void stalledServerAtStartUp();
+    void keptPlaylistPlaysWhateverTheServer_data();
+    void keptPlaylistPlaysWhateverTheServer();
 
 private:
     PlaylistLoopPtr loopOf(const QStringList &urls);
@@ -267,6 +270,77 @@ void TestCacheFaults::stalledServerAtStartUp()
             return shot.isValid() && shot != QColor(Qt::red) && shot != QColor(Qt::black);
         },
         15000));
+}
+
+void TestCacheFaults::keptPlaylistPlaysWhateverTheServer_data()
+{
+    QTest::addColumn<bool>("playlistAnswers");
+    QTest::addColumn<int>("lastEditBehaviour");
+    QTest::addColumn<QByteArray>("lastEdit");
+    QTest::addColumn<QByteArray>("logged");
+
+    QTest::newRow("accepts and never answers")
+        << false << int(Behaviour::Stall) << QByteArray("x") << QByteArray();
+    QTest::newRow("answers the playlist, streams an endless last edit")
+        << true << int(Behaviour::Chunked) << QByteArray(8 * 1024 * 1024, '7')
+        << QByteArray("longer than 4096 bytes; ignored");
+}
+
+void TestCacheFaults::keptPlaylistPlaysWhateverTheServer()
+{
+    QFETCH(bool, playlistAnswers);
+    QFETCH(int, lastEditBehaviour);
+    QFETCH(QByteArray, lastEdit);
+    QFETCH(QByteArray, logged);
+
+    QByteArray png;
+    {
+        QImage picture(64, 48, QImage::Format_RGB32);
+        picture.fill(Qt::red);
+        QBuffer buffer(&png);
+        picture.save(&buffer, "PNG");
+    }
+    m_server->setRoute("/red.png", png, 200, {{"Last-Modified", "Mon, 02 Nov 2026 10:00:00 GMT"}});
+    m_server->setRoute("/p/screen/list",
+                       schedule(xmlLoop("id='0'", xmlItem(m_server->url("/red.png").toString(),
+                                                          "image", 600))));
+    m_server->setRoute("/webapp/db/getEdit/screen/playlist/", "2026;11;02;10;00;00;");
+    const QByteArray preferences = "[slideshow]\nplaylist_update_mode=serverVorsaneTV\npages="
+                                   + m_server->url("/p/screen/list").toEncoded() + "\n";
+    auto shows = [](const QColor &colour, int timeoutMs) {
+        return QTest::qWaitFor(
+            [&] {
+                KioskProcess::sendDatagram("{\"action\":3}");
+                return KioskProcess::screenColor() == colour;
+            },
+            timeoutMs);
+    };
+    KioskProcess kiosk;
+    // A first run keeps the playlist and its picture.
+    QVERIFY(kiosk.start(QByteArray(), preferences));
+    QVERIFY2(shows(Qt::red, 20000), kiosk.log().right(2000));
+    QCOMPARE(kiosk.interrupt(), 2);
+    QFile::remove(QStringLiteral("/tmp/screen.png"));
+
+    // After a power cut the network is back before the server is.
+    m_server->setRoute("/red.png", HttpServer::Route{"x", 200, {}, Behaviour::Stall});
+    if (!playlistAnswers)
+        m_server->setRoute("/p/screen/list", HttpServer::Route{"x", 200, {}, Behaviour::Stall});
+    m_server->setRoute("/webapp/db/getEdit/screen/playlist/",
+                       HttpServer::Route{lastEdit, 200, {}, Behaviour(lastEditBehaviour)});
+    QElapsedTimer clock;
+    clock.start();
+    QVERIFY(kiosk.start(QByteArray(), preferences));
+    QVERIFY2(shows(Qt::red, 10000), kiosk.log().right(2000));
+    qDebug() << "Kept playlist on screen after" << clock.elapsed() << "ms";
+    QVERIFY(kiosk.log().contains("Starting from the kept playlist"));
+    // The server is asked behind the show, which stays on screen meanwhile.
+    QTRY_VERIFY_WITH_TIMEOUT(m_server->stalledConnections() > 0, 10000);
+    if (!logged.isEmpty())
+        QVERIFY2(kiosk.waitForLog(logged, 10000), kiosk.log().right(2000));
+    QVERIFY(shows(Qt::red, 2000));
+    QCOMPARE(kiosk.process().state(), QProcess::Running);
+    QCOMPARE(kiosk.interrupt(), 2);
 }
 
 QTEST_MAIN(TestCacheFaults)
