@@ -7,8 +7,6 @@
 
 #include <QAction>
 #include <QVBoxLayout>
-#include <QWebElement>
-#include <QWebFrame>
 
 namespace kiosk {
 
@@ -46,7 +44,7 @@ void Page::build()
 void Page::setup()
 {
     const double zoom = m_settings->zoomFactor();
-    connect(m_view, &QWebView::titleChanged, this, [this](const QString &title) {
+    connect(m_view, &WebView::titleChanged, this, [this](const QString &title) {
         QString text = title;
         adjustTitle(text);
     });
@@ -90,10 +88,7 @@ void Page::adjustTitle(QString &title)
 
 void Page::removeEmbedElements()
 {
-    const QWebElementCollection embeds
-        = m_view->page()->mainFrame()->findAllElements(QStringLiteral("embed"));
-    for (QWebElement embed : embeds)
-        embed.removeFromDocument();
+    m_view->removeEmbedElements();
 }
 
 void Page::onEnd()
