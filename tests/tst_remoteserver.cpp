@@ -1,6 +1,11 @@
+#include "commandlineparser.h"
+#include "customqwebpage.h"
 #include "kioskprocess.h"
 #include "remoteprotocol.h"
+#include "settings.h"
 #include "testsupport.h"
+#include "webtest.h"
+#include "webview.h"
 
 #include <QHttpMultiPart>
 #include <QJsonDocument>
@@ -10,8 +15,6 @@
 #include <QRegularExpression>
 #include <QTcpSocket>
 #include <QUdpSocket>
-#include <QWebFrame>
-#include <QWebPage>
 #include <QtTest>
 
 using namespace testsupport;
@@ -19,19 +22,6 @@ using RemoteProtocol::Action;
 
 namespace {
 const QByteArray key = "k&ey 42";
-
-// Collects what the page's scripts report: errors end up here in QtWebKit.
-class ConsolePage : public QWebPage
-{
-public:
-    QStringList messages;
-
-protected:
-    void javaScriptConsoleMessage(const QString &message, int line, const QString &) override
-    {
-        messages << QStringLiteral("%1: %2").arg(line).arg(message);
-    }
-};
 } // namespace
 
 class TestRemoteServer : public QObject
@@ -54,7 +44,7 @@ private Q_SLOTS:
     void brokenUploadsLeaveNothing();
     void invalidPlaylistRejected_data();
     void invalidPlaylistRejected();
-    void pageRunsInWebKit();
+    void pageRunsInTheWebEngine();
     void kioskRunsAndEndsServer_data();
     void kioskRunsAndEndsServer();
 
@@ -386,30 +376,37 @@ void TestRemoteServer::invalidPlaylistRejected()
     QVERIFY(writeFile(path, before));
 }
 
-void TestRemoteServer::pageRunsInWebKit()
+void TestRemoteServer::pageRunsInTheWebEngine()
 {
-    ConsolePage page;
-    QSignalSpy loaded(&page, &QWebPage::loadFinished);
-    page.mainFrame()->load(QUrl(QStringLiteral("http://127.0.0.1:%1/?k=%2")
-                                    .arg(m_port)
-                                    .arg(QString::fromLatin1(key.toPercentEncoding()))));
+    // The kiosk's own engine shows the page (the inline remote).
+    prepareWebEngine();
+    // The settings keep the command line they were read with.
+    static const auto parser = makeParser(m_home->filePath("conf"));
+    Settings::load(true, parser.get());
+    WebView view(nullptr);
+    auto *page = new CustomQWebPage(&view);
+    view.setPage(page);
+    QStringList errors;
+    connect(page, &CustomQWebPage::scriptError, this,
+            [&errors](const QString &message, int line) {
+                errors << QStringLiteral("%1: %2").arg(line).arg(message);
+            });
+    QSignalSpy loaded(&view, &WebView::loadFinished);
+    view.load(QUrl(QStringLiteral("http://127.0.0.1:%1/?k=%2")
+                       .arg(m_port)
+                       .arg(QString::fromLatin1(key.toPercentEncoding()))));
     QVERIFY(loaded.wait(10000));
     QCOMPARE(loaded.first().first().toBool(), true);
     // The loops of the playlist arrived through the API, so the scripts ran and the cookie works.
-    QTRY_COMPARE(page.mainFrame()
-                     ->evaluateJavaScript("document.getElementById('loop').options.length")
-                     .toInt(),
-                 2);
-    QCOMPARE(page.mainFrame()
-                 ->evaluateJavaScript("document.getElementById('loop').options[1].textContent")
-                 .toString(),
+    QTRY_COMPARE(runScript(&view, "document.getElementById('loop').options.length").toInt(), 2);
+    QCOMPARE(runScript(&view, "document.getElementById('loop').options[1].textContent").toString(),
              QStringLiteral("Loop 7"));
-    page.mainFrame()->evaluateJavaScript("document.getElementById('next').click()");
+    runScript(&view, "document.getElementById('next').click()");
     // The page asks for screenshots on its own; the click's command comes among them.
     QList<int> actions;
     QTRY_VERIFY((m_slideshow.hasPendingDatagrams() && (actions << action(nextDatagram()), false))
                 || actions.contains(RemoteProtocol::code(Action::Next)));
-    QVERIFY2(page.messages.isEmpty(), qPrintable(page.messages.join('\n')));
+    QVERIFY2(errors.isEmpty(), qPrintable(errors.join('\n')));
 }
 
 void TestRemoteServer::kioskRunsAndEndsServer_data()

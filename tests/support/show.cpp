@@ -4,6 +4,7 @@
 #include "dispatcher.h"
 #include "settings.h"
 #include "viewer.h"
+#include "webtest.h"
 
 #include <QCoreApplication>
 #include <QSettings>
@@ -14,6 +15,7 @@ Show::Show()
 {
     qputenv("XDG_CURRENT_DESKTOP", "none");
     fakes.addDesktopCommands();
+    prepareWebEngine();
 }
 
 Show::~Show()

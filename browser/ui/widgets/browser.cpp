@@ -108,13 +108,13 @@ void Browser::setShortcuts()
         QKeySequence keys;
         void (Browser::*slot)();
     } shortcuts[] = {
-        {QKeySequence(Qt::CTRL + Qt::Key_L), &Browser::selectAddressBar},
-        {QKeySequence(Qt::CTRL + Qt::Key_K), &Browser::selectAddressBarAndBeginSearch},
-        {QKeySequence(Qt::CTRL + Qt::Key_T), QOverload<>::of(&Browser::newPage)},
-        {QKeySequence(Qt::CTRL + Qt::Key_W), &Browser::closeCurrentTab},
+        {QKeySequence(Qt::CTRL | Qt::Key_L), &Browser::selectAddressBar},
+        {QKeySequence(Qt::CTRL | Qt::Key_K), &Browser::selectAddressBarAndBeginSearch},
+        {QKeySequence(Qt::CTRL | Qt::Key_T), QOverload<>::of(&Browser::newPage)},
+        {QKeySequence(Qt::CTRL | Qt::Key_W), &Browser::closeCurrentTab},
         // Up goes to the next tab and down to the previous one, as users of this kiosk know it.
-        {QKeySequence(Qt::CTRL + Qt::Key_PageUp), &Browser::nextTab},
-        {QKeySequence(Qt::CTRL + Qt::Key_PageDown), &Browser::prevTab},
+        {QKeySequence(Qt::CTRL | Qt::Key_PageUp), &Browser::nextTab},
+        {QKeySequence(Qt::CTRL | Qt::Key_PageDown), &Browser::prevTab},
     };
     for (const auto &shortcut : shortcuts) {
         auto *action = new QAction(this);

@@ -24,12 +24,15 @@ namespace FrozenPages {
 
 bool endSlideshowPage(qint64 rendererPid, const QUrl &url)
 {
-    Watchdog::recordStall(url);
-    return kill(rendererPid, QStringLiteral("Web page %1 did not answer (a script that never "
-                                            "ends?); its renderer %2 was ended, the page will be "
-                                            "shown without scripts.")
-                                 .arg(url.toString())
-                                 .arg(rendererPid));
+    const bool ended
+        = kill(rendererPid, QStringLiteral("Web page %1 did not answer (a script that never "
+                                           "ends?); its renderer %2 was ended, the page will be "
+                                           "shown without scripts.")
+                                .arg(url.toString())
+                                .arg(rendererPid));
+    if (ended)
+        Watchdog::recordStall(url);
+    return ended;
 }
 
 bool endTab(qint64 rendererPid, const QUrl &url)

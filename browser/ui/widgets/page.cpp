@@ -62,11 +62,11 @@ void Page::setup()
 void Page::setShortcut()
 {
     auto *plus = new QAction(this);
-    plus->setShortcut(QKeySequence(Qt::CTRL + Qt::Key_Plus));
+    plus->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Plus));
     connect(plus, &QAction::triggered, this, &Page::zoomPlus);
     addAction(plus);
     auto *minus = new QAction(this);
-    minus->setShortcut(QKeySequence(Qt::CTRL + Qt::Key_Minus));
+    minus->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Minus));
     connect(minus, &QAction::triggered, this, &Page::zoomMinus);
     addAction(minus);
 }

@@ -145,3 +145,11 @@ void CustomQWebPage::onProxyAuthenticationRequired(const QNetworkProxy &proxy,
     Q_UNUSED(authenticator)
     qDebug() << "Suppressed proxy authentication request.";
 }
+
+void CustomQWebPage::javaScriptConsoleMessage(const QString &message, int lineNumber,
+                                              const QString &sourceID)
+{
+    // This engine reports a script's errors among its console messages, without a level.
+    emit scriptError(message, lineNumber);
+    QWebPage::javaScriptConsoleMessage(message, lineNumber, sourceID);
+}

@@ -28,6 +28,8 @@ Q_SIGNALS:
     // Once, for the first network reply that finishes after construction, whichever resource it
     // belongs to.
     void firstResponse(bool ok, const QString &error);
+    // A script of the page failed.
+    void scriptError(const QString &message, int line);
 
 protected:
     bool extension(Extension extension, const ExtensionOption *option = nullptr,
@@ -40,6 +42,8 @@ protected:
     bool javaScriptPrompt(QWebFrame *frame, const QString &message, const QString &defaultValue,
                           QString *result) override;
     QString chooseFile(QWebFrame *frame, const QString &suggestedFile) override;
+    void javaScriptConsoleMessage(const QString &message, int lineNumber,
+                                  const QString &sourceID) override;
 
 private:
     void onReplyFinished(QNetworkReply *reply);
