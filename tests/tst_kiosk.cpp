@@ -62,6 +62,7 @@ private Q_SLOTS:
     void cleanup();
     void listsFilterNavigation_data();
     void listsFilterNavigation();
+    void subFramesAreFiltered();
     void blankTargetOpensTab();
     void downloadIsOpenedAndEndsWithSession();
     void basicAuthentication();
@@ -71,6 +72,8 @@ private Q_SLOTS:
     void alertOpenWhenSessionEnds();
     void inlineRemoteIsInteractive_data();
     void inlineRemoteIsInteractive();
+    void frozenTabIsClosed_data();
+    void frozenTabIsClosed();
 
 private:
     void launch(const QStringList &prefs, const QByteArray &list = QByteArray());
@@ -182,6 +185,17 @@ void TestKiosk::listsFilterNavigation()
     QVERIFY(s_systemLog.contains("DENIED: " + other));
     QCOMPARE(m_server->requestCount("/other"), 0);
     QVERIFY(text(browser()).contains("WELCOME"));
+}
+
+void TestKiosk::subFramesAreFiltered()
+{
+    html("/home", "<p>WELCOME</p><iframe src='/other'></iframe>");
+    launch({"main/list_mode=blacklist"}, "/other\n");
+    QTRY_VERIFY(text(browser()).contains("WELCOME"));
+    const QString other = m_server->url("/other").toString();
+    QTRY_VERIFY(s_systemLog.contains("DENIED: " + other));
+    QCOMPARE(browser()->statusBar()->currentMessage(), "DENIED: " + other);
+    QCOMPARE(m_server->requestCount("/other"), 0);
 }
 
 void TestKiosk::blankTargetOpensTab()
@@ -376,6 +390,40 @@ void TestKiosk::inlineRemoteIsInteractive()
     QVERIFY(!m_show->viewer->sessionTimerActive());
     browser()->onEnd();
     QTRY_VERIFY(qobject_cast<Image *>(m_show->dispatcher->shownWidget()));
+}
+
+void TestKiosk::frozenTabIsClosed_data()
+{
+    QTest::addColumn<QString>("engine");
+    // Scripts run on the program's own thread there: the watchdog ends the program (hardening).
+    QTest::newRow("QtWebKit") << "webkit";
+    QTest::newRow("QtWebEngine: the tab goes, the session stays") << "webengine";
+}
+
+void TestKiosk::frozenTabIsClosed()
+{
+    QFETCH(QString, engine);
+    if (engine != QLatin1String(VORSANE_WEB_ENGINE_NAME))
+        QSKIP("Another web engine's behaviour");
+    m_server->setRoute("/started", "ok");
+    html("/endless", "<script>var r=new XMLHttpRequest();r.open('GET','/started',false);r.send();"
+                     "while(true){}</script>");
+    launch({});
+    QTRY_VERIFY(text(browser()).contains("WELCOME"));
+    browser()->newPage(m_server->url("/endless"));
+    QCOMPARE(browser()->tabs()->count(), 2);
+    QTRY_COMPARE(m_server->requestCount("/started"), 1);
+
+    const QString endless = m_server->url("/endless").toString();
+    QTRY_COMPARE_WITH_TIMEOUT(browser()->tabs()->count(), 1, 15000);
+    QCOMPARE(browser()->statusBar()->currentMessage(),
+             "The page " + endless + " stopped answering and was closed.");
+    QCOMPARE(m_show->log.lines().filter(QRegularExpression("^Tab " + QRegularExpression::escape(endless)
+                                                           + " did not answer")).size(),
+             1);
+    // The session goes on, in its other tab.
+    QCOMPARE(m_show->dispatcher->state(), 1);
+    QVERIFY(text(browser()).contains("WELCOME"));
 }
 
 QTEST_MAIN(TestKiosk)

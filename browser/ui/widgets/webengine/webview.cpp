@@ -105,9 +105,12 @@ QUrl WebView::requestedUrl() const
 
 void WebView::scrollPageBy(int dx, int dy, const std::function<void(bool)> &done)
 {
-    const QString script = QStringLiteral("(function(){var x=window.scrollX,y=window.scrollY;"
-                                          "window.scrollBy({left:%1,top:%2,behavior:'instant'});"
-                                          "return window.scrollX!==x||window.scrollY!==y;})()")
+    // Instant whatever the page's own scroll-behavior says, so the position can be read back.
+    const QString script = QStringLiteral("(function(){var s=document.documentElement.style,"
+                                          "b=s.scrollBehavior,x=window.scrollX,y=window.scrollY;"
+                                          "s.scrollBehavior='auto';window.scrollBy(%1,%2);"
+                                          "var moved=window.scrollX!==x||window.scrollY!==y;"
+                                          "s.scrollBehavior=b;return moved;})()")
                                .arg(dx)
                                .arg(dy);
     if (!done) {

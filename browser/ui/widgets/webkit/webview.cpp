@@ -4,6 +4,7 @@
 
 #include <QAction>
 #include <QColor>
+#include <QEvent>
 #include <QCoreApplication>
 #include <QPalette>
 #include <QTimer>
@@ -108,9 +109,20 @@ void WebView::setScrollBarsVisible(bool visible)
 
 void WebView::setPageBackground(const QColor &colour)
 {
+    m_pageBackground = colour;
     QPalette palette = this->palette();
     palette.setBrush(QPalette::Base, colour);
     page()->setPalette(palette);
+}
+
+void WebView::changeEvent(QEvent *event)
+{
+    // The view hands its own palette on to the page whenever it changes (the viewer sets one on
+    // all content), which would bring the page's white background back.
+    QWebView::changeEvent(event);
+    if (event->type() == QEvent::PaletteChange && m_pageBackground.isValid()
+        && page()->palette().color(QPalette::Base) != m_pageBackground)
+        setPageBackground(m_pageBackground);
 }
 
 void WebView::print(QPrinter *printer)

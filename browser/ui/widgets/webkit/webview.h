@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QColor>
 #include <QUrl>
 #include <QVariant>
 #include <QWebView>
@@ -7,7 +8,6 @@
 #include <functional>
 
 class QAction;
-class QColor;
 class QPrinter;
 
 // The base of every web view of the player, on QtWebKit. Besides the view's own members
@@ -73,4 +73,8 @@ protected:
     // A page asks for a window of its own: the view to load it in, or nullptr to refuse.
     virtual WebView *newWindow();
     QWebView *createWindow(QWebPage::WebWindowType type) override;
+    void changeEvent(QEvent *event) override;
+
+private:
+    QColor m_pageBackground;
 };
