@@ -2,14 +2,17 @@
 
 #include "statepaths.h"
 
+#include <QDateTime>
 #include <QDebug>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJSEngine>
 #include <QJSValue>
+#include <QJsonDocument>
 #include <QTimer>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -151,11 +154,35 @@ void Remote::processMessage()
         quint16 senderPort = 0;
         if (readDatagram(datagram.data(), datagram.size(), &sender, &senderPort) < 0)
             continue;
-        if (m_waiting.size() >= MaxWaiting) {
-            qDebug() << "Remote datagram dropped: too many commands waiting.";
-            continue;
+        const int nul = datagram.indexOf('\0');
+        const bool plain
+            = QJsonDocument::fromJson(nul < 0 ? datagram : datagram.left(nul)).isObject();
+        if (!plain) {
+            const qint64 second = QDateTime::currentMSecsSinceEpoch() / 1000;
+            if (second != m_oddSecond) {
+                if (m_oddDropped > 0)
+                    qWarning() << "Remote:" << m_oddDropped
+                               << "datagrams that are no JSON object dropped in one second.";
+                m_oddSecond = second;
+                m_oddInSecond = 0;
+                m_oddDropped = 0;
+            }
+            if (++m_oddInSecond > MaxOddPerSecond) {
+                ++m_oddDropped;
+                continue;
+            }
         }
-        m_waiting.append(datagram);
+        if (m_waiting.size() >= MaxWaiting) {
+            // A real command makes room by pushing out the oldest odd one.
+            const auto odd = std::find_if(m_waiting.begin(), m_waiting.end(),
+                                          [](const Waiting &waiting) { return !waiting.plain; });
+            if (!plain || odd == m_waiting.end()) {
+                qDebug() << "Remote datagram dropped: too many commands waiting.";
+                continue;
+            }
+            m_waiting.erase(odd);
+        }
+        m_waiting.append({datagram, plain});
     }
     // One command per pass of the event loop: a steady stream of them (a page asking for
     // screenshots as fast as they are written) must not keep the show's timers from running.
@@ -170,7 +197,7 @@ void Remote::handleOne()
     m_turnScheduled = false;
     if (m_waiting.isEmpty())
         return;
-    handle(m_waiting.takeFirst());
+    handle(m_waiting.takeFirst().datagram);
     if (!m_waiting.isEmpty() && !m_turnScheduled) {
         m_turnScheduled = true;
         QTimer::singleShot(0, this, &Remote::handleOne);

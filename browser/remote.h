@@ -42,10 +42,22 @@ Q_SIGNALS:
 private:
     // Commands waiting for their turn; more than this many waiting are dropped.
     static constexpr int MaxWaiting = 64;
+    // Datagrams that are not plain JSON objects (each still acts, a malformed one as a pause)
+    // taken per second; a flood of them beyond that is dropped, so that it can neither crowd
+    // out real commands nor keep the show pausing and resuming.
+    static constexpr int MaxOddPerSecond = 8;
 
     void handleOne();
     void removeDroppedFile(const QString &relativePath);
 
-    QByteArrayList m_waiting;
+    struct Waiting
+    {
+        QByteArray datagram;
+        bool plain;
+    };
+    QList<Waiting> m_waiting;
+    qint64 m_oddSecond = -1;
+    int m_oddInSecond = 0;
+    int m_oddDropped = 0;
     bool m_turnScheduled = false;
 };
