@@ -4,6 +4,7 @@
 #include "browsereventfilter.h"
 #include "deferreddelete.h"
 #include "exitpassworddialog.h"
+#include "filemanagertakeover.h"
 #include "installpaths.h"
 #include "panelmanager.h"
 #include "playlisteventfilter.h"
@@ -25,6 +26,7 @@
 #include <QFont>
 #include <QMetaMethod>
 #include <QMouseEvent>
+#include <QScreen>
 #include <QSettings>
 #include <QShortcut>
 #include <QSqlDatabase>
@@ -67,14 +69,20 @@ Viewer::Viewer(QWidget *parent)
     loadWindowSettings();
     setShortcuts();
 
-    const bool fullscreen = m_settings->get(QStringLiteral("main/fullscreen")).toBool();
-    const int width = m_settings->get(QStringLiteral("main/largeur_edit")).toInt();
-    const int height = m_settings->get(QStringLiteral("main/hauteur_edit")).toInt();
-    const bool fixed = m_settings->get(QStringLiteral("main/fixedscreen")).toBool();
+    const bool fullscreen = m_settings->fullscreen();
+    const int width = m_settings->fixedWidth();
+    const int height = m_settings->fixedHeight();
+    const bool fixed = m_settings->fixedScreen();
+    // What an earlier run left taken (it was killed) comes back before it is taken again.
+    DesktopTakeover::recoverAll();
     m_panelManager = panel::Manager::create(fullscreen, passwordSet());
     m_shortcutManager = SystemShortcutManager::create(fullscreen, passwordSet());
+    m_fileManager = FileManagerTakeover::create(fullscreen, passwordSet());
 
     if (fullscreen) {
+        // Without a window manager nobody acts on the full-screen request: the window takes
+        // the whole screen itself first.
+        setGeometry(screen()->geometry());
         showFullScreen();
     } else if (fixed) {
         // Flags first: changing them re-creates the window and would drop the geometry.
