@@ -4,12 +4,17 @@
 #include "utils.h"
 #include "watchdog.h"
 
+#include <QDateTime>
 #include <QDebug>
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QJsonObject>
 #include <QSaveFile>
+
+#include <algorithm>
+#include <atomic>
 
 namespace {
 QString recordPath(const QString &what)
@@ -17,18 +22,22 @@ QString recordPath(const QString &what)
     return StatePaths::giveBackDir() + QLatin1Char('/') + what;
 }
 
-QByteArray toJson(const QList<QStringList> &commands)
+// A record holds when it was taken, so that a later start gives back in the reverse order, as
+// the program itself does.
+QByteArray toJson(qint64 taken, const QList<QStringList> &commands)
 {
     QJsonArray list;
     for (const QStringList &command : commands)
         list.append(QJsonArray::fromStringList(command));
-    return QJsonDocument(list).toJson(QJsonDocument::Compact);
+    return QJsonDocument(QJsonObject{{QStringLiteral("taken"), double(taken)},
+                                     {QStringLiteral("commands"), list}})
+        .toJson(QJsonDocument::Compact);
 }
 
-QList<QStringList> fromJson(const QByteArray &json)
+QList<QStringList> fromJson(const QJsonObject &record)
 {
     QList<QStringList> commands;
-    const QJsonArray list = QJsonDocument::fromJson(json).array();
+    const QJsonArray list = record.value(QStringLiteral("commands")).toArray();
     for (const QJsonValue &entry : list) {
         QStringList command;
         for (const QJsonValue &argument : entry.toArray())
@@ -37,6 +46,16 @@ QList<QStringList> fromJson(const QByteArray &json)
             commands << command;
     }
     return commands;
+}
+
+qint64 nextTakeover()
+{
+    static std::atomic<qint64> last{0};
+    qint64 now = QDateTime::currentMSecsSinceEpoch() * 1000;
+    qint64 previous = last.load();
+    while (!last.compare_exchange_weak(previous, qMax(now, previous + 1))) {
+    }
+    return qMax(now, previous + 1);
 }
 
 void run(const QList<QStringList> &commands)
@@ -85,9 +104,11 @@ void DesktopTakeover::registerGiveBack()
         QFile::remove(recordPath(m_what));
         return;
     }
+    if (m_takenAt == 0)
+        m_takenAt = nextTakeover();
     QDir().mkpath(StatePaths::giveBackDir());
     QSaveFile record(recordPath(m_what));
-    if (!record.open(QIODevice::WriteOnly) || record.write(toJson(commands)) < 0
+    if (!record.open(QIODevice::WriteOnly) || record.write(toJson(m_takenAt, commands)) < 0
         || !record.commit())
         qDebug() << "Unable to record how to give back:" << m_what;
 }
@@ -97,6 +118,7 @@ void DesktopTakeover::clearGiveBack()
     Watchdog::setGiveBack(m_what, {});
     QFile::remove(recordPath(m_what));
     m_registered = false;
+    m_takenAt = 0;
 }
 
 void DesktopTakeover::runGiveBackCommands() const
@@ -106,17 +128,28 @@ void DesktopTakeover::runGiveBackCommands() const
 
 void DesktopTakeover::recoverAll()
 {
+    struct Record
+    {
+        QString what;
+        qint64 taken;
+        QList<QStringList> commands;
+    };
+    QList<Record> records;
     QDir dir(StatePaths::giveBackDir());
-    const QStringList names = dir.entryList(QDir::Files, QDir::Name);
-    for (const QString &what : names) {
-        QFile record(dir.filePath(what));
-        if (!record.open(QIODevice::ReadOnly))
+    for (const QString &what : dir.entryList(QDir::Files)) {
+        QFile file(dir.filePath(what));
+        if (!file.open(QIODevice::ReadOnly))
             continue;
-        const QList<QStringList> commands = fromJson(record.readAll());
-        record.close();
+        const QJsonObject record = QJsonDocument::fromJson(file.readAll()).object();
+        records << Record{what, qint64(record.value(QStringLiteral("taken")).toDouble()),
+                          fromJson(record)};
+    }
+    std::sort(records.begin(), records.end(),
+              [](const Record &a, const Record &b) { return a.taken > b.taken; });
+    for (const Record &record : qAsConst(records)) {
         qDebug().noquote() << QStringLiteral("%1 was left taken by an earlier run; giving it back.")
-                                  .arg(what);
-        run(commands);
-        record.remove();
+                                  .arg(record.what);
+        run(record.commands);
+        QFile::remove(dir.filePath(record.what));
     }
 }

@@ -49,4 +49,5 @@ private:
     QString m_what;
     bool m_taken = false;
     bool m_registered = false;
+    qint64 m_takenAt = 0;
 };
