@@ -14,6 +14,7 @@
 #include <QXmlStreamReader>
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 const char maintenanceFile[] = "maintenance.txt";
@@ -51,9 +52,9 @@ QStringList addressesIn(const QString &text)
             if (token != QXmlStreamReader::StartElement)
                 continue;
             ++depth;
-            const QStringRef uri = reader.attributes().value(QLatin1String("uri"));
+            const QString uri = reader.attributes().value(QLatin1String("uri")).toString();
             if (!uri.isEmpty())
-                addresses << uri.toString();
+                addresses << uri;
         }
         if (!reader.hasError())
             return addresses;
@@ -97,7 +98,7 @@ void Cleanser::cleanUntilFree(qint64 available, qint64 needed)
 
     QStringList deletable;
     qint64 reclaimable = 0;
-    for (const QString &name : qAsConst(m_entries)) {
+    for (const QString &name : std::as_const(m_entries)) {
         if (name == QLatin1String(".") || name == QLatin1String(".."))
             continue;
         const QString tagPath = m_tagDir.filePath(name);
@@ -117,7 +118,7 @@ void Cleanser::cleanUntilFree(qint64 available, qint64 needed)
         return;
     }
 
-    for (const QString &name : qAsConst(deletable)) {
+    for (const QString &name : std::as_const(deletable)) {
         qDebug() << "Deleting" << name;
         removeEntry(name);
         if (Utils::availableDiskSpace() >= needed) {
@@ -185,7 +186,7 @@ void Cleanser::clean()
             ++removed;
     }
     // Data without a tag is never trusted: left over from an interrupted run.
-    for (const QString &name : qAsConst(data)) {
+    for (const QString &name : std::as_const(data)) {
         const QString dataPath = m_dataDir.filePath(name);
         if (tagSet.contains(name) || isProtected(dataPath))
             continue;
@@ -233,7 +234,7 @@ QSet<QString> Cleanser::namesInUse() const
     if (m_settings && m_settings->playlistUpdateMode() == Settings::UpdateMode::LocalPlaylist)
         playlists << m_settings->playlistFilename();
     QSet<QString> names;
-    for (const QString &path : qAsConst(playlists)) {
+    for (const QString &path : std::as_const(playlists)) {
         if (!QFileInfo(path).isFile())
             continue;
         QFile file(path);

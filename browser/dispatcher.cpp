@@ -1,75 +1,49 @@
 #include "dispatcher.h"
 
-#include "browser.h"
 #include "cleanser.h"
 #include "commandlineparser.h"
-#include "displaypower.h"
+#include "contentfactory.h"
 #include "deferreddelete.h"
-#include "document.h"
-#include "downloader.h"
-#include "externalbrowser.h"
-#include "gif.h"
+#include "displaypower.h"
 #include "idle.h"
-#include "image.h"
 #include "logger.h"
-#include "maintenance.h"
-#include "pdf.h"
+#include "loopdownloads.h"
 #include "playlistparser.h"
 #include "remote.h"
 #include "remoteserverprocess.h"
 #include "runnable.h"
+#include "screenshot.h"
+#include "setupretry.h"
 #include "settings.h"
 #include "signalrelay.h"
 #include "utils.h"
-#include "video.h"
 #include "viewer.h"
-#include "webpage.h"
 
-#include <QApplication>
+#include <QCoreApplication>
 #include <QDebug>
-#include <QDir>
-#include <QEventLoop>
-#include <QFile>
 #include <QGuiApplication>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QPixmap>
 #include <QPointer>
-#include <QRegularExpression>
-#include <QSaveFile>
 #include <QScreen>
 
 #include <utility>
-
-namespace {
-const char screenshotPath[] = "/tmp/screen.png";
-const char nothingToDisplayUrl[] = "file://:/image/nothing_to_display.png";
-const char lastEditFormat[] = "yyyy;MM;dd;hh;mm;ss;";
-
-bool skippedByExtension(const QString &url)
-{
-    static const char *const extensions[]
-        = {".docx", ".ppt", ".doc", ".pptx", ".psd", ".db", ".ods", ".tmp", ".swf", ".cfg", ".sh"};
-    for (const char *extension : extensions) {
-        if (url.contains(QLatin1String(extension)))
-            return true;
-    }
-    return false;
-}
-} // namespace
 
 Dispatcher::Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject *parent)
     : QObject(parent)
     , m_settings(Settings::load(false, parser))
     , m_commandLine(parser)
     , m_viewer(viewer)
+    , m_lastEdit(m_settings)
 {
     m_ready = true;
-    m_reference = QDateTime::currentDateTime();
 
     m_remote = new Remote(this);
     m_remoteServer = new RemoteServerProcess(this);
     m_cleanser = new Cleanser(m_settings, this);
+    m_content = new ContentFactory(m_viewer, m_settings, this);
+    m_downloads = new LoopDownloads(this);
+    m_retry = new SetUpRetry(this);
+    connect(m_downloads, &LoopDownloads::failedBehindShow, m_retry, &SetUpRetry::failed);
+    connect(m_retry, &SetUpRetry::retry, this, &Dispatcher::startSlideshow);
     connect(m_remote, &Remote::restart, this, &Dispatcher::startSlideshow);
     connect(m_remote, &Remote::next, this, [this] {
         if (!deferWhileSettingUp([this] { next(); }))
@@ -84,7 +58,7 @@ Dispatcher::Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject 
     connect(m_remote, &Remote::text, m_viewer, &Viewer::showText);
     connect(m_remote, &Remote::readUrl, m_viewer, &Viewer::showUrl);
 
-    m_mode = m_settings->get(QStringLiteral("main/mode")).toString();
+    m_mode = m_settings->mode();
 
     connect(m_viewer, &Viewer::restart, this, &Dispatcher::startSlideshow);
     // Queued: content that fails while starting ends at once, and advancing from inside its
@@ -99,7 +73,7 @@ Dispatcher::Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject 
     endIdle();
     connect(m_viewer, &Viewer::terminate, this, &Dispatcher::endIdle);
 
-    if (m_settings->get(QStringLiteral("main/fullscreen")).toBool()) {
+    if (m_settings->fullscreen()) {
         const QRect screen = QGuiApplication::primaryScreen()
                                  ? QGuiApplication::primaryScreen()->geometry()
                                  : QRect(0, 0, 800, 600);
@@ -111,11 +85,7 @@ Dispatcher::Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject 
                           {QStringLiteral("-9"), QStringLiteral("xscreensaver")});
         disableScreensaver();
     }
-    if (QFile::exists(QString::fromLatin1(screenshotPath)))
-        QFile::remove(QString::fromLatin1(screenshotPath));
-
-    m_retryTimer.setSingleShot(true);
-    connect(&m_retryTimer, &QTimer::timeout, this, &Dispatcher::startSlideshow);
+    Screenshot::removeOld();
 }
 
 Dispatcher::~Dispatcher()
@@ -124,14 +94,6 @@ Dispatcher::~Dispatcher()
     delete m_nextWidget;
     // Every way out of the program passes here or finalize(): no server outlives the kiosk.
     m_remoteServer->stop();
-}
-
-bool Dispatcher::serverMode() const
-{
-    const QString mode
-        = m_settings->get(QStringLiteral("slideshow/playlist_update_mode")).toString();
-    return mode == QLatin1String("serverVorsaneTV")
-           || mode == QLatin1String("serverVorsaneTVPrivate");
 }
 
 bool Dispatcher::next()
@@ -162,7 +124,7 @@ bool Dispatcher::next()
 
 bool Dispatcher::startup()
 {
-    if (serverMode()) {
+    if (m_lastEdit.serverMode()) {
         connect(&m_playlistTimer, &QTimer::timeout, this, &Dispatcher::onPlTimeout,
                 Qt::UniqueConnection);
         // Zero or nonsense would ask the server as fast as it answers.
@@ -170,7 +132,7 @@ bool Dispatcher::startup()
             = qMax(1, m_settings->get(QStringLiteral("slideshow/refresh_after_minutes")).toInt());
         m_playlistTimer.start(60000 * minutes);
     }
-    if (m_mode == QLatin1String("kiosk")
+    if (m_mode == Settings::Mode::Kiosk
         && m_settings->get(QStringLiteral("main/start_with_session")).toBool())
         return startBrowser(QUrl());
     startSlideshow();
@@ -181,49 +143,43 @@ void Dispatcher::startSlideshow()
 {
     // A restart asked for while the set-up waits on downloads runs once that set-up is over.
     if (m_settingUp) {
-        m_retryTimer.start(0);
+        m_retry->soon();
         return;
     }
     m_settingUp = true;
-    m_retryTimer.stop();
+    m_retry->cancel();
     m_cleanser->check();
-    if (m_settings->get(QStringLiteral("remote/enabled")).toBool())
+    if (m_settings->remoteEnabled())
         startRemote();
     m_settings = Settings::load(true, m_commandLine);
-    m_reference = QDateTime::currentDateTime();
+    m_content->setSettings(m_settings);
+    m_lastEdit.setSettings(m_settings);
+    m_positions.restartSchedule();
 
-    const QString updateMode
-        = m_settings->get(QStringLiteral("slideshow/playlist_update_mode")).toString();
-    QUrl url;
-    if (updateMode == QLatin1String("localPlaylist")) {
-        url = QUrl(QStringLiteral("file://%1").arg(m_settings->playlistFilename()));
-    } else {
-        QString pages = m_settings->get(QStringLiteral("slideshow/pages")).toString();
-        if (pages.isEmpty())
-            pages = m_settings->get(QStringLiteral("slideshow/url")).toString();
-        url = QUrl(pages);
-    }
+    const bool local = m_settings->playlistUpdateMode() == Settings::UpdateMode::LocalPlaylist;
+    m_positions.setSingleKey(local);
+    const QUrl url = local ? QUrl(QStringLiteral("file://%1").arg(m_settings->playlistFilename()))
+                           : QUrl(m_settings->playlistPages());
     bool ok = false;
     int defaultDuration = m_settings->get(QStringLiteral("slideshow/default_time")).toInt(&ok);
     if (!ok)
         defaultDuration = 5;
 
     m_parser.reset(PlaylistParser::get(defaultDuration, url, m_viewer));
-    m_forcedLoop.reset();
-    if (serverMode())
-        updateRevalidateFlag();
+    m_positions.dropForcedLoop();
+    if (m_lastEdit.serverMode())
+        m_lastEdit.updateRevalidateFlag();
 
-    const bool allDownloaded = downloadLoops();
+    const bool allDownloaded = m_downloads->downloadLoops(*m_parser, m_lastEdit.revalidate());
     m_settingUp = false;
     if (SignalRelay::caughtSignal())
         return;
     if (allDownloaded)
-        m_failedSetUps = 0;
+        m_retry->succeeded();
     else
-        afterFailedSetUp();
+        m_retry->failed();
 
     qDebug() << "NB LOOPS : " << m_parser->getLoops().size();
-    m_position = -1;
     showLoopNext();
 
     const QList<std::function<void()>> pending = std::exchange(m_pending, {});
@@ -238,117 +194,6 @@ bool Dispatcher::deferWhileSettingUp(std::function<void()> action)
     qDebug() << "Input during set-up: carried out when it is over.";
     m_pending << std::move(action);
     return true;
-}
-
-void Dispatcher::updateRevalidateFlag()
-{
-    m_lastEdit = getLastEdit();
-    m_timestampFile.setFileName(QString::fromLocal8Bit(qgetenv("HOME"))
-                                + QLatin1String("/.vorsane-kiosk/playlist_last_timestamp.txt"));
-    if (!m_timestampFile.open(QIODevice::ReadWrite))
-        return;
-    const QString stamp = m_lastEdit.toString();
-    if (QString::fromUtf8(m_timestampFile.readAll()) == stamp) {
-        m_revalidate = false;
-    } else {
-        m_timestampFile.resize(0);
-        m_timestampFile.write(stamp.toUtf8());
-        m_revalidate = true;
-    }
-    m_timestampFile.close();
-}
-
-bool Dispatcher::downloadLoops()
-{
-    bool allDone = true;
-    m_setUpClock.start();
-    const QList<PlaylistLoopPtr> loops = m_parser->getLoops();
-    for (const PlaylistLoopPtr &loop : loops) {
-        // The program is ending: no further wait would be answered.
-        if (SignalRelay::caughtSignal())
-            return false;
-        if (loop->active)
-            allDone = downloadLoop(loop) && allDone;
-    }
-    return allDone;
-}
-
-bool Dispatcher::downloadLoop(const PlaylistLoopPtr &loop)
-{
-    auto *downloader = new Downloader(loop, m_revalidate);
-    downloader->setKeepPrevious(m_parser->playsOfflineCopy());
-    QEventLoop wait;
-    bool finished = false;
-    bool done = false;
-    connect(downloader, &Downloader::downloadDone, &wait, [&] {
-        finished = done = true;
-        wait.quit();
-    });
-    connect(downloader, &Downloader::downloadNotDone, &wait, [&] {
-        finished = true;
-        wait.quit();
-    });
-    // All walks of one set-up share one deadline: a server that never answers must not keep
-    // the screen blank once per item, nor once per loop.
-    QTimer deadline;
-    deadline.setSingleShot(true);
-    connect(&deadline, &QTimer::timeout, &wait, &QEventLoop::quit);
-    downloader->start();
-    // A walk with nothing to fetch ends before the wait would begin.
-    if (!finished) {
-        deadline.start(int(qMax<qint64>(MinimumWalkWaitMs, SetUpWaitMs - m_setUpClock.elapsed())));
-        wait.exec();
-    }
-    if (!finished && !SignalRelay::caughtSignal()) {
-        // The show starts with what is cached or local; the walk goes on behind it, and the
-        // items it has not fetched yet are passed over until it has.
-        disconnect(downloader, nullptr, &wait, nullptr);
-        ++m_walksInFlight;
-        qDebug() << "Loop still downloading; showing what is cached meanwhile.";
-        connect(downloader, &Downloader::downloadDone, this, [this] {
-            --m_walksInFlight;
-            qDebug() << "Loop downloaded";
-        });
-        connect(downloader, &Downloader::downloadNotDone, this, [this] {
-            --m_walksInFlight;
-            qDebug() << "Loop not downloaded";
-            afterFailedSetUp();
-        });
-        return true;
-    }
-    qDebug() << (done ? "Loop downloaded" : "Loop not downloaded");
-    return done;
-}
-
-void Dispatcher::afterFailedSetUp()
-{
-    // Restart the set-up as soon as this one is over; when it keeps failing, wait longer each
-    // time while the cached show goes on, instead of spinning on a server that keeps failing.
-    const int delay = m_failedSetUps == 0
-                          ? 0
-                          : qMin(MaxRetryDelayMs, FirstRetryDelayMs << qMin(m_failedSetUps - 1, 8));
-    ++m_failedSetUps;
-    if (delay > 0)
-        qDebug() << "Download failed again; next attempt in" << delay / 1000 << "s.";
-    m_retryTimer.start(delay);
-}
-
-int Dispatcher::positionOf(int key) const
-{
-    return m_positions.value(key, -1);
-}
-
-void Dispatcher::setPosition(int key, int position)
-{
-    m_positions.insert(key, position);
-}
-
-int Dispatcher::loopKey(const PlaylistLoopPtr &loop) const
-{
-    if (m_settings->get(QStringLiteral("slideshow/playlist_update_mode")).toString()
-        == QLatin1String("localPlaylist"))
-        return 0;
-    return loop->id.toInt();
 }
 
 void Dispatcher::showLoopNext()
@@ -374,66 +219,8 @@ void Dispatcher::showLoopNext()
     m_shownSince.invalidate();
     m_endedBySelf = false;
 
-    // Items that are passed over are skipped here in a loop rather than by recursion; a loop
-    // with nothing showable shows the "nothing to display" picture instead of spinning.
-    const int maxAttempts = 2 * (m_parser->getLoops().size() + 1);
-    int attempts = 0;
-    QWidget *widget = nullptr;
     PlaylistItemPtr item;
-    while (!widget) {
-        // A whole pass in which nothing could start: rest on the placeholder before trying again.
-        if (m_currentLoop && m_failedStarts > m_currentLoop->items.size()) {
-            m_failedStarts = 0;
-            widget = nothingToDisplay();
-            break;
-        }
-        if (m_forcedLoop) {
-            m_currentLoop = m_forcedLoop;
-            m_loopKey = loopKey(m_currentLoop);
-            const int position
-                = (m_forcedHasOwnPosition ? m_forcedPosition : positionOf(m_loopKey)) + 1;
-            if (position < m_currentLoop->items.size()) {
-                if (m_forcedHasOwnPosition)
-                    m_forcedPosition = position;
-                else
-                    setPosition(m_loopKey, position);
-                m_position = position;
-            } else {
-                m_forcedLoop.reset();
-                continue;
-            }
-        } else {
-            m_currentLoop = m_parser->selectLoop(m_reference);
-            if (!m_currentLoop) {
-                widget = nothingToDisplay();
-                break;
-            }
-            m_loopKey = loopKey(m_currentLoop);
-            int position = positionOf(m_loopKey) + 1;
-            setPosition(m_loopKey, position);
-            m_position = position;
-            if (position >= m_currentLoop->items.size()) {
-                m_parser->refresh();
-                m_reference = QDateTime::currentDateTime();
-                m_currentLoop = m_parser->selectLoop(m_reference);
-                if (!m_currentLoop || m_currentLoop->items.isEmpty()) {
-                    widget = nothingToDisplay();
-                    break;
-                }
-                m_loopKey = loopKey(m_currentLoop);
-                position = 0;
-                setPosition(m_loopKey, position);
-                m_position = position;
-                if (++attempts > maxAttempts) {
-                    widget = nothingToDisplay();
-                    break;
-                }
-            }
-        }
-        item = m_currentLoop->items.at(m_position);
-        widget = widgetFor(item);
-    }
-
+    QWidget *widget = nextWidget(item);
     if (m_shownWidget && qobject_cast<Idle *>(m_shownWidget)
         && (!item || item->type != PlaylistItem::Idle)) {
         qDebug() << "Stopping idle";
@@ -443,86 +230,29 @@ void Dispatcher::showLoopNext()
     view_next();
 }
 
-QWidget *Dispatcher::nothingToDisplay()
+QWidget *Dispatcher::nextWidget(PlaylistItemPtr &item)
 {
-    qDebug() << "Nothing to display.";
-    PlaylistItem placeholder(QString::fromLatin1(nothingToDisplayUrl), PlaylistItem::Image, 10,
-                             false, QStringList());
-    return new Image(&placeholder, m_viewer);
-}
-
-QWidget *Dispatcher::widgetFor(const PlaylistItemPtr &item)
-{
-    if (item->type == PlaylistItem::Maintenance) {
-        qDebug() << "Replace maintenance file";
-        qDebug() << "Start maintenance.";
-        auto *maintenance = new Maintenance(this);
-        // Only a script that succeeded is recorded and followed by the reboot.
-        connect(maintenance, &Maintenance::scriptFinished, maintenance, [maintenance](int code) {
-            if (code == 0)
-                maintenance->reboot();
-            else
-                qDebug() << "Maintenance script failed with code" << code;
-            maintenance->deleteLater();
-        });
-        maintenance->startMaintenance(item->url);
-        return nothingToDisplay();
-    }
-
-    if (item->url.contains(QLatin1String("Screen OFF"))) {
-        const QDateTime now = QDateTime::currentDateTime();
-        QDateTime from = m_currentLoop->getFromIdle(item->url);
-        QDateTime to = m_currentLoop->getToIdle(item->url);
-        if (!from.isValid() || !to.isValid()) {
-            qDebug() << "Screen OFF without a valid span:" << item->url;
-            return nullptr;
+    // Items that are passed over are skipped here in a loop rather than by recursion; a loop
+    // with nothing showable shows the "nothing to display" picture instead of spinning.
+    const int maxAttempts = 2 * (m_parser->getLoops().size() + 1);
+    int attempts = 0;
+    for (;;) {
+        // A whole pass in which nothing could start: rest on the placeholder before trying again.
+        const PlaylistLoopPtr loop = m_positions.currentLoop();
+        if (loop && m_failedStarts > loop->items.size()) {
+            m_failedStarts = 0;
+            return m_content->nothingToDisplay();
         }
-        // A span whose end is earlier than its start crosses midnight: after midnight it began
-        // yesterday, before midnight it ends tomorrow.
-        if (to < from) {
-            if (now < to)
-                from = from.addDays(-1);
-            else
-                to = to.addDays(1);
-        }
-        // Outside its span the item is passed over: the screen goes dark only when it should.
-        if (now < from || now >= to)
-            return nullptr;
-        qDebug() << (to.date() > now.date() ? "Wake up : tomorrow" : "Wake up : today");
-        auto *idle = new Idle(item.get(), m_viewer);
-        // The screen stays off until the wake-up time, then the show goes on.
-        idle->setTimeout(int(qMax<qint64>(1, now.secsTo(to))));
-        return idle;
-    }
-
-    if (skippedByExtension(item->url) || item->href)
-        return nullptr;
-    // Cache files appear whole (written aside, then renamed), so a missing one is still coming.
-    if (m_walksInFlight > 0 && item->url.startsWith(QLatin1String("file://"))
-        && !item->url.startsWith(QLatin1String("file://:")) && !QFile::exists(item->url.mid(7))) {
-        qDebug() << "Not downloaded yet; passed over:" << item->url;
-        return nullptr;
-    }
-
-    switch (item->type) {
-    case PlaylistItem::Video:
-        return new Video(item.get(), m_viewer);
-    case PlaylistItem::Gif:
-        return new Gif(item.get(), m_viewer);
-    case PlaylistItem::Image:
-        return new Image(item.get(), m_viewer);
-    case PlaylistItem::PDF:
-        return new PDF(item.get(), m_viewer);
-    case PlaylistItem::Webpage:
-        if (m_settings->get(QStringLiteral("slideshow/external_browser")).toBool())
-            return new ExternalBrowser(item.get(), m_viewer);
-        return new Webpage(item.get(), m_viewer);
-    case PlaylistItem::Document:
-        return new Document(item.get(), m_viewer);
-    case PlaylistItem::Idle:
-        return new Idle(item.get(), m_viewer);
-    default:
-        return nullptr;
+        const LoopPositions::Step step = m_positions.step(*m_parser);
+        if (step == LoopPositions::ForcedLoopOver)
+            continue;
+        if (step == LoopPositions::NothingToShow
+            || (step == LoopPositions::LoopStartedOver && ++attempts > maxAttempts))
+            return m_content->nothingToDisplay();
+        item = m_positions.item();
+        if (QWidget *widget
+            = m_content->widgetFor(item, m_positions.currentLoop(), m_downloads->downloading()))
+            return widget;
     }
 }
 
@@ -568,9 +298,7 @@ void Dispatcher::goTo(int item, int loop)
         qDebug() << "Go to: no loop" << loop;
         return;
     }
-    m_forcedLoop = loops.at(loop);
-    m_forcedHasOwnPosition = false;
-    setPosition(loopKey(m_forcedLoop), qMax(item, 0) - 1);
+    m_positions.forceLoop(loops.at(loop), item);
     showLoopNext();
 }
 
@@ -578,16 +306,7 @@ void Dispatcher::goTo(QString path)
 {
     if (deferWhileSettingUp([this, path] { goTo(path); }))
         return;
-    // Widgets read the path after "file://": the address needs its third slash whether or not
-    // the path came with a leading one.
-    QString absolute = path;
-    while (absolute.startsWith(QLatin1Char('/')))
-        absolute.remove(0, 1);
-    QString text
-        = QStringLiteral("#Vorsane playlist\nfile:///") + absolute + QStringLiteral(" 1\n");
-    m_forcedLoop = std::make_shared<PlaylistLoop>(1, text, QString());
-    m_forcedHasOwnPosition = true;
-    m_forcedPosition = -1;
+    m_positions.forceFile(path);
     showLoopNext();
 }
 
@@ -611,36 +330,22 @@ void Dispatcher::onLeftClick()
 
 void Dispatcher::onMouseEvent()
 {
-    if (m_mode != QLatin1String("kiosk"))
+    if (m_mode != Settings::Mode::Kiosk)
         return;
     // One touch, one session: pointer events during a session, or while one is being opened,
     // never open another.
     if (m_state == 1 || m_openingSession)
         return;
     m_openingSession = true;
-    if (auto *runnable = dynamic_cast<Runnable *>(m_shownWidget))
+    if (Runnable *runnable = Runnable::of(m_shownWidget))
         runnable->stop();
-    m_position = -1;
     startBrowser(QUrl());
     m_openingSession = false;
 }
 
 bool Dispatcher::startBrowser(QUrl url)
 {
-    QWidget *widget = nullptr;
-    if (m_settings->get(QStringLiteral("main/external_browser")).toBool()) {
-        const QString address
-            = url.isEmpty() ? m_settings->get(QStringLiteral("main/default_url")).toString()
-                            : url.toString();
-        PlaylistItem item(address, PlaylistItem::Webpage, 0, false, QStringList());
-        widget = new ExternalBrowser(&item, m_viewer);
-    } else {
-        auto *browser = new Browser(m_viewer);
-        if (!url.isEmpty())
-            browser->newPage(url);
-        widget = browser;
-    }
-    m_nextWidget = widget;
+    m_nextWidget = m_content->sessionWidget(url);
     const bool started = view_next();
     execHook(QStringLiteral("session-start"));
     m_state = 1;
@@ -661,20 +366,8 @@ void Dispatcher::execHook(const QString &name)
 
 void Dispatcher::shootScreen()
 {
-    if (!m_viewer->currentContent())
-        return;
-    QPixmap picture;
-    if (QScreen *screen = QGuiApplication::primaryScreen())
-        picture = screen->grabWindow(m_viewer->currentContent()->window()->winId());
-    // Platforms without a real screen cannot grab a window; render the widgets instead.
-    if (picture.isNull() || picture.width() <= 1)
-        picture = m_viewer->grab();
-    // Written aside and renamed, so the remote server never serves a half-written picture.
-    // Light compression: a screenshot is asked for often while a video plays, and the show's
-    // own thread pays for it.
-    QSaveFile file(QString::fromLatin1(screenshotPath));
-    if (file.open(QIODevice::WriteOnly) && picture.save(&file, "PNG", 80))
-        file.commit();
+    if (m_viewer->currentContent())
+        Screenshot::take(m_viewer, m_viewer->currentContent());
 }
 
 void Dispatcher::finalize()
@@ -696,8 +389,8 @@ void Dispatcher::endIdle()
 void Dispatcher::startRemote()
 {
     // The server reads the same preference and playlist files as the kiosk.
-    m_remoteServer->start(m_settings->get(QStringLiteral("remote/port")).toInt(),
-                          m_settings->get(QStringLiteral("remote/key")).toString(),
+    m_remoteServer->start(m_settings->remotePort(),
+                          m_settings->remoteKey(),
                           {QStringLiteral("--preference"), m_settings->preferencesFilename(),
                            QStringLiteral("--playlist"), m_settings->playlistFilename()});
 }
@@ -707,57 +400,15 @@ void Dispatcher::startInlineRemote()
     // The web session's own browser is never replaced by the remote page.
     if (m_state == 1)
         return;
-    const QString key = m_settings->get(QStringLiteral("remote/key")).toString();
-    QString address = m_settings->get(QStringLiteral("remote/local_url")).toString();
-    if (!key.isEmpty())
-        address += QStringLiteral("?k=") + QString::fromLatin1(QUrl::toPercentEncoding(key));
     // It replaces the current item; its end comes back through next(), which goes on with the
     // show.
-    m_nextWidget = new Browser(m_viewer, QUrl(address));
+    m_nextWidget = m_content->inlineRemote();
     view_next();
-}
-
-QDateTime Dispatcher::getLastEdit()
-{
-    QString pages = m_settings->get(QStringLiteral("slideshow/pages")).toString();
-    if (pages.isEmpty())
-        pages = m_settings->get(QStringLiteral("slideshow/url")).toString();
-    const QUrl pagesUrl(pages);
-    const QRegularExpressionMatch match
-        = QRegularExpression(QStringLiteral(".*/p(/[\\w-]+)/.*")).match(pages);
-    if (!match.hasMatch() || !pagesUrl.isValid())
-        return QDateTime();
-    const bool isPrivate
-        = m_settings->get(QStringLiteral("slideshow/playlist_update_mode")).toString()
-          == QLatin1String("serverVorsaneTVPrivate");
-    QUrl request(pagesUrl);
-    request.setPath(QStringLiteral("/webapp/db/")
-                    + (isPrivate ? QStringLiteral("lastEdit") : QStringLiteral("getEdit"))
-                    + match.captured(1) + QStringLiteral("/playlist/"));
-    request.setQuery(QString());
-
-    QNetworkAccessManager manager;
-    QNetworkReply *reply = manager.get(QNetworkRequest(request));
-    QEventLoop wait;
-    connect(reply, &QNetworkReply::finished, &wait, &QEventLoop::quit);
-    QTimer::singleShot(LastEditTimeoutMs, &wait, &QEventLoop::quit);
-    wait.exec();
-    QDateTime edit;
-    if (reply->isFinished() && reply->error() == QNetworkReply::NoError)
-        edit = QDateTime::fromString(QString::fromUtf8(reply->readAll()).trimmed(),
-                                     QString::fromLatin1(lastEditFormat));
-    else
-        reply->abort();
-    reply->deleteLater();
-    return edit;
 }
 
 void Dispatcher::onPlTimeout()
 {
-    if (!serverMode())
-        return;
-    const QDateTime edit = getLastEdit();
-    if (!edit.isValid() || edit == m_lastEdit)
+    if (!m_lastEdit.serverMode() || !m_lastEdit.serverChanged())
         return;
     qDebug() << "Content server changed; restarting the show.";
     startSlideshow();

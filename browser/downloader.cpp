@@ -189,7 +189,6 @@ void Downloader::endWalk()
         qDebug() << "Errors occured while downloading.";
         emit downloadNotDone();
     } else {
-        m_done = true;
         if (!m_keepPrevious)
             QFile::remove(m_root + QStringLiteral("/playlist-old"));
         emit downloadDone();

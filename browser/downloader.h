@@ -21,7 +21,6 @@ public:
                QObject *parent = nullptr);
     ~Downloader() override;
 
-    bool isDone() const { return m_done; }
     // The loop comes from the kept offline copy: a walk that succeeds leaves "playlist-old".
     void setKeepPrevious(bool keep) { m_keepPrevious = keep; }
 
@@ -50,7 +49,6 @@ private:
     QString m_root;
     QString m_dataDir;
     QString m_tagDir;
-    bool m_done = false;
     bool m_checkOnline;
     ItemDownloader *m_itemDownloader = nullptr;
     int m_index = -1;

@@ -9,7 +9,9 @@
 #include <QDir>
 #include <QEventLoop>
 #include <QFileInfo>
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
 #include <QNetworkConfigurationManager>
+#endif
 #include <QNetworkReply>
 #include <QTemporaryFile>
 
@@ -109,6 +111,9 @@ void ItemDownloader::start()
         return;
     }
 
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
+    // Bearer management is gone in Qt 6; there a lost connection is noticed by the reply's
+    // transfer timeout alone.
     QT_WARNING_PUSH
     QT_WARNING_DISABLE_DEPRECATED
     const QNetworkConfiguration configuration
@@ -118,6 +123,7 @@ void ItemDownloader::start()
     connect(m_nam, &QNetworkAccessManager::networkAccessibleChanged, this,
             &ItemDownloader::namChanged);
     QT_WARNING_POP
+#endif
 
     m_reply = m_nam->get(m_request);
     connect(m_reply, &QNetworkReply::downloadProgress, this, &ItemDownloader::checkSizeFileFirst);

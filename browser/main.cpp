@@ -57,14 +57,20 @@ int run(int argc, char *argv[])
     Watchdog watchdog;
 
     QTranslator translator;
-    translator.load(QStringLiteral("browser_") + QLocale::system().name(),
-                    QStringLiteral(VORSANE_DATA_DIR "/i18n"));
-    QApplication::installTranslator(&translator);
+    if (translator.load(QStringLiteral("browser_") + QLocale::system().name(),
+                        QStringLiteral(VORSANE_DATA_DIR "/i18n")))
+        QApplication::installTranslator(&translator);
     // The toolkit's own texts (standard buttons, input dialogs) in the same language.
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+    const QString toolkitTranslations = QLibraryInfo::path(QLibraryInfo::TranslationsPath);
+#else
+    // Qt 6 renamed location() to path().
+    const QString toolkitTranslations = QLibraryInfo::location(QLibraryInfo::TranslationsPath);
+#endif
     QTranslator toolkitTranslator;
-    toolkitTranslator.load(QLocale::system(), QStringLiteral("qtbase"), QStringLiteral("_"),
-                           QLibraryInfo::location(QLibraryInfo::TranslationsPath));
-    QApplication::installTranslator(&toolkitTranslator);
+    if (toolkitTranslator.load(QLocale::system(), QStringLiteral("qtbase"), QStringLiteral("_"),
+                               toolkitTranslations))
+        QApplication::installTranslator(&toolkitTranslator);
 
     Logger::init();
     QIcon::setThemeName(Utils::getIconTheme());

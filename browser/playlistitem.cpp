@@ -110,7 +110,7 @@ PlaylistItem *PlaylistItem::fromXmlNode(QDomNode *node)
     QString parameterType;
     if (attributes.contains(QStringLiteral("parameters"))) {
         parameters = attribute(attributes, QStringLiteral("parameters")).split(QLatin1Char(';'));
-        for (const QString &entry : qAsConst(parameters)) {
+        for (const QString &entry : std::as_const(parameters)) {
             if (entry.contains(QLatin1String("type:")))
                 parameterType = entry.split(QLatin1Char(':')).value(1);
         }

@@ -17,6 +17,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -257,7 +258,7 @@ bool PlaylistLoop::addDirectoryInItems(const QString &directory, int duration)
                    << "files; the rest is left out";
 
     QList<PlaylistItemPtr> found;
-    for (const QByteArray &raw : qAsConst(paths)) {
+    for (const QByteArray &raw : std::as_const(paths)) {
         QString path = QFile::decodeName(raw);
         // A name that is not valid UTF-8 cannot be named again once turned into text; it is
         // played through a link whose name can.
@@ -413,7 +414,7 @@ bool PlaylistLoop::validateWeekdays()
         --score;
         return true;
     }
-    for (const QChar character : qAsConst(repeat)) {
+    for (const QChar character : std::as_const(repeat)) {
         const int day = character.digitValue();
         if (day >= 0 && day <= 6)
             weekdays.setBit(day);

@@ -25,7 +25,7 @@ public:
 
     // The schedule played whenever no playlist can be had: one loop, no items.
     static QString emptySchedule();
-    // HOME/.vorsane-kiosk/playlist and playlist-old.
+    // The state folder's playlist copy and its offline backup.
     static QString localCopyPath();
     static QString offlineCopyPath();
 

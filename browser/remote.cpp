@@ -1,60 +1,136 @@
 #include "remote.h"
 
+#include "statepaths.h"
+
 #include <QDebug>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QScriptEngine>
-#include <QScriptValue>
+#include <QJSEngine>
+#include <QJSValue>
 #include <QTimer>
 
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
 namespace {
-// Reads the datagram's object (appended after this text, then a line feed and "))") into plain
-// values: the
-// action (a number, a string, or nothing) and, for the action, its converted arguments.
-const char commandReader[] = R"((function (v) {
-    var out = {};
-    if (v === null || (typeof v !== 'object' && typeof v !== 'function'))
-        return out;
-    var a = v.action;
-    if (typeof a === 'number')
-        out.action = isFinite(a) ? (a >= 0 ? Math.floor(a + 0.5) : Math.ceil(a - 0.5)) : 0;
-    else if (typeof a === 'string')
-        out.action = /^\s*[+-]?\d+\s*$/.test(a) ? parseInt(a, 10) : 0;
-    else
-        out.action = a === true ? 1 : 0;
-    var d = v.data;
-    var isObject = d !== null && (typeof d === 'object' || typeof d === 'function');
-    var text = function (x) { return isObject ? String(x) : ''; };
-    var integer = function (x) {
-        var n = Number(x);
-        return isNaN(n) ? 0 : (n < 0 ? Math.ceil(n) : Math.floor(n));
+using RemoteProtocol::Action;
+using RemoteProtocol::code;
+
+// Called with the action codes, in a fresh engine before any of the datagram's code runs, it
+// gives the function that evaluates a datagram's text and copies what its action needs into an
+// object of the wire's shape ({action, data: {...}}) holding plain values only. Every step that
+// can run the sender's code (getters, toString, valueOf, proxies) happens inside that one call:
+// the built-ins it relies on are taken before the sender could replace them, and the copy has no
+// prototype, so reading it afterwards runs nothing. A script error, like anything that is not an
+// object, gives action 0.
+const char commandReader[] = R"((function (actions) {
+    var evaluate = eval, create = Object.create, toText = String, toNumber = Number,
+        floor = Math.floor, ceil = Math.ceil, finite = isFinite, notANumber = isNaN,
+        parse = parseInt, isDigits = RegExp.prototype.test.bind(/^\s*[+-]?\d+\s*$/);
+    var GoTo = actions.GoTo, Text = actions.Text, ReadUrl = actions.ReadUrl,
+        RemoveDroppedFile = actions.RemoveDroppedFile;
+    var isObject = function (x) {
+        return x !== null && (typeof x === 'object' || typeof x === 'function');
     };
-    switch (out.action) {
-    case 2:
-        out.hasFilePath = isObject && ('filePath' in d);
-        if (out.hasFilePath)
-            out.filePath = String(d.filePath);
-        else {
-            out.index = isObject ? integer(d.index) : 0;
-            out.loop = isObject ? integer(d.loop) : 0;
+    // As a number, a string holding one, or nothing: what QVariant::toInt makes of it.
+    var action = function (a) {
+        if (typeof a === 'number')
+            return finite(a) ? (a >= 0 ? floor(a + 0.5) : ceil(a - 0.5)) : 0;
+        if (typeof a === 'string')
+            return isDigits(a) ? parse(a, 10) : 0;
+        return a === true ? 1 : 0;
+    };
+    // An absent field reads as empty text; one that is there, whatever it holds, as its text.
+    var text = function (d, name) {
+        return isObject(d) && (name in d) ? toText(d[name]) : '';
+    };
+    var integer = function (d, name) {
+        var n = isObject(d) ? toNumber(d[name]) : 0;
+        return notANumber(n) ? 0 : (n < 0 ? ceil(n) : floor(n));
+    };
+    var duration = function (d) {
+        return isObject(d) ? d.duration | 0 : 0;
+    };
+    return function (source) {
+        var out = create(null);
+        var data = create(null);
+        out.data = data;
+        try {
+            var v = evaluate('(' + source + ')');
+            out.action = isObject(v) ? action(v.action) : 0;
+            var d = isObject(v) ? v.data : undefined;
+            switch (out.action) {
+            case GoTo:
+                if (isObject(d) && ('filePath' in d)) {
+                    data.filePath = toText(d.filePath);
+                } else {
+                    data.index = integer(d, 'index');
+                    data.loop = integer(d, 'loop');
+                }
+                break;
+            case Text:
+                data.text = text(d, 'text');
+                data.duration = duration(d);
+                break;
+            case ReadUrl:
+                data.url = text(d, 'url');
+                data.duration = duration(d);
+                break;
+            case RemoveDroppedFile:
+                data.path = text(d, 'path');
+                break;
+            }
+            return out;
+        } catch (e) {
+            return null;
         }
-        break;
-    case 5:
-        out.text = isObject ? text(d.text) : '';
-        out.duration = isObject ? d.duration | 0 : 0;
-        break;
-    case 7:
-        out.url = isObject ? text(d.url) : '';
-        out.duration = isObject ? d.duration | 0 : 0;
-        break;
-    case 8:
-        out.path = isObject ? text(d.path) : '';
-        break;
+    };
+}))";
+
+// Interrupts the engine once the time is up. QJSEngine has no time limit of its own; its
+// interrupt flag is the one thing another thread may touch, and the GUI thread is busy running
+// the script.
+class EvaluationDeadline
+{
+public:
+    EvaluationDeadline(QJSEngine &engine, int limitMs)
+        : m_thread([this, &engine, limitMs] {
+            std::unique_lock<std::mutex> lock(m_mutex);
+            if (!m_stopped.wait_for(lock, std::chrono::milliseconds(limitMs),
+                                    [this] { return m_finished; })) {
+                m_expired = true;
+                engine.setInterrupted(true);
+            }
+        })
+    {
     }
-    return out;
-})((
-)";
+
+    ~EvaluationDeadline() { finish(); }
+
+    // Stops the clock; true when the time was up before.
+    bool finish()
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_finished = true;
+        }
+        m_stopped.notify_one();
+        if (m_thread.joinable())
+            m_thread.join();
+        return m_expired;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_stopped;
+    bool m_finished = false;
+    bool m_expired = false;
+    // Last, so that it starts once everything it uses is there.
+    std::thread m_thread;
+};
 } // namespace
 
 Remote::Remote(QObject *parent)
@@ -107,79 +183,73 @@ void Remote::handle(const QByteArray &datagram)
     const QString text = QString::fromLatin1(nul >= 0 ? datagram.left(nul) : datagram);
     qDebug() << "Received DataGram:" << text;
 
-    QScriptEngine engine;
-    // An endless script in a datagram must not freeze the show: the engine hands control back
-    // to the event loop now and then, and a timer stops the evaluation. Every step that can run
-    // the sender's code (getters, toString, valueOf) happens inside that one evaluation, which
-    // hands back plain values only.
-    engine.setProcessEventsInterval(50);
-    QTimer deadline;
-    deadline.setSingleShot(true);
-    connect(&deadline, &QTimer::timeout, &engine, [&engine] { engine.abortEvaluation(); });
-    deadline.start(MaxEvaluationMs);
-    const QScriptValue fields = engine.evaluate(QLatin1String(commandReader) + text
-                                                + QLatin1String("\n))"));
-    const bool aborted = !deadline.isActive();
-    deadline.stop();
+    QJSEngine engine;
+    QJSValue command;
+    bool aborted = false;
+    {
+        // An endless script in a datagram must not freeze the show.
+        EvaluationDeadline deadline(engine, MaxEvaluationMs);
+        QJSValue actions = engine.newObject();
+        actions.setProperty(QStringLiteral("GoTo"), code(Action::GoTo));
+        actions.setProperty(QStringLiteral("Text"), code(Action::Text));
+        actions.setProperty(QStringLiteral("ReadUrl"), code(Action::ReadUrl));
+        actions.setProperty(QStringLiteral("RemoveDroppedFile"), code(Action::RemoveDroppedFile));
+        QJSValue reader = engine.evaluate(QLatin1String(commandReader)).call({actions});
+        command = reader.call({QJSValue(text)});
+        aborted = deadline.finish();
+    }
     if (aborted)
         qDebug() << "Remote datagram evaluation aborted after" << MaxEvaluationMs << "ms.";
     // A datagram that is not an object literal, or whose evaluation was cut off, acts as a
     // pause, as a script error always has.
-    if (aborted || engine.hasUncaughtException() || !fields.isObject()) {
+    if (aborted || !command.isObject()) {
         Q_EMIT pause();
         return;
     }
 
-    const int action = fields.property(QStringLiteral("action")).toInt32();
-    const auto field = [&fields](const char *name) {
-        return fields.property(QLatin1String(name));
-    };
-    switch (action) {
-    case 0:
+    const QJSValue data = command.property(QStringLiteral("data"));
+    const auto field = [&data](const char *name) { return data.property(QLatin1String(name)); };
+    switch (static_cast<Action>(command.property(QStringLiteral("action")).toInt())) {
+    case Action::Pause:
         Q_EMIT pause();
         break;
-    case 1:
+    case Action::Next:
         Q_EMIT next();
         break;
-    case 2:
-        if (field("hasFilePath").toBool())
-            Q_EMIT goTo(field("filePath").toString());
-        else
-            Q_EMIT goTo(int(field("index").toInteger()), int(field("loop").toInteger()));
+    case Action::GoTo:
+        processGoTo(command);
         break;
-    case 3:
+    case Action::Screenshot:
         Q_EMIT screenshot();
         break;
-    case 4:
+    case Action::Restart:
         Q_EMIT restart();
         break;
-    case 5: {
+    case Action::Text: {
         const QString message = field("text").toString();
         if (!message.isEmpty())
-            Q_EMIT this->text(message, field("duration").toInt32());
+            Q_EMIT this->text(message, field("duration").toInt());
         break;
     }
-    case 6:
+    case Action::Loop:
         Q_EMIT loop();
         break;
-    case 7:
-        Q_EMIT readUrl(field("url").toString(), field("duration").toInt32());
+    case Action::ReadUrl:
+        Q_EMIT readUrl(field("url").toString(), field("duration").toInt());
         break;
-    case 8:
+    case Action::RemoveDroppedFile:
         removeDroppedFile(field("path").toString());
-        break;
-    default:
         break;
     }
 }
 
-void Remote::processGoTo(QScriptValue *value)
+void Remote::processGoTo(const QJSValue &value)
 {
-    const QScriptValue data = value->property(QStringLiteral("data"));
-    const QScriptValue filePath = data.property(QStringLiteral("filePath"));
-    if (!filePath.isValid()) {
-        Q_EMIT goTo(int(data.property(QStringLiteral("index")).toInteger()),
-                    int(data.property(QStringLiteral("loop")).toInteger()));
+    const QJSValue data = value.property(QStringLiteral("data"));
+    const QJSValue filePath = data.property(QStringLiteral("filePath"));
+    if (filePath.isUndefined()) {
+        Q_EMIT goTo(data.property(QStringLiteral("index")).toInt(),
+                    data.property(QStringLiteral("loop")).toInt());
         return;
     }
     Q_EMIT goTo(filePath.toString());
@@ -188,8 +258,7 @@ void Remote::processGoTo(QScriptValue *value)
 void Remote::removeDroppedFile(const QString &relativePath)
 {
     // Any local process can send datagrams: only a file inside the folder may go.
-    const QDir folder(QString::fromLocal8Bit(qgetenv("HOME"))
-                      + QLatin1String("/.vorsane-kiosk/dragndrop"));
+    const QDir folder(StatePaths::dropFolder());
     const QString path = folder.filePath(relativePath);
     const QString inside = QDir::cleanPath(folder.absolutePath()) + QLatin1Char('/');
     if (relativePath.isEmpty() || !QDir::cleanPath(path).startsWith(inside)

@@ -1,9 +1,11 @@
 #pragma once
 
+#include "remoteprotocol.h"
+
 #include <QByteArrayList>
 #include <QUdpSocket>
 
-class QScriptValue;
+class QJSValue;
 
 // Receives the remote-control datagrams on 127.0.0.1:54545 and turns each into one signal.
 class Remote : public QUdpSocket
@@ -11,13 +13,15 @@ class Remote : public QUdpSocket
     Q_OBJECT
 
 public:
-    static constexpr quint16 Port = 54545;
+    static constexpr quint16 Port = RemoteProtocol::DatagramPort;
     // A datagram whose evaluation, reads included, takes longer than this counts as a script error.
     static constexpr int MaxEvaluationMs = 1000;
 
     explicit Remote(QObject *parent = nullptr);
 
-    void processGoTo(QScriptValue *value);
+    // The value is a command as the datagram reader copies it: {action, data: {filePath} or
+    // {index, loop}}, plain values only.
+    void processGoTo(const QJSValue &value);
     // Carries out one datagram's command.
     void handle(const QByteArray &datagram);
 

@@ -40,8 +40,14 @@ private:
     // Ends the server when the kiosk dies without cleaning up (SIGTERM, SIGKILL, a crash).
     class Child : public QProcess
     {
+    public:
+        Child();
+
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
     protected:
+        // Qt 6 dropped this hook: there the constructor sets a child-process modifier instead.
         void setupChildProcess() override;
+#endif
     };
 
     Child m_process;

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <sys/types.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 const int terminateWaitMs = 1000;
@@ -16,17 +17,28 @@ bool groupAlive(qint64 group)
 {
     return ::kill(pid_t(-group), 0) == 0;
 }
+
+// Runs in the child, between fork and exec.
+void leadOwnGroup()
+{
+    ::setpgid(0, 0);
+}
 } // namespace
 
 RProcess::RProcess(QObject *parent)
     : QProcess(parent)
 {
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+    setChildProcessModifier(leadOwnGroup);
+#endif
 }
 
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
 void RProcess::setupChildProcess()
 {
-    ::setpgid(0, 0);
+    leadOwnGroup();
 }
+#endif
 
 SubprocessManager::SubprocessManager(QObject *parent)
     : QObject(parent)
@@ -86,19 +98,19 @@ int SubprocessManager::running() const
 
 void SubprocessManager::empty()
 {
-    for (qint64 group : qAsConst(m_groups))
+    for (qint64 group : std::as_const(m_groups))
         ::kill(pid_t(-group), SIGTERM);
     QElapsedTimer waited;
     waited.start();
-    for (const QPointer<RProcess> &process : qAsConst(m_processes)) {
+    for (const QPointer<RProcess> &process : std::as_const(m_processes)) {
         if (process && process->state() != QProcess::NotRunning)
             process->waitForFinished(qMax(1, terminateWaitMs - int(waited.elapsed())));
     }
-    for (qint64 group : qAsConst(m_groups)) {
+    for (qint64 group : std::as_const(m_groups)) {
         if (groupAlive(group))
             ::kill(pid_t(-group), SIGKILL);
     }
-    for (const QPointer<RProcess> &process : qAsConst(m_processes)) {
+    for (const QPointer<RProcess> &process : std::as_const(m_processes)) {
         if (process) {
             process->waitForFinished(terminateWaitMs);
             delete process.data();

@@ -14,8 +14,12 @@ class RProcess : public QProcess
 public:
     explicit RProcess(QObject *parent = nullptr);
 
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
 protected:
+    // Qt 6 dropped this hook: there the constructor hands the same step to
+    // setChildProcessModifier(), which Qt 5 lacks.
     void setupChildProcess() override;
+#endif
 };
 
 // Shows downloaded files in desktop programs and ends them all when the session ends.

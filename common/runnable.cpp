@@ -40,6 +40,11 @@ Runnable::Runnable(int timeout)
 
 Runnable::~Runnable() = default;
 
+Runnable *Runnable::of(QObject *widget)
+{
+    return dynamic_cast<Runnable *>(widget);
+}
+
 void Runnable::setTimeout(int timeout)
 {
     m_timeout = timeout;

@@ -19,6 +19,18 @@ private:
     Runnable *m_runnable;
 };
 
+// What content tells whoever shows it. Each content class declares its own end() and relays it
+// here, so that the viewer connects to one typed signal whatever the class.
+class RunnableNotifier : public QObject
+{
+    Q_OBJECT
+
+Q_SIGNALS:
+    void end();
+    // Content that changes in place (a PDF turning a page).
+    void pageChanged();
+};
+
 // Life cycle shared by every piece of content: start, stop, pause/resume toggle, restart, and an
 // optional display time in seconds.
 class Runnable
@@ -26,6 +38,11 @@ class Runnable
 public:
     explicit Runnable(int timeout);
     virtual ~Runnable();
+
+    // The content behind a widget, or null for a widget that is no content.
+    static Runnable *of(QObject *widget);
+
+    RunnableNotifier *notifier() { return &m_notifier; }
 
     void setTimeout(int timeout);
     int timeout() const { return m_timeout; }
@@ -46,6 +63,7 @@ private:
     friend class RunnableTimer;
 
     RunnableTimer m_timer;
+    RunnableNotifier m_notifier;
     int m_timeout;
     bool m_active = false;
     bool m_stopped = false;

@@ -12,10 +12,10 @@
 #include <QSettings>
 #include <QSqlDatabase>
 #include <QSqlQuery>
-#include <QTextStream>
 #include <QUrl>
 
 #include <unistd.h>
+#include <utility>
 
 Settings *Settings::m_settings = nullptr;
 
@@ -415,11 +415,9 @@ bool Settings::writePlaylist(const QString &path)
     QFile file(target);
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text))
         return false;
-    QTextStream out(&file);
-    out.setCodec("UTF-8");
-    out << "#Vorsane playlist\n";
-    for (const QString &entry : qAsConst(m_playlist))
-        out << entry << "\n";
+    file.write("#Vorsane playlist\n");
+    for (const QString &entry : std::as_const(m_playlist))
+        file.write(entry.toUtf8() + '\n');
     return true;
 }
 
@@ -430,10 +428,8 @@ bool Settings::writeRestrictions(const QString &path)
     QFile file(target);
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text))
         return false;
-    QTextStream out(&file);
-    out.setCodec("UTF-8");
-    for (const QString &entry : qAsConst(m_restrictions))
-        out << entry << "\n";
+    for (const QString &entry : std::as_const(m_restrictions))
+        file.write(entry.toUtf8() + '\n');
     return true;
 }
 
@@ -455,7 +451,7 @@ bool Settings::writeCookies(const QString &path)
                 "TEXT, path TEXT, expiry INTEGER, lastAccessed INTEGER, isSecure "
                 "INTEGER,isHttpOnly INTEGER)"));
             // Plain text substitution without escaping: a quote in a value loses that cookie.
-            for (const QNetworkCookie &cookie : qAsConst(m_cookies)) {
+            for (const QNetworkCookie &cookie : std::as_const(m_cookies)) {
                 const QDateTime expiry = cookie.expirationDate();
                 query.exec(
                     QStringLiteral("INSERT INTO moz_cookies (name, value, host, "

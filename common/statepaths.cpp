@@ -17,14 +17,14 @@ QString home()
     return QDir::rootPath();
 }
 
-QString root()
+QString root(const QString &homeDir)
 {
-    return home() + QLatin1String("/.vorsane-kiosk");
+    return homeDir + QLatin1String("/.vorsane-kiosk");
 }
 
-QString path(const QString &name)
+QString path(const QString &name, const QString &homeDir)
 {
-    return root() + QLatin1Char('/') + name;
+    return root(homeDir) + QLatin1Char('/') + name;
 }
 
 bool ensureRoot()
@@ -57,14 +57,14 @@ QString lastEditStamp()
     return path(QStringLiteral("playlist_last_timestamp.txt"));
 }
 
-QString dropFolder()
+QString dropFolder(const QString &homeDir)
 {
-    return path(QStringLiteral("dragndrop"));
+    return path(QStringLiteral("dragndrop"), homeDir);
 }
 
-QString uploadStaging()
+QString uploadStaging(const QString &homeDir)
 {
-    return path(QStringLiteral("remote-upload"));
+    return path(QStringLiteral("remote-upload"), homeDir);
 }
 
 QString usbAutoDir()

@@ -9,9 +9,9 @@ namespace StatePaths {
 // $HOME when set, else the account's home from the password database: both programs and every
 // class must agree even when a service manager starts them without HOME.
 QString home();
-// ~/.vorsane-kiosk, and a name inside it.
-QString root();
-QString path(const QString &name);
+// ~/.vorsane-kiosk, and a name inside it. The companion server is handed its home explicitly.
+QString root(const QString &homeDir = home());
+QString path(const QString &name, const QString &homeDir = home());
 // Creates the state directory when missing; false when it cannot be made.
 bool ensureRoot();
 
@@ -20,8 +20,9 @@ QString tagDir();           // their revalidation tags
 QString playlistCopy();     // the last playlist received from the network
 QString playlistOld();      // the copy played after a network error
 QString lastEditStamp();    // the content server's last edit
-QString dropFolder();       // files dropped on the remote page
-QString uploadStaging();    // uploads in progress, moved into the drop folder when whole
+// Files dropped on the remote page, and uploads in progress, moved in when whole.
+QString dropFolder(const QString &homeDir = home());
+QString uploadStaging(const QString &homeDir = home());
 QString usbAutoDir();       // the copy of the last accepted USB key
 QString aliasesDir();       // links for file names that are not valid UTF-8
 QString stalledPages();     // pages whose script held the program

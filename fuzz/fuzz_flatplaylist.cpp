@@ -4,6 +4,8 @@
 
 #include <QDateTime>
 
+#include <utility>
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     fuzz::application();
@@ -16,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     parser.refresh();
     const QDateTime now = QDateTime::currentDateTime();
     if (PlaylistLoopPtr loop = parser.selectLoop(now, now)) {
-        for (const PlaylistItemPtr &item : qAsConst(loop->items)) {
+        for (const PlaylistItemPtr &item : std::as_const(loop->items)) {
             loop->getFromIdle(item->url);
             loop->getToIdle(item->url);
         }

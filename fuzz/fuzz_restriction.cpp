@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -41,7 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                       QStringLiteral("https://www.example.org/a?b=c#d"), QString()};
     for (int i = 0; i < lines.size() && i < 4; ++i)
         texts << lines.at(i).left(256);
-    for (const QString &text : qAsConst(texts)) {
+    for (const QString &text : std::as_const(texts)) {
         bool expected = false;
         for (QRegExp &expression : expressions)
             expected = expected || expression.indexIn(text) != -1;

@@ -5,6 +5,8 @@
 
 #include <QDateTime>
 
+#include <utility>
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     fuzz::application();
@@ -16,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     XmlPlaylistParser parser(5, text, QStringLiteral("http://127.0.0.1:1/playlist"));
     const QDateTime now(QDate(2024, 3, 31), QTime(2, 30));
     if (PlaylistLoopPtr loop = parser.selectLoop(now.addSecs(-60), now)) {
-        for (const PlaylistItemPtr &item : qAsConst(loop->items))
+        for (const PlaylistItemPtr &item : std::as_const(loop->items))
             loop->getFromIdle(item->url);
     }
     return 0;

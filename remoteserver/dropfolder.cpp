@@ -1,5 +1,7 @@
 #include "dropfolder.h"
 
+#include "statepaths.h"
+
 #include <QDir>
 #include <QFileInfo>
 #include <QMimeDatabase>
@@ -15,8 +17,8 @@ const int maxNameLength = 120;
 } // namespace
 
 DropFolder::DropFolder(const QString &home)
-    : m_path(home + QLatin1String("/.vorsane-kiosk/dragndrop"))
-    , m_staging(home + QLatin1String("/.vorsane-kiosk/remote-upload"))
+    : m_path(StatePaths::dropFolder(home))
+    , m_staging(StatePaths::uploadStaging(home))
 {
 }
 

@@ -18,11 +18,10 @@ public:
     // Kept free on the disk after any upload, for the kiosk's cache and logs.
     static constexpr qint64 SpaceMargin = 64 * 1024 * 1024;
 
-    // The folder under the given home directory (HOME/.vorsane-kiosk/dragndrop).
+    // The drop folder of the given home directory's state folder.
     explicit DropFolder(const QString &home);
 
     QString path() const { return m_path; }
-    QString stagingPath() const { return m_staging; }
     bool ensureExists() const;
     // Removes what an interrupted run left in the staging folder.
     void clearStaging() const;

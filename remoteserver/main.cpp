@@ -3,6 +3,7 @@
 #include "playlistparser.h"
 #include "remoteserver.h"
 #include "settings.h"
+#include "statepaths.h"
 
 #include <QCoreApplication>
 #include <QDebug>
@@ -47,25 +48,24 @@ int main(int argc, char *argv[])
     QCoreApplication::setApplicationName(QStringLiteral("vorsane-remote"));
     // The page and the answers speak the language of the player's desktop.
     QTranslator translator;
-    translator.load(QStringLiteral("browser_") + QLocale::system().name(),
-                    QStringLiteral(VORSANE_DATA_DIR "/i18n"));
-    QCoreApplication::installTranslator(&translator);
+    if (translator.load(QStringLiteral("browser_") + QLocale::system().name(),
+                        QStringLiteral(VORSANE_DATA_DIR "/i18n")))
+        QCoreApplication::installTranslator(&translator);
     CommandLineParser parser(int(kioskArguments.size()) - 1, kioskArguments.data());
     Settings *settings = Settings::load(false, &parser);
 
     RemoteServer::Config config;
-    config.port = quint16(port > 0 ? port : settings->get(QStringLiteral("remote/port")).toInt());
-    config.key = settings->get(QStringLiteral("remote/key")).toString();
+    config.port = quint16(port > 0 ? port : settings->remotePort());
+    config.key = settings->remoteKey();
     if (qEnvironmentVariableIsSet("VORSANE_REMOTE_KEY")) {
         config.key = qEnvironmentVariable("VORSANE_REMOTE_KEY");
         qunsetenv("VORSANE_REMOTE_KEY");
     }
     config.localPlaylist = settings->get(QStringLiteral("remote/localplaylist")).toBool();
     config.tv = settings->get(QStringLiteral("remote/tv")).toBool();
-    config.home = QString::fromLocal8Bit(qgetenv("HOME"));
+    config.home = StatePaths::home();
     config.playlistPath = settings->playlistFilename();
-    config.loopsPath = settings->get(QStringLiteral("slideshow/playlist_update_mode")).toString()
-                               == QLatin1String("localPlaylist")
+    config.loopsPath = settings->playlistUpdateMode() == Settings::UpdateMode::LocalPlaylist
                            ? config.playlistPath
                            : PlaylistParser::localCopyPath();
 

@@ -95,12 +95,12 @@ QByteArray page()
     QRegularExpressionMatchIterator matches = marker.globalMatch(source);
     while (matches.hasNext()) {
         const QRegularExpressionMatch match = matches.next();
-        out += source.midRef(from, match.capturedStart() - from);
+        out += QStringView(source).mid(from, match.capturedStart() - from);
         out += QCoreApplication::translate("RemotePage", match.captured(1).toUtf8().constData())
                    .toHtmlEscaped();
         from = match.capturedEnd();
     }
-    out += source.midRef(from);
+    out += QStringView(source).mid(from);
     return out.toUtf8();
 }
 
@@ -199,27 +199,29 @@ bool RemoteServer::authorise(const httplib::Request &request, httplib::Response 
 
 QByteArray RemoteServer::datagram(const QJsonObject &command)
 {
+    using RemoteProtocol::Action;
     const int action = command.value(QStringLiteral("action")).toInt(-1);
     const QJsonObject data = command.value(QStringLiteral("data")).toObject();
     QByteArray fields;
-    switch (action) {
-    case 0:
-    case 1:
-    case 3:
-    case 4:
+    switch (static_cast<Action>(action)) {
+    case Action::Pause:
+    case Action::Next:
+    case Action::Screenshot:
+    case Action::Restart:
         break;
-    case 2:
+    case Action::GoTo:
         fields = "\"index\":" + number(data.value(QStringLiteral("index")))
                  + ",\"loop\":" + number(data.value(QStringLiteral("loop")));
         break;
-    case 5:
-    case 7: {
-        const QString field = action == 5 ? QStringLiteral("text") : QStringLiteral("url");
+    case Action::Text:
+    case Action::ReadUrl: {
+        const QString field = static_cast<Action>(action) == Action::Text ? QStringLiteral("text")
+                                                                          : QStringLiteral("url");
         fields = '"' + field.toLatin1() + "\":" + scriptString(data.value(field).toString())
                  + ",\"duration\":" + number(data.value(QStringLiteral("duration")));
         break;
     }
-    case 8:
+    case Action::RemoveDroppedFile:
         fields = "\"path\":" + scriptString(data.value(QStringLiteral("path")).toString());
         break;
     default:
@@ -235,6 +237,20 @@ bool RemoteServer::send(const QByteArray &datagram) const
            == datagram.size();
 }
 
+const RemoteServer::Endpoint RemoteServer::s_endpoints[] = {
+    {Method::Get, "/", &RemoteServer::getPage, nullptr},
+    {Method::Get, "/screen.png", &RemoteServer::getScreen, nullptr},
+    {Method::Get, "/api/status", &RemoteServer::getStatus, nullptr},
+    {Method::Post, "/api/command", &RemoteServer::postCommand, nullptr},
+    {Method::Get, "/api/loops", &RemoteServer::getLoops, nullptr},
+    {Method::Get, "/api/files", &RemoteServer::getFiles, nullptr},
+    {Method::Post, "/api/files", nullptr, &RemoteServer::upload},
+    {Method::Delete, "/api/files", &RemoteServer::deleteFile, nullptr},
+    {Method::Get, "/api/playlist", &RemoteServer::getPlaylist, nullptr},
+    {Method::Post, "/api/playlist", &RemoteServer::postPlaylist, nullptr},
+    {Method::Post, "/api/tv", &RemoteServer::postTv, nullptr},
+};
+
 void RemoteServer::route()
 {
     using httplib::Request;
@@ -242,129 +258,172 @@ void RemoteServer::route()
     httplib::Server &server = *m_server;
     server.set_read_timeout(30, 0);
     server.set_write_timeout(30, 0);
-
     server.set_pre_routing_handler([this](const Request &request, Response &response) {
-        if (!authorise(request, response)) {
-            response.status = 403;
-            response.set_header("Connection", "close");
-            response.set_content("Forbidden\n", "text/plain");
-            return httplib::Server::HandlerResponse::Handled;
+        return admit(request, response) ? httplib::Server::HandlerResponse::Unhandled
+                                        : httplib::Server::HandlerResponse::Handled;
+    });
+
+    for (const Endpoint &endpoint : s_endpoints) {
+        // The server hands a body over as it arrives only to POST handlers; uploads are those.
+        if (endpoint.readingHandler) {
+            const ReadingHandler handler = endpoint.readingHandler;
+            server.Post(endpoint.path, [this, handler](const Request &request, Response &response,
+                                                       const httplib::ContentReader &reader) {
+                (this->*handler)(request, response, reader);
+            });
+            continue;
         }
-        if (request.path != "/api/files" && contentLength(request) > MaxRequestBody) {
-            response.set_header("Connection", "close");
-            fail(response, 413, tr("The request is too large."));
-            return httplib::Server::HandlerResponse::Handled;
+        const Handler handler = endpoint.handler;
+        auto call = [this, handler](const Request &request, Response &response) {
+            (this->*handler)(request, response);
+        };
+        switch (endpoint.method) {
+        case Method::Get:
+            server.Get(endpoint.path, call);
+            break;
+        case Method::Post:
+            server.Post(endpoint.path, call);
+            break;
+        case Method::Delete:
+            server.Delete(endpoint.path, call);
+            break;
         }
-        return httplib::Server::HandlerResponse::Unhandled;
-    });
+    }
+}
 
-    server.Get("/", [](const Request &, Response &response) {
-        response.set_header("Cache-Control", "no-store");
-        response.set_content(page().toStdString(), "text/html; charset=utf-8");
-    });
+// Whether a request may go on to its handler; otherwise the answer is set.
+bool RemoteServer::admit(const httplib::Request &request, httplib::Response &response) const
+{
+    if (!authorise(request, response)) {
+        response.status = 403;
+        response.set_header("Connection", "close");
+        response.set_content("Forbidden\n", "text/plain");
+        return false;
+    }
+    if (request.path != "/api/files" && contentLength(request) > MaxRequestBody) {
+        response.set_header("Connection", "close");
+        fail(response, 413, tr("The request is too large."));
+        return false;
+    }
+    return true;
+}
 
-    server.Get("/screen.png", [this](const Request &, Response &response) {
-        QFile screen(m_config.screenshotPath);
-        response.set_header("Cache-Control", "no-store");
-        if (!screen.open(QIODevice::ReadOnly)) {
-            response.status = 404;
-            return;
-        }
-        response.set_content(screen.readAll().toStdString(), "image/png");
-    });
+void RemoteServer::getPage(const httplib::Request &, httplib::Response &response)
+{
+    response.set_header("Cache-Control", "no-store");
+    response.set_content(page().toStdString(), "text/html; charset=utf-8");
+}
 
-    server.Get("/api/status", [this](const Request &, Response &response) {
-        reply(response, 200,
-              QJsonObject{{QStringLiteral("localplaylist"), m_config.localPlaylist},
-                          {QStringLiteral("tv"), m_config.tv}});
-    });
+void RemoteServer::getScreen(const httplib::Request &, httplib::Response &response)
+{
+    QFile screen(m_config.screenshotPath);
+    response.set_header("Cache-Control", "no-store");
+    if (!screen.open(QIODevice::ReadOnly)) {
+        response.status = 404;
+        return;
+    }
+    response.set_content(screen.readAll().toStdString(), "image/png");
+}
 
-    server.Post("/api/command", [this](const Request &request, Response &response) {
-        const QByteArray message = datagram(jsonBody(request));
-        if (message.isEmpty() || message.startsWith("{\"action\":8"))
-            return fail(response, 400, tr("Unknown command."));
-        if (!send(message))
-            return fail(response, 502, tr("The command could not be sent to the slideshow."));
-        reply(response, 200, QJsonObject{{QStringLiteral("sent"), QString::fromLatin1(message)}});
-    });
+void RemoteServer::getStatus(const httplib::Request &, httplib::Response &response)
+{
+    reply(response, 200,
+          QJsonObject{{QStringLiteral("localplaylist"), m_config.localPlaylist},
+                      {QStringLiteral("tv"), m_config.tv}});
+}
 
-    server.Get("/api/loops", [this](const Request &, Response &response) {
-        QFile file(m_config.loopsPath);
-        QByteArray text;
-        if (file.open(QIODevice::ReadOnly))
-            text = file.readAll();
+void RemoteServer::postCommand(const httplib::Request &request, httplib::Response &response)
+{
+    const QJsonObject command = jsonBody(request);
+    const QByteArray message = datagram(command);
+    // Files are removed through DELETE /api/files, which checks the name first.
+    if (message.isEmpty()
+        || command.value(QStringLiteral("action")).toInt(-1)
+               == RemoteProtocol::code(RemoteProtocol::Action::RemoveDroppedFile))
+        return fail(response, 400, tr("Unknown command."));
+    if (!send(message))
+        return fail(response, 502, tr("The command could not be sent to the slideshow."));
+    reply(response, 200, QJsonObject{{QStringLiteral("sent"), QString::fromLatin1(message)}});
+}
+
+void RemoteServer::getLoops(const httplib::Request &, httplib::Response &response)
+{
+    QFile file(m_config.loopsPath);
+    QByteArray text;
+    if (file.open(QIODevice::ReadOnly))
+        text = file.readAll();
+    std::lock_guard<std::mutex> lock(m_files);
+    reply(response, 200, QJsonObject{{QStringLiteral("loops"), PlaylistFile::loops(text)}});
+}
+
+void RemoteServer::getFiles(const httplib::Request &, httplib::Response &response)
+{
+    QJsonArray files;
+    std::lock_guard<std::mutex> lock(m_files);
+    const QList<DropFolder::Entry> entries = m_drop.list();
+    for (const DropFolder::Entry &entry : entries)
+        files.append(QJsonObject{{QStringLiteral("name"), entry.name},
+                                 {QStringLiteral("size"), entry.size}});
+    reply(response, 200, QJsonObject{{QStringLiteral("files"), files}});
+}
+
+void RemoteServer::deleteFile(const httplib::Request &request, httplib::Response &response)
+{
+    const QString name = QString::fromStdString(request.get_param_value("name"));
+    {
         std::lock_guard<std::mutex> lock(m_files);
-        reply(response, 200, QJsonObject{{QStringLiteral("loops"), PlaylistFile::loops(text)}});
-    });
+        if (!m_drop.contains(name))
+            return fail(response, 404, tr("No such file: %1").arg(name));
+    }
+    // The slideshow deletes it, so it never plays a file that has just gone.
+    const QByteArray message = datagram(QJsonObject{
+        {QStringLiteral("action"), RemoteProtocol::code(RemoteProtocol::Action::RemoveDroppedFile)},
+        {QStringLiteral("data"), QJsonObject{{QStringLiteral("path"), name}}}});
+    if (!send(message))
+        return fail(response, 502, tr("The command could not be sent to the slideshow."));
+    reply(response, 202, QJsonObject{{QStringLiteral("sent"), QString::fromLatin1(message)}});
+}
 
-    server.Get("/api/files", [this](const Request &, Response &response) {
-        QJsonArray files;
+void RemoteServer::getPlaylist(const httplib::Request &, httplib::Response &response)
+{
+    if (!m_config.localPlaylist)
+        return fail(response, 403, tr("Editing the local playlist is turned off."));
+    std::lock_guard<std::mutex> lock(m_files);
+    response.set_header("Cache-Control", "no-store");
+    response.set_content(m_playlist.read().toStdString(), "text/plain; charset=utf-8");
+}
+
+void RemoteServer::postPlaylist(const httplib::Request &request, httplib::Response &response)
+{
+    if (!m_config.localPlaylist)
+        return fail(response, 403, tr("Editing the local playlist is turned off."));
+    QByteArray text = QByteArray::fromStdString(request.body);
+    if (request.is_multipart_form_data()) {
+        if (request.files.empty())
+            return fail(response, 400, tr("No playlist file was sent."));
+        text = QByteArray::fromStdString(request.files.begin()->second.content);
+    }
+    QString error;
+    {
         std::lock_guard<std::mutex> lock(m_files);
-        const QList<DropFolder::Entry> entries = m_drop.list();
-        for (const DropFolder::Entry &entry : entries)
-            files.append(QJsonObject{{QStringLiteral("name"), entry.name},
-                                     {QStringLiteral("size"), entry.size}});
-        reply(response, 200, QJsonObject{{QStringLiteral("files"), files}});
-    });
+        if (!m_playlist.replace(text, &error))
+            return fail(response, 422, error);
+    }
+    send(datagram(QJsonObject{
+        {QStringLiteral("action"), RemoteProtocol::code(RemoteProtocol::Action::Restart)}}));
+    reply(response, 200, QJsonObject{{QStringLiteral("saved"), m_playlist.path()}});
+}
 
-    server.Post("/api/files", [this](const Request &request, Response &response,
-                                     const httplib::ContentReader &reader) {
-        upload(request, response, reader);
-    });
-
-    server.Delete("/api/files", [this](const Request &request, Response &response) {
-        const QString name = QString::fromStdString(request.get_param_value("name"));
-        {
-            std::lock_guard<std::mutex> lock(m_files);
-            if (!m_drop.contains(name))
-                return fail(response, 404, tr("No such file: %1").arg(name));
-        }
-        // The slideshow deletes it, so it never plays a file that has just gone.
-        const QByteArray message = datagram(
-            QJsonObject{{QStringLiteral("action"), 8},
-                        {QStringLiteral("data"), QJsonObject{{QStringLiteral("path"), name}}}});
-        if (!send(message))
-            return fail(response, 502, tr("The command could not be sent to the slideshow."));
-        reply(response, 202, QJsonObject{{QStringLiteral("sent"), QString::fromLatin1(message)}});
-    });
-
-    server.Get("/api/playlist", [this](const Request &, Response &response) {
-        if (!m_config.localPlaylist)
-            return fail(response, 403, tr("Editing the local playlist is turned off."));
-        std::lock_guard<std::mutex> lock(m_files);
-        response.set_header("Cache-Control", "no-store");
-        response.set_content(m_playlist.read().toStdString(), "text/plain; charset=utf-8");
-    });
-
-    server.Post("/api/playlist", [this](const Request &request, Response &response) {
-        if (!m_config.localPlaylist)
-            return fail(response, 403, tr("Editing the local playlist is turned off."));
-        QByteArray text = QByteArray::fromStdString(request.body);
-        if (request.is_multipart_form_data()) {
-            if (request.files.empty())
-                return fail(response, 400, tr("No playlist file was sent."));
-            text = QByteArray::fromStdString(request.files.begin()->second.content);
-        }
-        QString error;
-        {
-            std::lock_guard<std::mutex> lock(m_files);
-            if (!m_playlist.replace(text, &error))
-                return fail(response, 422, error);
-        }
-        send(datagram(QJsonObject{{QStringLiteral("action"), 4}}));
-        reply(response, 200, QJsonObject{{QStringLiteral("saved"), m_playlist.path()}});
-    });
-
-    server.Post("/api/tv", [this](const Request &request, Response &response) {
-        if (!m_config.tv)
-            return fail(response, 403, tr("Switching the screen is turned off."));
-        const bool on = jsonBody(request).value(QStringLiteral("on")).toBool();
-        if (on)
-            DisplayPower::on();
-        else
-            DisplayPower::off();
-        reply(response, 200, QJsonObject{{QStringLiteral("on"), on}});
-    });
+void RemoteServer::postTv(const httplib::Request &request, httplib::Response &response)
+{
+    if (!m_config.tv)
+        return fail(response, 403, tr("Switching the screen is turned off."));
+    const bool on = jsonBody(request).value(QStringLiteral("on")).toBool();
+    if (on)
+        DisplayPower::on();
+    else
+        DisplayPower::off();
+    reply(response, 200, QJsonObject{{QStringLiteral("on"), on}});
 }
 
 void RemoteServer::upload(const httplib::Request &request, httplib::Response &response,

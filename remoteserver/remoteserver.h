@@ -2,6 +2,7 @@
 
 #include "dropfolder.h"
 #include "playlistfile.h"
+#include "remoteprotocol.h"
 
 #include <QCoreApplication>
 #include <QJsonObject>
@@ -38,7 +39,7 @@ public:
         QString playlistPath;
         QString loopsPath;
         QString screenshotPath = QStringLiteral("/tmp/screen.png");
-        quint16 datagramPort = 54545;
+        quint16 datagramPort = RemoteProtocol::DatagramPort;
     };
 
     static constexpr const char *CookieName = "vorsane_remote";
@@ -58,11 +59,37 @@ public:
     static bool keysMatch(const QByteArray &given, const QByteArray &expected);
 
 private:
+    using Handler = void (RemoteServer::*)(const httplib::Request &, httplib::Response &);
+    // A handler that reads the body itself as it arrives (uploads).
+    using ReadingHandler = void (RemoteServer::*)(const httplib::Request &, httplib::Response &,
+                                                  const httplib::ContentReader &);
+    enum class Method { Get, Post, Delete };
+    struct Endpoint
+    {
+        Method method;
+        const char *path;
+        Handler handler;
+        ReadingHandler readingHandler;
+    };
+    static const Endpoint s_endpoints[];
+
     void route();
+    bool admit(const httplib::Request &request, httplib::Response &response) const;
     bool authorise(const httplib::Request &request, httplib::Response &response) const;
     bool send(const QByteArray &datagram) const;
+
+    void getPage(const httplib::Request &request, httplib::Response &response);
+    void getScreen(const httplib::Request &request, httplib::Response &response);
+    void getStatus(const httplib::Request &request, httplib::Response &response);
+    void postCommand(const httplib::Request &request, httplib::Response &response);
+    void getLoops(const httplib::Request &request, httplib::Response &response);
+    void getFiles(const httplib::Request &request, httplib::Response &response);
     void upload(const httplib::Request &request, httplib::Response &response,
                 const httplib::ContentReader &reader);
+    void deleteFile(const httplib::Request &request, httplib::Response &response);
+    void getPlaylist(const httplib::Request &request, httplib::Response &response);
+    void postPlaylist(const httplib::Request &request, httplib::Response &response);
+    void postTv(const httplib::Request &request, httplib::Response &response);
 
     Config m_config;
     DropFolder m_drop;

@@ -7,7 +7,7 @@ packages=(
     # build
     build-essential cmake pkg-config clang-format curl
     # Qt 5 modules
-    qtbase5-dev qtbase5-dev-tools libqt5sql5-sqlite qtscript5-dev libqt5webkit5-dev
+    qtbase5-dev qtbase5-dev-tools libqt5sql5-sqlite qtdeclarative5-dev libqt5webkit5-dev
     # translations (lupdate, lrelease and their CMake functions; the toolkit's own texts)
     qttools5-dev qttools5-dev-tools qttranslations5-l10n
     # media, PDF, proxy discovery, password hashing, URL pattern sets

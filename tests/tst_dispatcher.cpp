@@ -2,12 +2,14 @@
 #include "httpserver.h"
 #include "idle.h"
 #include "image.h"
+#include "looppositions.h"
 #include "playlistitem.h"
 #include "playlistparser.h"
 #include "remote.h"
 #include "runnable.h"
 #include "show.h"
 #include "viewer.h"
+#include "xmlplaylistparser.h"
 
 #include <QDateTime>
 #include <QElapsedTimer>
@@ -44,6 +46,10 @@ private Q_SLOTS:
     void goToItem();
     void goToFile_data();
     void goToFile();
+    void positionWalk_data();
+    void positionWalk();
+    void clickOnContent_data();
+    void clickOnContent();
     void brokenContentNeverStalls_data();
     void brokenContentNeverStalls();
     void contentEndingAtOnceRests_data();
@@ -285,7 +291,7 @@ void TestDispatcher::screenOff()
     QCOMPARE(m_show->log.count(tomorrow ? "Wake up : tomorrow" : "Wake up : today"), 1);
     QCOMPARE(m_show->log.count("Wake up"), 1);
     // Dark until the end of the span, then the show goes on.
-    const int timeout = dynamic_cast<Runnable *>(m_show->dispatcher->shownWidget())->timeout();
+    const int timeout = Runnable::of(m_show->dispatcher->shownWidget())->timeout();
     QVERIFY2(qAbs(timeout - start.secsTo(to)) <= 61,
              qPrintable(QString("%1 s, expected %2 s").arg(timeout).arg(start.secsTo(to))));
 }
@@ -301,7 +307,7 @@ void TestDispatcher::screenOffItemsAreNotFetched()
     QVERIFY2(idleItem->url.startsWith("Screen OFF"), qPrintable(idleItem->url));
     QCOMPARE(shown(), QStringLiteral("Idle"));
     QVERIFY(m_show->log.contains("Wake up : "));
-    QVERIFY(dynamic_cast<Runnable *>(m_show->dispatcher->shownWidget())->timeout() > 0);
+    QVERIFY(Runnable::of(m_show->dispatcher->shownWidget())->timeout() > 0);
 }
 
 void TestDispatcher::goToItem_data()
@@ -373,11 +379,107 @@ void TestDispatcher::goToFile()
     QCOMPARE(seen, expected);
     if (expected.first() == "blue") { // the file is shown for one second, then the show resumes
         Q_EMIT m_show->dispatcher->remote()->goTo(path);
-        QCOMPARE(dynamic_cast<Runnable *>(m_show->dispatcher->shownWidget())->timeout(), 1);
+        QCOMPARE(Runnable::of(m_show->dispatcher->shownWidget())->timeout(), 1);
         QSignalSpy ends(m_show->viewer.get(), &Viewer::end);
         QVERIFY(ends.wait(3000));
         QTRY_COMPARE(shown(), QStringLiteral("demo"));
     }
+}
+
+void TestDispatcher::positionWalk_data()
+{
+    QTest::addColumn<int>("itemsA");
+    QTest::addColumn<bool>("localPlaylist");
+    QTest::addColumn<QStringList>("script");
+    QTest::addColumn<QStringList>("expected");
+
+    // Loop 0 (scheduled): a0, demo, a1, a2; loop 1 (never scheduled): b0, demo, b1, b2. "|"
+    // marks a loop that started over; "go I L" is a remote go-to item I of loop L; "restart" a
+    // new set-up. The go-to cases of the remote are played through the whole show in goToItem.
+    QTest::newRow("a loop at its end starts over, and says so")
+        << 3 << false << QStringList{"next", "next", "next", "next", "next"}
+        << QStringList{"a0", "demo", "a1", "a2", "|a0"};
+    QTest::newRow("local playlist: a go-to moves the position all loops share")
+        << 3 << true << QStringList{"next", "go 2 1", "next", "next"}
+        << QStringList{"a0", "b1", "b2", "|a0"};
+    QTest::newRow("a set-up drops the loop gone to")
+        << 3 << false << QStringList{"next", "go 2 1", "restart", "next"}
+        << QStringList{"a0", "b1", "demo"};
+    QTest::newRow("empty schedule: nothing to show")
+        << 0 << false << QStringList{"next", "next"} << QStringList{"nothing", "nothing"};
+}
+
+void TestDispatcher::positionWalk()
+{
+    QFETCH(int, itemsA);
+    QFETCH(bool, localPlaylist);
+    QFETCH(QStringList, script);
+    QFETCH(QStringList, expected);
+
+    QByteArray itemsOfA;
+    for (int i = 0; i < itemsA; ++i)
+        itemsOfA += xmlItem(pictureUrl(QString("a%1").arg(i)), "image");
+    QByteArray itemsOfB;
+    for (int i = 0; i < 3; ++i)
+        itemsOfB += xmlItem(pictureUrl(QString("b%1").arg(i)), "image");
+    XmlPlaylistParser parser(
+        5, schedule(xmlLoop("id=\"0\"", itemsOfA) + xmlLoop("id=\"1\" repeat=\"7\"", itemsOfB)),
+        QString());
+    LoopPositions positions;
+    positions.setSingleKey(localPlaylist);
+
+    // Steps the way the dispatcher does: a forced loop that has ended hands over at once.
+    const auto step = [&] {
+        LoopPositions::Step result;
+        do
+            result = positions.step(parser);
+        while (result == LoopPositions::ForcedLoopOver);
+        if (result == LoopPositions::NothingToShow)
+            return QString("nothing");
+        const QString name = positions.item()->url.section('/', -1).section('.', 0, 0);
+        return result == LoopPositions::LoopStartedOver ? "|" + name : name;
+    };
+    QStringList seen;
+    for (const QString &action : script) {
+        if (action == "next") {
+            seen << step();
+        } else if (action.startsWith("go ")) {
+            const int loop = action.section(' ', 2).toInt();
+            positions.forceLoop(parser.getLoops().at(loop), action.section(' ', 1, 1).toInt());
+            seen << step();
+        } else if (action == "restart") {
+            positions.restartSchedule();
+            positions.dropForcedLoop();
+        }
+    }
+    QCOMPARE(seen, expected);
+}
+
+void TestDispatcher::clickOnContent_data()
+{
+    QTest::addColumn<bool>("afterTheLock");
+    QTest::addColumn<QString>("expected");
+
+    QTest::newRow("within a second of the change: swallowed") << false << "red";
+    QTest::newRow("after that second: the viewer's click shows the next item") << true << "demo";
+}
+
+void TestDispatcher::clickOnContent()
+{
+    QFETCH(bool, afterTheLock);
+    QFETCH(QString, expected);
+
+    launch(schedule(xmlLoop("id=\"0\"", xmlItem(pictureUrl("red"), "image")
+                                            + xmlItem(pictureUrl("green"), "image"))),
+           {"main/mode=display", "slideshow/stop_on_event=true"});
+    QCOMPARE(shown(), QStringLiteral("red"));
+    if (afterTheLock)
+        QTRY_VERIFY(!m_show->viewer->playlistFilterLocked());
+    else if (!m_show->viewer->playlistFilterLocked())
+        QSKIP("the show took over a second to get here");
+    // A click on the content goes through its filter to the viewer.
+    QTest::mouseClick(m_show->dispatcher->shownWidget(), Qt::LeftButton);
+    QCOMPARE(shown(), expected);
 }
 
 void TestDispatcher::brokenContentNeverStalls_data()
@@ -490,7 +592,13 @@ void TestDispatcher::contentEnds()
     launch(schedule(xmlLoop("id=\"0\"", xmlItem("file://" + path, type, 1)
                                             + xmlItem(pictureUrl("green"), "image"))),
            {QString("slideshow/external_player=") + (external ? "true" : "false")});
+    QSignalSpy shots(m_show->viewer.get(), &Viewer::readyToShoot);
     QCOMPARE(shown(), widget);
+    if (type == "pdf") {
+        // A page turned in place is new content on screen as well.
+        QTRY_VERIFY_WITH_TIMEOUT(shots.size() >= 2 || shown() != widget, 3000);
+        QCOMPARE(shown(), widget);
+    }
     QTRY_COMPARE_WITH_TIMEOUT(shown(), QStringLiteral("demo"), 5000);
     QVERIFY2(clock.elapsed() >= minimumMs, qPrintable(QString::number(clock.elapsed())));
     if (type == "video") {

@@ -67,8 +67,10 @@ private Q_SLOTS:
     void downloadIsOpenedAndEndsWithSession();
     void basicAuthentication();
     void touchesOpenOneSessionUntilItsTimerEnds();
-    void pointerMovementKeepsSessionAlive();
+    void activityKeepsSessionAlive_data();
+    void activityKeepsSessionAlive();
     void alertOpenWhenSessionEnds();
+    void inlineRemoteIsInteractive_data();
     void inlineRemoteIsInteractive();
 
 private:
@@ -242,10 +244,17 @@ void TestKiosk::touchesOpenOneSessionUntilItsTimerEnds()
             "main/default_timer=2"});
     QVERIFY(qobject_cast<Image *>(m_show->dispatcher->shownWidget()));
     m_show->log.clear();
-    for (int i = 0; i < 3; ++i)
-        m_show->viewer->emitMouseEvent();
+    // The first touch reaches the viewer through the filter on the picture, once the second
+    // after the change has passed; the others arrive while the session opens or runs.
+    QTRY_VERIFY(!m_show->viewer->playlistFilterLocked());
+    QMouseEvent touch(QEvent::MouseMove, QPointF(10, 10), Qt::NoButton, Qt::NoButton,
+                      Qt::NoModifier);
+    QApplication::sendEvent(m_show->dispatcher->shownWidget(), &touch);
     QPointer<Browser> session = browser();
     QVERIFY(session);
+    for (int i = 0; i < 2; ++i)
+        m_show->viewer->emitMouseEvent();
+    QCOMPARE(browser(), session.data());
     QCOMPARE(m_show->viewer->findChildren<Browser *>().size(), 1);
     QCOMPARE(hookCalls(), QString("start\n"));
     QCOMPARE(m_show->log.count("NB LOOPS"), 0);
@@ -264,16 +273,52 @@ void TestKiosk::touchesOpenOneSessionUntilItsTimerEnds()
     QTRY_VERIFY(!session);
 }
 
-void TestKiosk::pointerMovementKeepsSessionAlive()
+void TestKiosk::activityKeepsSessionAlive_data()
 {
+    QTest::addColumn<QString>("input");
+    QTest::addColumn<bool>("overPage");
+
+    QTest::newRow("pointer moves over the page") << "move" << true;
+    // Its tab bar and status bar.
+    QTest::newRow("pointer moves over the browser around the page") << "move" << false;
+    QTest::newRow("typing into the page") << "key" << true;
+    QTest::newRow("wheel over the page") << "wheel" << true;
+    QTest::newRow("touch on the page") << "touch" << true;
+}
+
+void TestKiosk::activityKeepsSessionAlive()
+{
+    QFETCH(QString, input);
+    QFETCH(bool, overPage);
+
+    // A field that takes the keys: typed keys must not need to bubble up to count.
+    html("/home", "<input id='i' autofocus>");
     launch({"main/stop_session_after_seconds=2"});
     QVERIFY(browser() && m_show->viewer->sessionTimerActive());
+    view(browser())->setFocus();
+    static auto *touchScreen = QTest::createTouchDevice();
     QElapsedTimer clock;
     clock.start();
     while (clock.elapsed() < 3500 && browser()) {
-        QMouseEvent move(QEvent::MouseMove, QPointF(100, 100 + clock.elapsed() % 50), Qt::NoButton,
-                         Qt::NoButton, Qt::NoModifier);
-        QApplication::sendEvent(view(browser()), &move);
+        QWidget *target = overPage ? static_cast<QWidget *>(view(browser())) : browser();
+        const QPoint at(100, 100 + int(clock.elapsed() % 50));
+        if (input == QLatin1String("move")) {
+            QMouseEvent move(QEvent::MouseMove, at, target->mapToGlobal(at), Qt::NoButton,
+                             Qt::NoButton, Qt::NoModifier);
+            QApplication::sendEvent(target, &move);
+        } else if (input == QLatin1String("key")) {
+            // Keys reach whatever inside the view has the focus.
+            QWidget *focus = target->focusProxy() ? target->focusProxy() : target;
+            QTest::keyClick(focus, Qt::Key_A);
+        } else if (input == QLatin1String("wheel")) {
+            QWheelEvent wheel(at, target->mapToGlobal(at), QPoint(), QPoint(0, -120), Qt::NoButton,
+                              Qt::NoModifier, Qt::NoScrollPhase, false);
+            QApplication::sendEvent(target, &wheel);
+        } else {
+            // One sequence per state: a release in the same sequence would replace the press.
+            QTest::touchEvent(target, touchScreen).press(0, at, target);
+            QTest::touchEvent(target, touchScreen).release(0, at, target);
+        }
         QTest::qWait(300);
     }
     QVERIFY(browser());
@@ -297,14 +342,27 @@ void TestKiosk::alertOpenWhenSessionEnds()
     QCOMPARE(m_show->dispatcher->state(), 3);
 }
 
+void TestKiosk::inlineRemoteIsInteractive_data()
+{
+    QTest::addColumn<QString>("key");
+    QTest::addColumn<QString>("query");
+
+    QTest::newRow("a plain key") << "abc" << "?k=abc";
+    QTest::newRow("no key (the default)") << "" << "";
+    QTest::newRow("a key that needs percent-encoding") << "a b&c" << "?k=a%20b%26c";
+}
+
 void TestKiosk::inlineRemoteIsInteractive()
 {
+    QFETCH(QString, key);
+    QFETCH(QString, query);
+
     html("/remote", "<input id='i' style='width:300px;height:40px'>");
     launch({"main/mode=display", "remote/enabled=true", "main/stop_session_after_seconds=2",
-            "remote/local_url=" + m_server->url("/remote").toString(), "remote/key=abc"});
+            "remote/local_url=" + m_server->url("/remote").toString(), "remote/key=" + key});
     m_show->dispatcher->startInlineRemote();
     QVERIFY(browser());
-    QCOMPARE(browser()->getHome(), QUrl(m_server->url("/remote").toString() + "?k=abc"));
+    QCOMPARE(browser()->getHome(), QUrl(m_server->url("/remote").toString() + query));
     QWebFrame *frame = view(browser())->page()->mainFrame();
     QTRY_VERIFY(!frame->findFirstElement("#i").isNull());
     QTest::mouseClick(view(browser()), Qt::LeftButton, {},

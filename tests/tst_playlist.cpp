@@ -11,6 +11,7 @@
 #include <QtTest>
 
 #include <ctime>
+#include <utility>
 
 using namespace testsupport;
 
@@ -48,7 +49,7 @@ QString schedule(const QStringList &loops)
 QStringList summaries(const PlaylistLoopPtr &loop)
 {
     QStringList result;
-    for (const PlaylistItemPtr &item : qAsConst(loop->items))
+    for (const PlaylistItemPtr &item : std::as_const(loop->items))
         result << QString("%1|%2|%3|%4")
                       .arg(item->url)
                       .arg(int(item->type))

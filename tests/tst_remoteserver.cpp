@@ -1,4 +1,5 @@
 #include "kioskprocess.h"
+#include "remoteprotocol.h"
 #include "testsupport.h"
 
 #include <QHttpMultiPart>
@@ -6,6 +7,7 @@
 #include <QJsonObject>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
+#include <QRegularExpression>
 #include <QTcpSocket>
 #include <QUdpSocket>
 #include <QWebFrame>
@@ -13,6 +15,7 @@
 #include <QtTest>
 
 using namespace testsupport;
+using RemoteProtocol::Action;
 
 namespace {
 const QByteArray key = "k&ey 42";
@@ -40,6 +43,12 @@ private Q_SLOTS:
     void cleanupTestCase();
     void refused_data();
     void refused();
+    void endpoints_data();
+    void endpoints();
+    void oversizedRequestRefused();
+    void screenshot();
+    void screenSwitch_data();
+    void screenSwitch();
     void commandsBecomeDatagrams();
     void upload();
     void brokenUploadsLeaveNothing();
@@ -65,6 +74,7 @@ private:
     QByteArray raw(const QByteArray &head, const QByteArray &body, bool cut);
 
     std::unique_ptr<TempHome> m_home;
+    std::unique_ptr<FakePrograms> m_programs;
     QProcess m_server;
     quint16 m_port = 0;
     QUdpSocket m_slideshow;
@@ -80,7 +90,10 @@ void TestRemoteServer::initTestCase()
                       "<schedule a=\"1\"><loop id=\"0\"><i uri=\"http://a.example/\" type=\"url\"/>"
                       "</loop><loop id=\"7\"><i uri=\"http://b.example/\" type=\"url\"/></loop>"
                       "</schedule>"));
-    QVERIFY(m_slideshow.bind(QHostAddress::LocalHost, 54545));
+    // The screen is switched through sudo.
+    m_programs = std::make_unique<FakePrograms>();
+    m_programs->add("sudo");
+    QVERIFY(m_slideshow.bind(QHostAddress::LocalHost, RemoteProtocol::DatagramPort));
     m_port = closedPort();
     m_server.setProcessChannelMode(QProcess::ForwardedChannels);
     m_server.start(QStringLiteral(VORSANE_REMOTE_BIN),
@@ -144,8 +157,21 @@ QByteArray TestRemoteServer::raw(const QByteArray &head, const QByteArray &body,
         socket.abort();
         return "cut";
     }
-    socket.waitForReadyRead(5000);
-    return socket.readAll();
+    // Whole once the body its head announces is in: the connection may stay open a while longer.
+    QByteArray answer;
+    while (socket.waitForReadyRead(5000)) {
+        answer += socket.readAll();
+        const int headEnd = answer.indexOf("\r\n\r\n");
+        if (headEnd < 0)
+            continue;
+        static const QRegularExpression length(QStringLiteral("\r\ncontent-length: *(\\d+)"),
+                                               QRegularExpression::CaseInsensitiveOption);
+        const QRegularExpressionMatch match
+            = length.match(QString::fromLatin1(answer.left(headEnd)));
+        if (answer.size() >= headEnd + 4 + match.captured(1).toInt())
+            break;
+    }
+    return answer;
 }
 
 void TestRemoteServer::refused_data()
@@ -172,6 +198,106 @@ void TestRemoteServer::refused()
     const QByteArray setCookie = reply->rawHeader("Set-Cookie");
     QVERIFY(setCookie.startsWith("vorsane_remote=" + key.toPercentEncoding() + ";"));
     QVERIFY(setCookie.contains("HttpOnly") && setCookie.contains("SameSite=Strict"));
+}
+
+void TestRemoteServer::endpoints_data()
+{
+    QTest::addColumn<QByteArray>("method");
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<int>("expectedStatus");
+    QTest::addColumn<QByteArray>("expectedBody");
+    QTest::newRow("page") << QByteArray("GET") << "/" << QByteArray() << 200 << QByteArray("<html");
+    QTest::newRow("status") << QByteArray("GET") << "/api/status" << QByteArray() << 200
+                            << QByteArray(R"({"localplaylist":true,"tv":true})");
+    QTest::newRow("loops") << QByteArray("GET") << "/api/loops" << QByteArray() << 200
+                           << QByteArray(R"("name":"Loop 7")");
+    QTest::newRow("files") << QByteArray("GET") << "/api/files" << QByteArray() << 200
+                           << QByteArray(R"({"files":[)");
+    QTest::newRow("playlist") << QByteArray("GET") << "/api/playlist" << QByteArray() << 200
+                              << QByteArray("<loop id=\"7\">");
+    QTest::newRow("command without action")
+        << QByteArray("POST") << "/api/command" << QByteArray("{}") << 400
+        << QByteArray("Unknown command.");
+    QTest::newRow("command not JSON") << QByteArray("POST") << "/api/command" << QByteArray("next")
+                                      << 400 << QByteArray("Unknown command.");
+    QTest::newRow("loop command, which the page does not send")
+        << QByteArray("POST") << "/api/command" << QByteArray(R"({"action":6})") << 400
+        << QByteArray("Unknown command.");
+    QTest::newRow("file removal as a command")
+        << QByteArray("POST") << "/api/command"
+        << QByteArray(R"({"action":8,"data":{"path":"playlist"}})") << 400
+        << QByteArray("Unknown command.");
+    QTest::newRow("removal without a name") << QByteArray("DELETE") << "/api/files" << QByteArray()
+                                            << 404 << QByteArray("No such file: ");
+    QTest::newRow("command read") << QByteArray("GET") << "/api/command" << QByteArray() << 404
+                                  << QByteArray();
+    QTest::newRow("page posted") << QByteArray("POST") << "/" << QByteArray() << 404
+                                 << QByteArray();
+    QTest::newRow("screen switch read")
+        << QByteArray("GET") << "/api/tv" << QByteArray() << 404 << QByteArray();
+    QTest::newRow("playlist removed")
+        << QByteArray("DELETE") << "/api/playlist" << QByteArray() << 404 << QByteArray();
+    QTest::newRow("unknown path") << QByteArray("GET") << "/api/nothing" << QByteArray() << 404
+                                  << QByteArray();
+}
+
+void TestRemoteServer::endpoints()
+{
+    QFETCH(QByteArray, method);
+    QFETCH(QString, path);
+    QFETCH(QByteArray, body);
+    QFETCH(int, expectedStatus);
+    QFETCH(QByteArray, expectedBody);
+    QNetworkReply *reply = request(method, path, body);
+    QCOMPARE(status(reply), expectedStatus);
+    const QByteArray answer = reply->readAll();
+    QVERIFY2(answer.contains(expectedBody), answer.constData());
+    QVERIFY(!m_slideshow.hasPendingDatagrams());
+}
+
+void TestRemoteServer::oversizedRequestRefused()
+{
+    // Refused on the announced length alone, before the body is read.
+    const QByteArray answer = raw("POST /api/command HTTP/1.1\r\nHost: x\r\n"
+                                  "Content-Type: application/json\r\nContent-Length: 2097153\r\n",
+                                  QByteArray(), false);
+    QVERIFY2(answer.startsWith("HTTP/1.1 413"), answer.constData());
+    QVERIFY(answer.contains("The request is too large."));
+    QVERIFY(!m_slideshow.hasPendingDatagrams());
+}
+
+void TestRemoteServer::screenshot()
+{
+    const QString path = QStringLiteral("/tmp/screen.png");
+    QVERIFY(writeFile(path, "not really a picture"));
+    QNetworkReply *reply = request("GET", "/screen.png");
+    QCOMPARE(status(reply), 200);
+    QCOMPARE(reply->header(QNetworkRequest::ContentTypeHeader).toString(),
+             QStringLiteral("image/png"));
+    QCOMPARE(reply->readAll(), QByteArray("not really a picture"));
+    QVERIFY(QFile::remove(path));
+    QCOMPARE(status(request("GET", "/screen.png")), 404);
+}
+
+void TestRemoteServer::screenSwitch_data()
+{
+    QTest::addColumn<bool>("on");
+    QTest::addColumn<QStringList>("sudoCalls");
+    QTest::newRow("on") << true << QStringList{"/opt/vc/bin/tvservice -p", "chvt 6", "chvt 7"};
+    QTest::newRow("off") << false << QStringList{"/opt/vc/bin/tvservice -p"};
+}
+
+void TestRemoteServer::screenSwitch()
+{
+    QFETCH(bool, on);
+    QFETCH(QStringList, sudoCalls);
+    const int before = m_programs->callLines("sudo").size();
+    QNetworkReply *reply
+        = request("POST", "/api/tv", QJsonDocument(QJsonObject{{"on", on}}).toJson());
+    QCOMPARE(status(reply), 200);
+    QCOMPARE(QJsonDocument::fromJson(reply->readAll()).object().value("on").toBool(), on);
+    QCOMPARE(m_programs->callLines("sudo").mid(before), sudoCalls);
 }
 
 void TestRemoteServer::commandsBecomeDatagrams()
@@ -256,7 +382,7 @@ void TestRemoteServer::invalidPlaylistRejected()
     QCOMPARE(status(request("POST", "/api/playlist", good)), 200);
     QCOMPARE(readFile(path), good);
     QCOMPARE(readFile(path + ".previous"), before);
-    QCOMPARE(action(nextDatagram()), 4);
+    QCOMPARE(action(nextDatagram()), RemoteProtocol::code(Action::Restart));
     QVERIFY(writeFile(path, before));
 }
 
@@ -282,7 +408,7 @@ void TestRemoteServer::pageRunsInWebKit()
     // The page asks for screenshots on its own; the click's command comes among them.
     QList<int> actions;
     QTRY_VERIFY((m_slideshow.hasPendingDatagrams() && (actions << action(nextDatagram()), false))
-                || actions.contains(1));
+                || actions.contains(RemoteProtocol::code(Action::Next)));
     QVERIFY2(page.messages.isEmpty(), qPrintable(page.messages.join('\n')));
 }
 

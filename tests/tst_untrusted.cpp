@@ -160,8 +160,9 @@ void TestUntrusted::contentFiles()
         widget = std::make_unique<Gif>(&item, &screen);
     else
         widget = std::make_unique<PDF>(&item, &screen);
-    QSignalSpy ended(widget.get(), SIGNAL(end()));
-    const bool started = dynamic_cast<Runnable *>(widget.get())->start();
+    Runnable *content = Runnable::of(widget.get());
+    QSignalSpy ended(content->notifier(), &RunnableNotifier::end);
+    const bool started = content->start();
     QTest::qWait(200);
     QCOMPARE(!started || !ended.isEmpty(), endsAtOnce);
     if (kind != "valid" && kind != "huge")

@@ -1,17 +1,42 @@
 #include "browsereventfilter.h"
 
-#include <QInputEvent>
+#include "viewer.h"
 
-BrowserEventFilter::BrowserEventFilter(QObject *parent)
+#include <QCoreApplication>
+#include <QInputEvent>
+#include <QWidget>
+
+BrowserEventFilter::BrowserEventFilter(Viewer *viewer, QObject *parent)
     : QObject(parent)
+    , m_viewer(viewer)
 {
+}
+
+void BrowserEventFilter::watch(QWidget *browser)
+{
+    m_browser = browser;
+    // Installing again does not add a second filter.
+    if (browser)
+        QCoreApplication::instance()->installEventFilter(this);
+    else
+        QCoreApplication::instance()->removeEventFilter(this);
 }
 
 bool BrowserEventFilter::eventFilter(QObject *watched, QEvent *event)
 {
-    // The browser's parent is the viewer, whose resetTimer() restarts the session timer only
-    // when it is running.
-    if (dynamic_cast<QInputEvent *>(event) && watched->parent())
-        QMetaObject::invokeMethod(watched->parent(), "resetTimer");
+    switch (event->type()) {
+    case QEvent::KeyPress:
+    case QEvent::MouseMove:
+    case QEvent::MouseButtonPress:
+    case QEvent::Wheel:
+    case QEvent::TouchBegin:
+    case QEvent::TouchUpdate:
+        break;
+    default:
+        return false;
+    }
+    auto *widget = qobject_cast<QWidget *>(watched);
+    if (m_browser && widget && (widget == m_browser || m_browser->isAncestorOf(widget)))
+        m_viewer->resetTimer();
     return false;
 }

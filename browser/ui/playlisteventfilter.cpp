@@ -1,6 +1,7 @@
 #include "playlisteventfilter.h"
 
 #include "settings.h"
+#include "viewer.h"
 
 #include <QCoreApplication>
 #include <QMouseEvent>
@@ -20,14 +21,14 @@ bool PlaylistEventFilter::eventFilter(QObject *watched, QEvent *event)
 
     // The viewer stacks the content, so it is the content's parent.
     auto *widget = qobject_cast<QWidget *>(watched);
-    QWidget *viewer = widget ? widget->parentWidget() : nullptr;
+    auto *viewer = widget ? qobject_cast<Viewer *>(widget->parentWidget()) : nullptr;
     switch (type) {
     case QEvent::MouseMove:
         // In other modes a move would reach the viewer's press handler, where a move without a
         // button does nothing.
         if (viewer
-            && m_settings->get(QStringLiteral("main/mode")).toString() == QLatin1String("kiosk"))
-            QMetaObject::invokeMethod(viewer, "mouseEvent");
+            && m_settings->mode() == Settings::Mode::Kiosk)
+            viewer->emitMouseEvent();
         return true;
     case QEvent::KeyPress:
         if (widget)
@@ -35,12 +36,12 @@ bool PlaylistEventFilter::eventFilter(QObject *watched, QEvent *event)
         return true;
     case QEvent::MouseButtonPress:
         if (viewer) {
-            // Sent as the viewer's own press so that its mousePressEvent() decides by button.
+            // Sent as the viewer's own press so that its mousePressEvent() decides by button
+            // (only the button matters there, so whole pixels are enough).
             auto *press = static_cast<QMouseEvent *>(event);
-            QMouseEvent forwarded(QEvent::MouseButtonPress,
-                                  press->localPos() + QPointF(widget->pos()), press->windowPos(),
-                                  press->screenPos(), press->button(), press->buttons(),
-                                  press->modifiers(), press->source());
+            QMouseEvent forwarded(QEvent::MouseButtonPress, QPointF(widget->pos() + press->pos()),
+                                  QPointF(widget->mapToGlobal(press->pos())), press->button(),
+                                  press->buttons(), press->modifiers());
             QCoreApplication::sendEvent(viewer, &forwarded);
         }
         return true;

@@ -24,7 +24,6 @@
 #include <QDebug>
 #include <QEventLoop>
 #include <QFont>
-#include <QMetaMethod>
 #include <QMouseEvent>
 #include <QScreen>
 #include <QSettings>
@@ -36,19 +35,6 @@
 
 namespace {
 const char textTemplateUrl[] = "file://" VORSANE_DATA_DIR "/text.html";
-
-// Content widgets declare end() each on their own, with no common base class that has it, so
-// their signals are found by name.
-bool connectByName(QObject *sender, const char *signal, QObject *receiver, const char *slot,
-                   Qt::ConnectionType type = Qt::AutoConnection)
-{
-    const int signalIndex = sender->metaObject()->indexOfSignal(signal);
-    const int slotIndex = receiver->metaObject()->indexOfSlot(slot);
-    if (signalIndex < 0 || slotIndex < 0)
-        return false;
-    return QObject::connect(sender, sender->metaObject()->method(signalIndex), receiver,
-                            receiver->metaObject()->method(slotIndex), type);
-}
 } // namespace
 
 Viewer::Viewer(QWidget *parent)
@@ -61,7 +47,7 @@ Viewer::Viewer(QWidget *parent)
     // The filters outlive the window (they stay installed on content), so the application owns
     // them.
     m_playlistFilter = new PlaylistEventFilter(m_settings, QCoreApplication::instance());
-    m_browserFilter = new BrowserEventFilter(QCoreApplication::instance());
+    m_browserFilter = new BrowserEventFilter(this, this);
     m_unlockTimer.setSingleShot(true);
     connect(&m_unlockTimer, &QTimer::timeout, this, &Viewer::unlockPlaylistEventFilter);
     connect(this, &QStackedWidget::currentChanged, this, &Viewer::on_currentChanged);
@@ -98,12 +84,12 @@ Viewer::Viewer(QWidget *parent)
 
     if (m_settings->get(QStringLiteral("slideshow/usb_auto")).toBool() && displayMode()) {
         m_usbAuto
-            = std::make_unique<UsbAuto>(m_settings->get(QStringLiteral("remote/key")).toString());
+            = std::make_unique<UsbAuto>(m_settings->remoteKey());
         connect(m_usbAuto.get(), &UsbAuto::finished, this, &Viewer::requestRestart);
     }
 
     m_soundMute
-        = std::make_unique<SoundMute>(m_settings->get(QStringLiteral("slideshow/mute")).toBool());
+        = std::make_unique<SoundMute>(m_settings->mute());
 
     QWebSettings *web = QWebSettings::globalSettings();
     web->setAttribute(QWebSettings::JavascriptCanOpenWindows, true);
@@ -127,12 +113,17 @@ Viewer::~Viewer() = default;
 
 bool Viewer::passwordSet() const
 {
-    return m_settings->get(QStringLiteral("main/admin_passwd")).toBool();
+    return m_settings->passwordSet();
 }
 
 bool Viewer::displayMode() const
 {
-    return m_settings->get(QStringLiteral("main/mode")).toString() == QLatin1String("display");
+    return m_settings->mode() == Settings::Mode::Display;
+}
+
+bool Viewer::playlistFilterLocked() const
+{
+    return m_playlistFilter->locked();
 }
 
 bool Viewer::next(QWidget *w)
@@ -162,24 +153,19 @@ bool Viewer::replace(QWidget *w)
     w->setMouseTracking(true);
 
     if (auto *browser = qobject_cast<Browser *>(w)) {
-        if (m_settings->get(QStringLiteral("main/stop_session_after_seconds")).toInt() != 0) {
-            w->installEventFilter(m_browserFilter);
-            const QString remote = m_settings->get(QStringLiteral("remote/local_url")).toString()
-                                   + QStringLiteral("?k=")
-                                   + m_settings->get(QStringLiteral("remote/key")).toString();
-            // The remote-control page never runs the session limit.
-            if (browser->getHome().toString() != remote) {
-                connect(browser, &Browser::mouseMoved, this, &Viewer::resetTimer,
-                        Qt::UniqueConnection);
-                setTimer();
-                // A session ended from outside (a remote command) leaves no timer behind,
-                // unless a new session has taken the screen meanwhile.
-                browser->setProperty("sessionTimed", true);
-                connect(browser, &QObject::destroyed, this, [this] {
-                    if (!m_currentWidget || !m_currentWidget->property("sessionTimed").toBool())
-                        m_sessionTimer.stop();
-                });
-            }
+        // The remote-control page never runs the session limit.
+        if (m_settings->stopSessionAfterSeconds() != 0 && !browser->isRemoteControl()) {
+            m_browserFilter->watch(browser);
+            setTimer();
+            // A session ended from outside (a remote command) leaves no timer behind,
+            // unless a new session has taken the screen meanwhile.
+            browser->setProperty("sessionTimed", true);
+            connect(browser, &QObject::destroyed, this, [this] {
+                if (!m_currentWidget || !m_currentWidget->property("sessionTimed").toBool()) {
+                    m_sessionTimer.stop();
+                    m_browserFilter->watch(nullptr);
+                }
+            });
         }
     } else {
         w->setCursor(Qt::BlankCursor);
@@ -187,9 +173,13 @@ bool Viewer::replace(QWidget *w)
             w->installEventFilter(m_playlistFilter);
     }
 
-    connectByName(w, "end()", this, "onWidgetTimeout()");
-    // Content that changes in place (a PDF turning a page) needs its own screenshot.
-    connectByName(w, "pageChanged()", this, "onContentChanged()");
+    Runnable *runnable = Runnable::of(w);
+    if (runnable) {
+        connect(runnable->notifier(), &RunnableNotifier::end, this, &Viewer::onWidgetTimeout);
+        // Content that changes in place (a PDF turning a page) needs its own screenshot.
+        connect(runnable->notifier(), &RunnableNotifier::pageChanged, this,
+                &Viewer::onContentChanged);
+    }
     // One connection is enough: a show that runs for months must not pile them up.
     if (displayMode() && !passwordSet())
         connect(this, &Viewer::middleclick, this, &Viewer::bye, Qt::UniqueConnection);
@@ -204,12 +194,11 @@ bool Viewer::replace(QWidget *w)
     w->setAutoFillBackground(true);
     w->show();
 
-    auto *runnable = dynamic_cast<Runnable *>(w);
     const bool started = runnable && runnable->start();
     if (!started)
         return false;
     if (m_currentWidget && m_currentWidget != w) {
-        if (auto *previous = dynamic_cast<Runnable *>(m_currentWidget.data()))
+        if (Runnable *previous = Runnable::of(m_currentWidget))
             previous->stop();
         removeWidget(m_currentWidget);
     }
@@ -219,7 +208,7 @@ bool Viewer::replace(QWidget *w)
 
 void Viewer::pause()
 {
-    if (auto *runnable = dynamic_cast<Runnable *>(m_currentWidget.data()))
+    if (Runnable *runnable = Runnable::of(m_currentWidget))
         runnable->pause();
 }
 
@@ -231,7 +220,7 @@ void Viewer::stop()
 void Viewer::setTimer()
 {
     m_sessionTimer.setInterval(
-        m_settings->get(QStringLiteral("main/stop_session_after_seconds")).toInt() * 1000);
+        m_settings->stopSessionAfterSeconds() * 1000);
     m_sessionTimer.start();
 }
 
@@ -335,11 +324,10 @@ void Viewer::displayWebpage(Webpage *page)
 {
     addWidget(page);
     connect(page, &Webpage::end, this, &Viewer::onWidgetTimeout);
-    // A page has no middleclick(), so a middle click on an overlay never quits; kept that way.
-    connectByName(page, "middleclick()", this, "bye()");
+    // Nothing connects a middle click here: one on an overlay page never quits; kept that way.
     page->show();
     setCurrentWidget(page);
-    if (auto *runnable = dynamic_cast<Runnable *>(m_currentWidget.data())) {
+    if (Runnable *runnable = Runnable::of(m_currentWidget)) {
         if (runnable->isActive())
             runnable->pause();
     }
@@ -355,7 +343,7 @@ void Viewer::bye()
         if (typed.isEmpty() || !Utils::validateAdminPassword(typed))
             return;
     }
-    if (auto *runnable = dynamic_cast<Runnable *>(m_currentWidget.data()))
+    if (Runnable *runnable = Runnable::of(m_currentWidget))
         runnable->stop();
     saveWindowSettings();
     Q_EMIT terminate();
@@ -395,7 +383,7 @@ void Viewer::mousePressEvent(QMouseEvent *event)
 {
     switch (event->button()) {
     case Qt::RightButton:
-        if (m_settings->get(QStringLiteral("remote/enabled")).toBool() && displayMode()) {
+        if (m_settings->remoteEnabled() && displayMode()) {
             killExternalPlayer();
             Q_EMIT startInlineRemote();
         }

@@ -31,6 +31,8 @@ public:
 
     QWidget *currentContent() const { return m_currentWidget; }
     bool sessionTimerActive() const { return m_sessionTimer.isActive(); }
+    // Clicks on content are swallowed for a moment after every change of content.
+    bool playlistFilterLocked() const;
 
 Q_SIGNALS:
     void end();

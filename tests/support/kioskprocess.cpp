@@ -9,6 +9,7 @@
 #include <QUdpSocket>
 
 #include <csignal>
+#include <utility>
 
 namespace testsupport {
 
@@ -99,7 +100,7 @@ KioskProcess::Templates::Templates()
 
 KioskProcess::Templates::~Templates()
 {
-    for (const QString &path : qAsConst(m_installed))
+    for (const QString &path : std::as_const(m_installed))
         QFile::remove(path);
 }
 

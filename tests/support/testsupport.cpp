@@ -13,6 +13,8 @@
 #include <QProcess>
 #include <QTcpServer>
 
+#include <utility>
+
 namespace testsupport {
 
 namespace {
@@ -150,7 +152,7 @@ int LogCapture::count(const QString &text) const
 {
     QMutexLocker locker(&s_logMutex);
     int found = 0;
-    for (const QString &line : qAsConst(s_logLines))
+    for (const QString &line : std::as_const(s_logLines))
         found += line.contains(text) ? 1 : 0;
     return found;
 }

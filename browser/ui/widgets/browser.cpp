@@ -42,7 +42,9 @@ Browser::Browser(QWidget *parent, const QUrl &remoteControl)
     , m_statusBar(new QStatusBar(this))
     , m_cookieJar(new SqliteCookieJar(this))
     , m_hideToolbar(m_settings->hideToolbar())
+    , m_remoteControl(remoteControl.isValid())
 {
+    connect(this, &Browser::end, notifier(), &RunnableNotifier::end);
     QDir().mkpath(RestrictedDownload::workingFolder());
     RestrictedWebPage::setSessionCookieJar(m_cookieJar);
 

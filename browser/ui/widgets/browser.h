@@ -31,11 +31,12 @@ public:
     ~Browser() override;
 
     QUrl getHome() const { return m_home; }
+    // The remote-control page, opened over the show: no countdown, no session limit.
+    bool isRemoteControl() const { return m_remoteControl; }
     QList<Page *> pages() const { return m_pages; }
     Page *currentPage() const;
     QTabWidget *tabs() const { return m_tabs; }
     QStatusBar *statusBar() const { return m_statusBar; }
-    int remainingSeconds() const { return m_remaining; }
     int downloads() const { return m_downloads; }
 
 Q_SIGNALS:
@@ -94,6 +95,7 @@ private:
     SubprocessManager m_subprocesses;
     SqliteCookieJar *m_cookieJar;
     bool m_hideToolbar;
+    bool m_remoteControl;
     bool m_stopped = false;
     // A deletion asked for while a dialog of this browser still runs its own event loop waits
     // until that loop has returned.

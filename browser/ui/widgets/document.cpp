@@ -16,6 +16,7 @@ Document::Document(PlaylistItem *item, QWidget *parent)
     , Runnable(item->duration)
     , m_location(item->url)
 {
+    connect(this, &Document::end, notifier(), &RunnableNotifier::end);
     setContextMenuPolicy(Qt::PreventContextMenu);
 }
 

@@ -15,6 +15,7 @@ ExternalBrowser::ExternalBrowser(PlaylistItem *item, QWidget *parent)
     , Runnable(item->duration)
     , m_location(item->url)
 {
+    connect(this, &ExternalBrowser::end, notifier(), &RunnableNotifier::end);
     connect(&m_process, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), this,
             &ExternalBrowser::onMediaEndReached);
 }

@@ -15,6 +15,7 @@ Gif::Gif(PlaylistItem *item, QWidget *parent)
     , Runnable(item->duration)
     , m_location(item->url)
 {
+    connect(this, &Gif::end, notifier(), &RunnableNotifier::end);
     setBlackBackground();
     setAlignment(Qt::AlignCenter);
     if (Settings::load(false, nullptr)->stretch())

@@ -12,6 +12,7 @@ Idle::Idle(PlaylistItem *item, QWidget *parent)
     : QLabel(parent)
     , Runnable(item->duration)
 {
+    connect(this, &Idle::end, notifier(), &RunnableNotifier::end);
     setBlackBackground();
 }
 

@@ -91,6 +91,7 @@ Image::Image(PlaylistItem *item, QWidget *parent)
     , m_location(item->url)
     , m_scrollArea(this)
 {
+    connect(this, &Image::end, notifier(), &RunnableNotifier::end);
     setAlignment(Qt::AlignCenter);
     setBlackBackground();
     m_scrollArea.hide();

@@ -9,7 +9,11 @@
 #include <QMouseEvent>
 #include <QPalette>
 
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+#include <poppler-qt6.h>
+#else
 #include <poppler-qt5.h>
+#endif
 
 #include <cmath>
 #include <memory>
@@ -17,29 +21,40 @@
 namespace {
 const double renderDpi = 100.0;
 const double maxPagePixels = 4096.0 * 4096.0;
+
+// Poppler's Qt 5 binding hands out plain pointers, its Qt 6 binding unique_ptrs: owned either way.
+template<typename T>
+std::unique_ptr<T> owned(T *object)
+{
+    return std::unique_ptr<T>(object);
 }
+
+template<typename T>
+std::unique_ptr<T> owned(std::unique_ptr<T> object)
+{
+    return object;
+}
+} // namespace
 
 PDF::PDF(PlaylistItem *item, QWidget *parent)
     : QLabel(parent)
     , Runnable(item->duration)
     , m_path(item->url.mid(7))
 {
+    connect(this, &PDF::end, notifier(), &RunnableNotifier::end);
+    connect(this, &PDF::pageChanged, notifier(), &RunnableNotifier::pageChanged);
     // A FIFO or a device would block the show in the loader.
     if (QFileInfo(m_path).isFile())
-        m_document = Poppler::Document::load(m_path);
+        m_document = owned(Poppler::Document::load(m_path));
     if (!m_document || m_document->isLocked()) {
         qWarning() << "Cannot load PDF" << m_path;
-        delete m_document;
-        m_document = nullptr;
+        m_document.reset();
         // Nobody listens yet; the failure shows again when the first page is asked for.
         emit end();
     }
 }
 
-PDF::~PDF()
-{
-    delete m_document;
-}
+PDF::~PDF() = default;
 
 bool PDF::nextPage()
 {
@@ -47,7 +62,8 @@ bool PDF::nextPage()
     if (m_document)
         m_document->setRenderHint(Poppler::Document::TextAntialiasing, true);
 
-    std::unique_ptr<Poppler::Page> page(m_document ? m_document->page(m_page) : nullptr);
+    const std::unique_ptr<Poppler::Page> page
+        = m_document ? owned(m_document->page(m_page)) : std::unique_ptr<Poppler::Page>();
     if (!page) {
         emit end();
         return false;

@@ -5,6 +5,8 @@
 #include <QLabel>
 #include <QPixmap>
 
+#include <memory>
+
 class PlaylistItem;
 class QMouseEvent;
 
@@ -41,7 +43,7 @@ protected:
 
 private:
     QString m_path;
-    Poppler::Document *m_document = nullptr;
+    std::unique_ptr<Poppler::Document> m_document;
     int m_page = -1;
     QPixmap m_pixmap;
     float m_areaWidth = 0;

@@ -10,7 +10,7 @@ namespace {
 QByteArray bytesOf(const QVariant &value)
 {
     // The writer stores the cookie's bytes as Latin-1 text; a BLOB column is taken as it is.
-    if (value.type() == QVariant::ByteArray)
+    if (value.userType() == QMetaType::QByteArray)
         return value.toByteArray();
     return value.toString().toLatin1();
 }

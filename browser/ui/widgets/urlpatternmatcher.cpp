@@ -7,6 +7,8 @@
 #include <re2/re2.h>
 #include <re2/set.h>
 
+#include <utility>
+
 namespace {
 // The automaton of one set holds every pattern's start in each of its states: sets of this
 // size keep states small, so a set stays within its memory and a decision stays fast.
@@ -195,7 +197,7 @@ bool UrlPatternMatcher::fallbackContains(const QString &text) const
 bool UrlPatternMatcher::allContains(const QString &text) const
 {
     for (const std::unique_ptr<Set> &set : m_sets) {
-        for (const QString &pattern : qAsConst(set->patterns)) {
+        for (const QString &pattern : std::as_const(set->patterns)) {
             if (QRegExp(pattern, Qt::CaseSensitive, QRegExp::RegExp).indexIn(text) != -1)
                 return true;
         }

@@ -32,7 +32,6 @@ public:
     bool contains(const QString &text) const;
 
     int size() const { return m_size; }
-    int fallbackCount() const { return int(m_fallback.size()); }
 
     // Reads a restriction file: one wildcard pattern per line ("*" any text, "." itself, the
     // rest as QRegExp). Lines that cannot be patterns are skipped with one log line per kind;

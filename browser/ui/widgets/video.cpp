@@ -16,6 +16,7 @@ Video::Video(PlaylistItem *item, QWidget *parent)
     : QWidget(parent)
     , Runnable(item->duration)
 {
+    connect(this, &Video::end, notifier(), &RunnableNotifier::end);
     Settings *settings = Settings::load(false, nullptr);
     if (!settings->get(QStringLiteral("slideshow/external_player")).toBool()) {
         m_impl = std::make_unique<VLCVideoImpl>(this, item);

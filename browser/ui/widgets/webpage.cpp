@@ -49,6 +49,7 @@ Webpage::Webpage(PlaylistItem *item, QWidget *parent)
     , m_url(item->url, QUrl::TolerantMode)
     , m_options(item->parameters)
 {
+    connect(this, &Webpage::end, notifier(), &RunnableNotifier::end);
     setPage(&m_page);
     // Nobody watches a slideshow page to answer its dialogs.
     m_page.setUnattended(true);

@@ -6,6 +6,8 @@
 #include <QDebug>
 #include <QSet>
 
+#include <utility>
+
 namespace {
 const int processWaitMs = 30000;
 const int killWaitMs = 5000;
@@ -55,7 +57,7 @@ bool ExternalVideoImpl::start()
 
     const QString path = QString(m_location).remove(QStringLiteral("file://"));
     QStringList arguments;
-    for (const QString &part : qAsConst(m_command))
+    for (const QString &part : std::as_const(m_command))
         arguments << QString(part).replace(QLatin1String("%f"), path);
     const QString program = arguments.isEmpty() ? QString() : arguments.takeFirst();
 
@@ -139,7 +141,7 @@ void ExternalVideoImpl::releaseProcess()
 void ExternalVideoImpl::killPlayers()
 {
     bool othersRunning = false;
-    for (const ExternalVideoImpl *player : qAsConst(runningPlayers()))
+    for (const ExternalVideoImpl *player : std::as_const(runningPlayers()))
         othersRunning = othersRunning || player != this;
     if (!othersRunning) {
         releaseProcess();

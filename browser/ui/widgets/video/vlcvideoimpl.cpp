@@ -11,6 +11,7 @@
 #include <QGuiApplication>
 #include <QMetaObject>
 
+#include <utility>
 #include <vector>
 
 #include <dlfcn.h>
@@ -32,7 +33,7 @@ bool omxilOutputInstalled()
         directories << QFileInfo(QString::fromLocal8Bit(library.dli_fname)).absolutePath()
                            + QStringLiteral("/vlc/plugins");
     }
-    for (const QString &directory : qAsConst(directories)) {
+    for (const QString &directory : std::as_const(directories)) {
         QDirIterator plugins(directory, {QStringLiteral("libomxil_vout_plugin.so")}, QDir::Files,
                              QDirIterator::Subdirectories);
         if (plugins.hasNext())

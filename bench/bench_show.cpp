@@ -1,0 +1,208 @@
+// What a viewer of the real program sees, on the X server of DISPLAY. Run by hand:
+//   bench_show [--program PATH] [--rounds N]
+// 1. Start of the program to its first picture on the screen.
+// 2. A remote "next" datagram to the next item painted, per kind of item: the screen's centre
+//    pixel is polled about every millisecond until it shows the next item's colour.
+// Each item is a solid colour, so the pixel tells the items apart; the program's own demo
+// picture, which a flat list inserts, is avoided by an XML schedule.
+
+#include <QColor>
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QGuiApplication>
+#include <QImage>
+#include <QMap>
+#include <QPainter>
+#include <QPdfWriter>
+#include <QPixmap>
+#include <QProcess>
+#include <QScreen>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QUdpSocket>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+
+struct Item
+{
+    const char *kind;
+    QColor colour;
+};
+
+const Item items[] = {
+    {"picture (PNG)", QColor(220, 0, 0)},
+    {"picture (4K JPEG)", QColor(0, 0, 220)},
+    {"web page (local)", QColor(0, 200, 0)},
+    {"PDF page", QColor(220, 220, 0)},
+    {"text document", QColor(0, 200, 200)},
+};
+
+bool write(const QString &path, const QByteArray &bytes)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
+}
+
+bool near(QRgb pixel, const QColor &colour)
+{
+    return qAbs(qRed(pixel) - colour.red()) < 40 && qAbs(qGreen(pixel) - colour.green()) < 40
+           && qAbs(qBlue(pixel) - colour.blue()) < 40;
+}
+
+QRgb centre(QScreen *screen)
+{
+    const QRect area = screen->geometry();
+    return screen->grabWindow(0, area.center().x(), area.center().y(), 1, 1)
+        .toImage()
+        .pixel(0, 0);
+}
+
+QByteArray makeContent(const QString &dir)
+{
+    QStringList entries;
+    QImage png(640, 480, QImage::Format_RGB32);
+    png.fill(items[0].colour);
+    png.save(dir + "/red.png");
+    entries << QString("<i uri='file://%1/red.png' type='image' time='600'/>").arg(dir);
+    QImage jpeg(3840, 2160, QImage::Format_RGB32);
+    jpeg.fill(items[1].colour);
+    jpeg.save(dir + "/blue.jpg", "JPEG", 90);
+    entries << QString("<i uri='file://%1/blue.jpg' type='image' time='600'/>").arg(dir);
+    write(dir + "/page.html",
+          "<html><body style='margin:0;background:" + items[2].colour.name().toLatin1()
+              + "'><h1 style='color:#006000'>Menu</h1></body></html>");
+    entries << QString("<i uri='file://%1/page.html' type='url' time='600'/>").arg(dir);
+    {
+        QPdfWriter pdf(dir + "/doc.pdf");
+        QPainter painter(&pdf);
+        painter.fillRect(QRect(QPoint(0, 0), QSize(pdf.width(), pdf.height())), items[3].colour);
+    }
+    entries << QString("<i uri='file://%1/doc.pdf' type='pdf' time='600'/>").arg(dir);
+    write(dir + "/notice.html",
+          "<html><body style='margin:0;background:" + items[4].colour.name().toLatin1()
+              + "'><p>Opening hours: 9 to 5.</p></body></html>");
+    entries << QString("<i uri='file://%1/notice.html' type='document' time='600'/>").arg(dir);
+    return "<?xml version=\"1.0\"?>\n<schedule>\n<loop id=\"0\">\n" + entries.join('\n').toUtf8()
+           + "\n</loop>\n</schedule>\n";
+}
+
+qint64 percentile(QList<qint64> values, double share)
+{
+    if (values.isEmpty())
+        return -1;
+    std::sort(values.begin(), values.end());
+    return values.at(qMin(int(values.size() * share), int(values.size()) - 1));
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QGuiApplication app(argc, argv);
+    QString program = QCoreApplication::applicationDirPath() + QStringLiteral("/../vorsane-kiosk");
+    int rounds = 10;
+    const QStringList arguments = app.arguments();
+    for (int i = 1; i + 1 < arguments.size(); i += 2) {
+        if (arguments.at(i) == QLatin1String("--program"))
+            program = arguments.at(i + 1);
+        else if (arguments.at(i) == QLatin1String("--rounds"))
+            rounds = arguments.at(i + 1).toInt();
+    }
+    QScreen *screen = QGuiApplication::primaryScreen();
+    const QSize size = screen->geometry().size();
+
+    QTemporaryDir home;
+    const QString conf = home.path() + "/conf";
+    const QString media = home.path() + "/media";
+    const QString stubs = home.path() + "/bin";
+    for (const QString &dir : {conf, media, stubs})
+        QDir().mkpath(dir);
+    for (const char *name : {"launchdock", "amixer", "unclutter", "pkill", "xmodmap", "xset",
+                             "gksu", "xscreensaver-command", "sudo", "unzip", "pgrep"}) {
+        const QString path = stubs + '/' + name;
+        write(path, "#!/bin/sh\nexit 0\n");
+        QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
+    }
+    write(conf + "/playlist", makeContent(media));
+    // A frameless window over the whole screen, which needs no window manager.
+    write(conf + "/preferences",
+          QString("[main]\nversion=QFGLs6IVf1\nfullscreen=false\nfixedscreen=true\n"
+                  "largeur_edit=%1\nhauteur_edit=%2\n[slideshow]\nhide_pointer=false\n")
+              .arg(size.width())
+              .arg(size.height())
+              .toUtf8());
+
+    QProcess kiosk;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("HOME", home.path());
+    env.insert("PATH", stubs + ':' + env.value("PATH"));
+    env.insert("XDG_CURRENT_DESKTOP", "none");
+    kiosk.setProcessEnvironment(env);
+    kiosk.setStandardErrorFile(home.path() + "/log");
+
+    QElapsedTimer clock;
+    clock.start();
+    kiosk.start(program, {"--basepath", conf});
+    if (!kiosk.waitForStarted(10000)) {
+        std::fprintf(stderr, "cannot start %s\n", qPrintable(program));
+        return 1;
+    }
+    auto waitFor = [&](const QColor &colour, qint64 timeoutMs) {
+        const qint64 until = clock.elapsed() + timeoutMs;
+        while (clock.elapsed() < until && kiosk.state() == QProcess::Running) {
+            if (near(centre(screen), colour))
+                return true;
+            QThread::usleep(500);
+        }
+        return false;
+    };
+    const qint64 started = clock.elapsed();
+    if (!waitFor(items[0].colour, 20000)) {
+        std::fprintf(stderr, "the first picture never showed (log in %s)\n",
+                     qPrintable(home.path()));
+        home.setAutoRemove(false);
+        return 1;
+    }
+    std::printf("start to first picture: %lld ms\n", clock.elapsed() - started);
+
+    // Whatever comes next is timed from the datagram to the first changed pixel, and filed
+    // under the kind its colour names; the program's demo picture, which it inserts into every
+    // loop, has a kind of its own.
+    const int count = int(sizeof(items) / sizeof(items[0]));
+    auto kindOf = [&](QRgb pixel) {
+        for (int i = 0; i < count; ++i) {
+            if (near(pixel, items[i].colour))
+                return i;
+        }
+        return count;
+    };
+    QUdpSocket socket;
+    QMap<int, QList<qint64>> times;
+    QRgb before = centre(screen);
+    for (int step = 0; step < rounds * (count + 2); ++step) {
+        const qint64 sent = clock.elapsed();
+        socket.writeDatagram("{\"action\":1}", QHostAddress::LocalHost, 54545);
+        QRgb now = before;
+        while (now == before && clock.elapsed() - sent < 10000)
+            now = centre(screen);
+        const qint64 painted = clock.elapsed() - sent;
+        // A picture fading or scaling in passes through other colours: the item is named once
+        // the screen has settled.
+        QThread::msleep(200);
+        before = centre(screen);
+        times[kindOf(before)] << painted;
+    }
+    std::printf("remote next to painted, %d rounds (p50 / p95 / max ms):\n", rounds);
+    for (int i = 0; i <= count; ++i)
+        std::printf("  %-20s %5lld %5lld %5lld\n", i < count ? items[i].kind : "demo picture",
+                    percentile(times[i], 0.5), percentile(times[i], 0.95),
+                    percentile(times[i], 1.0));
+    kiosk.terminate();
+    kiosk.waitForFinished(5000);
+    return 0;
+}
