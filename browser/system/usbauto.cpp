@@ -3,6 +3,7 @@
 #include "statepaths.h"
 
 #include <QDBusAbstractInterface>
+#include <QDBusConnection>
 #include <QDBusMetaType>
 #include <QDBusObjectPath>
 #include <QDBusPendingCallWatcher>
@@ -106,17 +107,17 @@ UsbAuto::UsbAuto(const QString &key, QObject *parent)
     : QObject(parent)
     , m_key(key)
     , m_connectionName(QStringLiteral("vorsane-udisks-%1").arg(quintptr(this), 0, 16))
-    , m_bus(connectBus(m_connectionName))
 {
+    const QDBusConnection bus = connectBus(m_connectionName);
     qDBusRegisterMetaType<InterfaceProperties>();
     qDBusRegisterMetaType<ManagedObjects>();
     qDBusRegisterMetaType<QList<QByteArray>>();
-    if (!m_bus.isConnected()) {
-        qDebug() << "USB import: no connection to UDisks2:" << m_bus.lastError().message();
+    if (!bus.isConnected()) {
+        qDebug() << "USB import: no connection to UDisks2:" << bus.lastError().message();
         return;
     }
     // UDisks2 may start after the show (or restart): its objects are read again each time.
-    m_serviceWatcher = new QDBusServiceWatcher(QString::fromLatin1(udisksService), m_bus,
+    m_serviceWatcher = new QDBusServiceWatcher(QString::fromLatin1(udisksService), bus,
                                                QDBusServiceWatcher::WatchForRegistration, this);
     connect(m_serviceWatcher, &QDBusServiceWatcher::serviceRegistered, this, &UsbAuto::attach);
     attach();
@@ -143,7 +144,7 @@ QString UsbAuto::targetDir()
 void UsbAuto::attach()
 {
     delete m_objects;
-    m_objects = new UDisksObjectManager(m_bus, this);
+    m_objects = new UDisksObjectManager(QDBusConnection(m_connectionName), this);
     connect(m_objects, &UDisksObjectManager::InterfacesAdded, this, &UsbAuto::onInterfacesAdded);
     connect(m_objects, &UDisksObjectManager::InterfacesRemoved, this,
             &UsbAuto::onInterfacesRemoved);
@@ -177,7 +178,7 @@ void UsbAuto::track(const QString &object, const QStringList &mountPoints)
     m_mounts.insert(object, mountPoints);
     if (m_watches.contains(object))
         return;
-    auto *watch = new DBusProperties(object, m_bus, this);
+    auto *watch = new DBusProperties(object, QDBusConnection(m_connectionName), this);
     m_watches.insert(object, watch);
     connect(watch, &DBusProperties::PropertiesChanged, this,
             [this, object](const QString &interface, const QVariantMap &changed) {

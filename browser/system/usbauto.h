@@ -1,6 +1,5 @@
 #pragma once
 
-#include <QDBusConnection>
 #include <QHash>
 #include <QObject>
 #include <QStringList>
@@ -54,7 +53,6 @@ private:
 
     QString m_key;
     QString m_connectionName;
-    QDBusConnection m_bus;
     QDBusServiceWatcher *m_serviceWatcher = nullptr;
     UDisksObjectManager *m_objects = nullptr;
     // The filesystems known, with where each is mounted now, and the watch on each.
