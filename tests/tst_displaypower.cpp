@@ -102,6 +102,11 @@ void TestDisplayPower::switches_data()
         << false
         << "nothing here can switch the display (slideshow/tv_control=auto, tried: tvservice, "
            "vcgencmd, wlopm, sway, wlr-randr, dpms, cec)";
+    // Xwayland's display power management switches nothing: it is not taken for a way.
+    QTest::newRow("automatic, Wayland without output power tools")
+        << "auto" << sway << QStringList{"xset"} << QString() << QStringList() << QStringList()
+        << false
+        << "tried: tvservice, vcgencmd, wlopm, sway, wlr-randr, cec)";
     QTest::newRow("switching left off") << "none" << x11 << QStringList{"xset"} << QString()
                                         << QStringList() << QStringList() << false
                                         << "slideshow/tv_control is none";
