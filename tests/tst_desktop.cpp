@@ -220,9 +220,9 @@ void TestDesktop::addRows(bool takenOnly)
     QTest::newRow("LXDE panel that was not running")
         << panel(true, false) << QByteArray("LXDE") << 1 << keymap << "Desktop panel"
         << QStringList{"pkill -x lxpanel"} << QStringList() << QStringList();
-    QTest::newRow("panel of sway") << panel(true, true) << QByteArray("sway") << 0 << keymap
-                                   << "Desktop panel" << QStringList() << QStringList()
-                                   << QStringList();
+    QTest::newRow("panel of sway")
+        << panel(true, true) << QByteArray("sway") << 0 << keymap << "Desktop panel"
+        << QStringList() << QStringList() << QStringList();
     QTest::newRow("panel beside an unlocked window")
         << panel(false, false) << QByteArray("LXDE") << 0 << keymap << "Desktop panel"
         << QStringList() << QStringList() << QStringList();
@@ -354,8 +354,7 @@ void TestDesktop::viewerGivesTheDesktopBackInOrder()
     for (const char *what :
          {"Desktop panel", "System shortcuts", "File manager", "Mouse pointer", "Sound"})
         QVERIFY2(Watchdog::giveBack(what).isEmpty(), what);
-    QCOMPARE(QDir(home.filePath(".vorsane-kiosk/give-back")).entryList(QDir::Files),
-             QStringList());
+    QCOMPARE(QDir(home.filePath(".vorsane-kiosk/give-back")).entryList(QDir::Files), QStringList());
 }
 
 void TestDesktop::pointerHiddenByTheProgram()
@@ -382,14 +381,15 @@ void TestDesktop::addDesktops()
     QTest::addColumn<QStringList>("takeOverCalls");
     QTest::addColumn<QStringList>("giveBackCalls");
 
-    const QByteArray openbox = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                               "<openbox_config xmlns=\"http://openbox.org/3.4/rc\">\n"
-                               "  <theme><name>PiXflat</name></theme>\n"
-                               "  <keyboard>\n    <chainQuitKey>C-g</chainQuitKey>\n"
-                               "    <keybind key=\"A-Tab\"><action name=\"NextWindow\"/></keybind>\n"
-                               "    <keybind key=\"C-A-t\"><action name=\"Execute\">"
-                               "<command>lxterminal</command></action></keybind>\n"
-                               "  </keyboard>\n</openbox_config>\n";
+    const QByteArray openbox
+        = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+          "<openbox_config xmlns=\"http://openbox.org/3.4/rc\">\n"
+          "  <theme><name>PiXflat</name></theme>\n"
+          "  <keyboard>\n    <chainQuitKey>C-g</chainQuitKey>\n"
+          "    <keybind key=\"A-Tab\"><action name=\"NextWindow\"/></keybind>\n"
+          "    <keybind key=\"C-A-t\"><action name=\"Execute\">"
+          "<command>lxterminal</command></action></keybind>\n"
+          "  </keyboard>\n</openbox_config>\n";
     const QByteArray pcmanfm = "[config]\nbm_open_method=0\n\n[volume]\nmount_on_startup=1\n"
                                "mount_removable=1\nautorun=1\n";
     const DesktopFile piFileManager{".config/pcmanfm/LXDE-pi/pcmanfm.conf", pcmanfm, "autorun=1",
@@ -430,8 +430,8 @@ void TestDesktop::addDesktops()
                          "binding_terminal = <super> KEY_ENTER\ncommand_terminal = lxterminal\n",
                          "<super> KEY_ENTER", "next_view = none"},
                         piFileManager}
-        << QList<QStringList>{}
-        << QStringList{"pkill -x wf-panel-pi"} << QStringList{"wf-panel-pi"};
+        << QList<QStringList>{} << QStringList{"pkill -x wf-panel-pi"}
+        << QStringList{"wf-panel-pi"};
     QTest::newRow("XFCE")
         << QByteArray("XFCE")
         << DesktopFiles{{".xfconf-stand-in/xfce4-keyboard-shortcuts",
@@ -443,8 +443,7 @@ void TestDesktop::addDesktops()
                         {".xfconf-stand-in/thunar-volman",
                          "/autobrowse/enabled\tbool\ttrue\n/automount-drives/enabled\tbool\ttrue\n",
                          "/autobrowse/enabled\tbool\ttrue", "/autorun/enabled\tbool\tfalse"}}
-        << QList<QStringList>{} << QStringList{"xfce4-panel --quit"}
-        << QStringList{"xfce4-panel"};
+        << QList<QStringList>{} << QStringList{"xfce4-panel --quit"} << QStringList{"xfce4-panel"};
 }
 
 void TestDesktop::startDesktop(const TempHome &home, RunningPrograms &running,
@@ -521,8 +520,8 @@ void TestDesktop::desktopFilesComeBackAfterAKill()
     startDesktop(kiosk.home(), running, desktop, programs, files);
     kiosk.setEnvironment("XDG_CURRENT_DESKTOP", desktop);
     kiosk.setEnvironment("QT_QPA_PLATFORM", "offscreen");
-    const QByteArray playlist = "#Vorsane playlist\nfile://"
-                                + kiosk.picture("red.png", Qt::red).toUtf8() + " 600\n";
+    const QByteArray playlist
+        = "#Vorsane playlist\nfile://" + kiosk.picture("red.png", Qt::red).toUtf8() + " 600\n";
 
     QVERIFY(kiosk.start(playlist, "fullscreen=true\nadmin_passwd=x\n"));
     QVERIFY2(kiosk.waitForLog("File manager volume popups off."), kiosk.log().constData());

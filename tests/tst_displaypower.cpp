@@ -30,18 +30,24 @@ QByteArray standIn(const QString &tool, const QString &state)
         return read + "case \"$*\" in\n  'output * dpms off') set false; " + write
                + ";;\n  'output * dpms on') set true; " + write
                + ";;\n  *) [ $s = off ] && s=false; [ $s = on ] && s=true;"
-                 " echo \"[{\\\"name\\\":\\\"HDMI-A-1\\\",\\\"active\\\":true,\\\"dpms\\\":$s}]\" ;;\nesac";
+                 " echo \"[{\\\"name\\\":\\\"HDMI-A-1\\\",\\\"active\\\":true,\\\"dpms\\\":$s}]\" "
+                 ";;\nesac";
     if (tool == "wlr-randr")
         return read + "case \"$3\" in\n  --off) set off; " + write + ";;\n  --on) set on; " + write
                + ";;\n  *) echo 'HDMI-A-1 \"Monitor\"'; [ $s = on ] && echo '  Enabled: yes' "
                  "|| echo '  Enabled: no' ;;\nesac";
     // The TV misses the first standby; the power status tells.
     if (tool == "cec-ctl")
-        return read + "case \"$*\" in\n  --list-devices) echo '        /dev/cec0' ;;\n"
-               "  *--standby) if [ -e '" + state.toUtf8() + ".missed' ]; then set off; " + write
-               + "else touch '" + state.toUtf8() + ".missed'; fi ;;\n"
-               "  *--image-view-on) set on; " + write
-               + ";;\n  *--give-device-power-status) [ $s = on ] && echo '    pwr-state: on (0x00)' "
+        return read
+               + "case \"$*\" in\n  --list-devices) echo '        /dev/cec0' ;;\n"
+                 "  *--standby) if [ -e '"
+               + state.toUtf8() + ".missed' ]; then set off; " + write + "else touch '"
+               + state.toUtf8()
+               + ".missed'; fi ;;\n"
+                 "  *--image-view-on) set on; "
+               + write
+               + ";;\n  *--give-device-power-status) [ $s = on ] && echo '    pwr-state: on "
+                 "(0x00)' "
                  "|| echo '    pwr-state: standby (0x01)' ;;\nesac";
     return "exit 1";
 }
@@ -72,9 +78,8 @@ void TestDisplayPower::switches_data()
     const QStringList x11{"DISPLAY=:5"};
     const QStringList sway{"DISPLAY=:5", "WAYLAND_DISPLAY=wayland-1", "SWAYSOCK=/run/sway.sock"};
     QTest::newRow("automatic, X11 display power management")
-        << "auto" << x11 << QStringList{"xset"} << "dpms"
-        << QStringList{"xset dpms force off"} << QStringList{"xset dpms force on"} << true
-        << "Screen power: switched through dpms.";
+        << "auto" << x11 << QStringList{"xset"} << "dpms" << QStringList{"xset dpms force off"}
+        << QStringList{"xset dpms force on"} << true << "Screen power: switched through dpms.";
     QTest::newRow("automatic, Wayland output power before Xwayland's display power")
         << "auto" << sway << QStringList{"wlopm", "xset", "swaymsg"} << "wlopm"
         << QStringList{"wlopm --off *"} << QStringList{"wlopm --on *"} << true << QString();
@@ -105,11 +110,10 @@ void TestDisplayPower::switches_data()
     // Xwayland's display power management switches nothing: it is not taken for a way.
     QTest::newRow("automatic, Wayland without output power tools")
         << "auto" << sway << QStringList{"xset"} << QString() << QStringList() << QStringList()
-        << false
-        << "tried: tvservice, vcgencmd, wlopm, sway, wlr-randr, cec)";
-    QTest::newRow("switching left off") << "none" << x11 << QStringList{"xset"} << QString()
-                                        << QStringList() << QStringList() << false
-                                        << "slideshow/tv_control is none";
+        << false << "tried: tvservice, vcgencmd, wlopm, sway, wlr-randr, cec)";
+    QTest::newRow("switching left off")
+        << "none" << x11 << QStringList{"xset"} << QString() << QStringList() << QStringList()
+        << false << "slideshow/tv_control is none";
     QTest::newRow("a display that stays on")
         << "dpms" << x11 << QStringList{"xset, display stays on"} << "dpms"
         << QStringList{"xset dpms force off"} << QStringList{"xset dpms force on"} << false
@@ -130,7 +134,8 @@ void TestDisplayPower::switches()
     FakePrograms fakes;
     const QString state = fakes.dir() + "/display";
     for (const char *tool : {"xset", "wlopm", "swaymsg", "wlr-randr", "cec-ctl", "vcgencmd"}) {
-        const QString given = tools.filter(QRegularExpression("^" + QString(tool) + "\\b")).value(0);
+        const QString given
+            = tools.filter(QRegularExpression("^" + QString(tool) + "\\b")).value(0);
         fakes.addScript(tool, standIn(given, state));
     }
     for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "SWAYSOCK"})

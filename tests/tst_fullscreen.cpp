@@ -100,7 +100,8 @@ void TestFullscreen::x11_data()
     QTest::addColumn<QRect>("area");
 
     const QRect screen(0, 0, 640, 480);
-    const QByteArray fixed = "fullscreen=false\nfixedscreen=true\nlargeur_edit=300\nhauteur_edit=200\n";
+    const QByteArray fixed
+        = "fullscreen=false\nfixedscreen=true\nlargeur_edit=300\nhauteur_edit=200\n";
     QTest::newRow("full screen, no window manager")
         << false << QByteArray("fullscreen=true\n") << screen;
     QTest::newRow("full screen, openbox") << true << QByteArray("fullscreen=true\n") << screen;
@@ -152,8 +153,8 @@ void TestFullscreen::x11()
                             + " 600\n",
                         preferences + "[slideshow]\nresize=false\nstretch=true\n"));
     const QString shot = kiosk.home().filePath("screen.png");
-    const QStringList x11grab{"-loglevel", "error", "-y", "-f", "x11grab", "-video_size",
-                              "640x480", "-i", display, "-frames:v", "1"};
+    const QStringList x11grab{"-loglevel", "error", "-y",    "-f",        "x11grab", "-video_size",
+                              "640x480",   "-i",    display, "-frames:v", "1"};
     QImage screen;
     const bool shown = QTest::qWaitFor(
         [&] {
@@ -184,8 +185,8 @@ void TestFullscreen::wayland()
     const QString program = work.filePath("vorsane-kiosk");
     QVERIFY(QDir().mkpath(runtime) && QDir().mkpath(home + "/conf"));
     QVERIFY(QFile::copy(programPath(), program));
-    QFile::setPermissions(runtime, QFileDevice::ReadOwner | QFileDevice::WriteOwner
-                                       | QFileDevice::ExeOwner);
+    QFile::setPermissions(runtime,
+                          QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
     QVERIFY(makeImage(home + "/red.png", QSize(320, 240), Qt::red, "PNG"));
     QVERIFY(writeFile(home + "/conf/playlist",
                       "#Vorsane playlist\nfile://" + home.toUtf8() + "/red.png 600\n"));
@@ -215,24 +216,27 @@ void TestFullscreen::wayland()
     Child sway;
     QVERIFY(start(sway, asUser({"WLR_BACKENDS=headless", "WLR_LIBINPUT_NO_DEVICES=1",
                                 "WLR_RENDERER=pixman", "sway", "-c", runtime + "/sway.conf"})));
-    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(runtime + "/wayland-1")
-                                 && !QDir(runtime).entryList({"sway-ipc.*"}, QDir::System).isEmpty(),
-                             10000);
-    const QString ipc = runtime + "/" + QDir(runtime).entryList({"sway-ipc.*"}, QDir::System).first();
+    QTRY_VERIFY_WITH_TIMEOUT(
+        QFileInfo::exists(runtime + "/wayland-1")
+            && !QDir(runtime).entryList({"sway-ipc.*"}, QDir::System).isEmpty(),
+        10000);
+    const QString ipc
+        = runtime + "/" + QDir(runtime).entryList({"sway-ipc.*"}, QDir::System).first();
     const QStringList wayland{"WAYLAND_DISPLAY=wayland-1", "SWAYSOCK=" + ipc};
     // Xwayland's display is the one sway gives its own children.
     QProcess ask;
-    QVERIFY(start(ask, asUser(wayland + QStringList{"swaymsg", "exec",
-                                                    "echo $DISPLAY > " + runtime + "/display"})));
+    QVERIFY(start(
+        ask, asUser(wayland
+                    + QStringList{"swaymsg", "exec", "echo $DISPLAY > " + runtime + "/display"})));
     QVERIFY(ask.waitForFinished());
     QTRY_VERIFY_WITH_TIMEOUT(!readFile(runtime + "/display").trimmed().isEmpty(), 10000);
     const QString display = QString::fromUtf8(readFile(runtime + "/display")).trimmed();
 
     Child kiosk;
-    QVERIFY(start(kiosk, asUser(wayland + QStringList{"DISPLAY=" + display,
-                                                      "XDG_CURRENT_DESKTOP=sway",
-                                                      "QT_QPA_PLATFORM=xcb", program,
-                                                      "--basepath", home + "/conf"})));
+    QVERIFY(start(kiosk, asUser(wayland
+                                + QStringList{"DISPLAY=" + display, "XDG_CURRENT_DESKTOP=sway",
+                                              "QT_QPA_PLATFORM=xcb", program, "--basepath",
+                                              home + "/conf"})));
     const QString shot = work.filePath("home/screen.png");
     QImage screen;
     const QRect output(0, 0, 1280, 720);
@@ -243,12 +247,12 @@ void TestFullscreen::wayland()
                 return false;
             grim.waitForFinished();
             screen = QImage(shot);
-            return !screen.isNull() && corners(screen, QRect(QPoint(), screen.size()))
-                                           == allRed(QRect(QPoint(), screen.size()));
+            return !screen.isNull()
+                   && corners(screen, QRect(QPoint(), screen.size()))
+                          == allRed(QRect(QPoint(), screen.size()));
         },
         30000);
     QVERIFY2(shown, qPrintable(corners(screen, output) + "\n" + kiosk.readAll().right(3000)));
-
 
     // Screen power through the compositor, read back from the compositor itself. wlroots'
     // headless outputs (Debian 12) cannot be switched off: the program must say so then.
@@ -265,7 +269,8 @@ void TestFullscreen::wayland()
         QProcess swaymsg;
         swaymsg.start("swaymsg", {"-r", "-t", "get_outputs"});
         swaymsg.waitForFinished();
-        const QJsonObject output = QJsonDocument::fromJson(swaymsg.readAll()).array().first().toObject();
+        const QJsonObject output
+            = QJsonDocument::fromJson(swaymsg.readAll()).array().first().toObject();
         return output.value(output.contains("power") ? "power" : "dpms").toBool();
     };
     QVERIFY(compositorSaysOn());

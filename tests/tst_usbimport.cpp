@@ -48,9 +48,9 @@ public:
     void added(const QString &object, const QString &mount)
     {
         mounts.insert(object, mount);
-        QDBusMessage signal = QDBusMessage::createSignal(
-            root, QStringLiteral("org.freedesktop.DBus.ObjectManager"),
-            QStringLiteral("InterfacesAdded"));
+        QDBusMessage signal
+            = QDBusMessage::createSignal(root, QStringLiteral("org.freedesktop.DBus.ObjectManager"),
+                                         QStringLiteral("InterfacesAdded"));
         signal << QVariant::fromValue(QDBusObjectPath(object))
                << QVariant::fromValue(interfaces(object));
         m_bus.send(signal);
@@ -58,9 +58,9 @@ public:
     void mounted(const QString &object, const QString &mount)
     {
         mounts.insert(object, mount);
-        QDBusMessage signal = QDBusMessage::createSignal(
-            object, QStringLiteral("org.freedesktop.DBus.Properties"),
-            QStringLiteral("PropertiesChanged"));
+        QDBusMessage signal
+            = QDBusMessage::createSignal(object, QStringLiteral("org.freedesktop.DBus.Properties"),
+                                         QStringLiteral("PropertiesChanged"));
         signal << filesystem << QVariantMap{{QStringLiteral("MountPoints"), mountPoints(mount)}}
                << QStringList();
         m_bus.send(signal);
@@ -142,33 +142,36 @@ void TestUsbImport::importsANewlyMountedKey_data()
     QTest::addColumn<bool>("imported");
 
     const QStringList pictures{"a.png", "sub/b.png"};
-    QTest::newRow("mounted after it appeared") << "later" << QString() << QByteArray() << pictures
-                                               << "USB import: 2 of 2 files" << true;
-    QTest::newRow("mounted as it appeared") << "at once" << QString() << QByteArray() << pictures
-                                            << "USB content imported" << true;
+    QTest::newRow("mounted after it appeared")
+        << "later" << QString() << QByteArray() << pictures << "USB import: 2 of 2 files" << true;
+    QTest::newRow("mounted as it appeared")
+        << "at once" << QString() << QByteArray() << pictures << "USB content imported" << true;
     QTest::newRow("mounted before its watch was in place")
         << "before the watch" << QString() << QByteArray() << pictures << "USB content imported"
         << true;
     QTest::newRow("mounted again after the start")
         << "mounted at start, again later" << QString() << QByteArray() << pictures
         << "USB content imported" << true;
-    QTest::newRow("the right key") << "later" << "secret" << QByteArray("secret\n") << pictures
-                                   << "USB content imported" << true;
-    QTest::newRow("a wrong key") << "later" << "secret" << QByteArray("guess") << pictures
+    QTest::newRow("the right key")
+        << "later"
+        << "secret" << QByteArray("secret\n") << pictures << "USB content imported" << true;
+    QTest::newRow("a wrong key") << "later"
+                                 << "secret" << QByteArray("guess") << pictures
                                  << "USB key refused: missing or wrong vorsane.key." << false;
-    QTest::newRow("no key file") << "later" << "secret" << QByteArray() << pictures
+    QTest::newRow("no key file") << "later"
+                                 << "secret" << QByteArray() << pictures
                                  << "USB key refused: missing or wrong vorsane.key." << false;
     QTest::newRow("a stick holding only the key")
-        << "later" << "secret" << QByteArray("secret") << QStringList()
+        << "later"
+        << "secret" << QByteArray("secret") << QStringList()
         << "USB key holds no files; the current content is kept." << false;
     // The copy fails half-way: the folder under the program's state folder is longer than the
     // stick's, so the last file's copy gets a name over the system's limit.
     QTest::newRow("a copy that fails half-way")
-        << "later" << QString() << QByteArray()
-        << QStringList{"a.png", "too long for the copy"}
+        << "later" << QString() << QByteArray() << QStringList{"a.png", "too long for the copy"}
         << "USB import aborted; the current content is kept." << false;
-    QTest::newRow("mounted at start only") << "mounted at start" << QString() << QByteArray()
-                                           << pictures << QString() << false;
+    QTest::newRow("mounted at start only")
+        << "mounted at start" << QString() << QByteArray() << pictures << QString() << false;
 }
 
 void TestUsbImport::importsANewlyMountedKey()
@@ -246,8 +249,9 @@ void TestUsbImport::importsANewlyMountedKey()
         QTest::qWait(300);
         QCOMPARE(finished.count(), 0);
         QCOMPARE(readFile(UsbAuto::targetDir() + "/old.png"), QByteArray("old"));
-        QCOMPARE(QDir(UsbAuto::targetDir()).entryList(QDir::Files | QDir::Dirs | QDir::NoDotAndDotDot),
-                 QStringList{"old.png"});
+        QCOMPARE(
+            QDir(UsbAuto::targetDir()).entryList(QDir::Files | QDir::Dirs | QDir::NoDotAndDotDot),
+            QStringList{"old.png"});
     }
     if (!expectedLog.isEmpty())
         QVERIFY2(log.contains(expectedLog), qPrintable(log.lines().join('\n')));

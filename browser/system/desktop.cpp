@@ -17,7 +17,9 @@ Desktop::Kind Desktop::detect()
     names = names.toUpper();
     // Raspberry Pi OS names its Wayland sessions "LXDE-pi-labwc" and "LXDE-pi-wayfire": the
     // compositor decides, so it is looked for first.
-    const auto has = [&names](const char *name) { return names.contains(QLatin1String(name)); };
+    const auto has = [&names](const char *name) {
+        return names.contains(QLatin1String(name));
+    };
     if (has("LABWC") || (names.isEmpty() && qEnvironmentVariableIsSet("LABWC_PID")))
         return Kind::Labwc;
     if (has("WAYFIRE") || (names.isEmpty() && qEnvironmentVariableIsSet("WAYFIRE_CONFIG_FILE")))

@@ -78,19 +78,17 @@ class Vcgencmd final : public Method
 {
 public:
     QString name() const override { return QStringLiteral("vcgencmd"); }
-    bool works() override
-    {
-        return has("vcgencmd") && state() != State::Unknown;
-    }
+    bool works() override { return has("vcgencmd") && state() != State::Unknown; }
     void set(bool on) override
     {
-        Utils::runAndWait(QStringLiteral("vcgencmd"),
-                          {QStringLiteral("display_power"), on ? QStringLiteral("1")
-                                                               : QStringLiteral("0")});
+        Utils::runAndWait(
+            QStringLiteral("vcgencmd"),
+            {QStringLiteral("display_power"), on ? QStringLiteral("1") : QStringLiteral("0")});
     }
     State state() override
     {
-        const QByteArray text = output(QStringLiteral("vcgencmd"), {QStringLiteral("display_power")});
+        const QByteArray text
+            = output(QStringLiteral("vcgencmd"), {QStringLiteral("display_power")});
         if (text.contains("display_power=0"))
             return State::Off;
         if (text.contains("display_power=1"))
@@ -112,9 +110,9 @@ public:
     bool works() override { return onWayland() && has("wlopm") && state() != State::Unknown; }
     void set(bool on) override
     {
-        Utils::runAndWait(QStringLiteral("wlopm"),
-                          {on ? QStringLiteral("--on") : QStringLiteral("--off"),
-                           QStringLiteral("*")});
+        Utils::runAndWait(
+            QStringLiteral("wlopm"),
+            {on ? QStringLiteral("--on") : QStringLiteral("--off"), QStringLiteral("*")});
     }
     State state() override
     {
@@ -147,10 +145,9 @@ public:
     State state() override
     {
         int code = 0;
-        const QByteArray text = output(QStringLiteral("swaymsg"),
-                                       {QStringLiteral("-r"), QStringLiteral("-t"),
-                                        QStringLiteral("get_outputs")},
-                                       &code);
+        const QByteArray text = output(
+            QStringLiteral("swaymsg"),
+            {QStringLiteral("-r"), QStringLiteral("-t"), QStringLiteral("get_outputs")}, &code);
         const QJsonArray outputs = QJsonDocument::fromJson(text).array();
         if (code != 0 || outputs.isEmpty())
             return State::Unknown;
@@ -215,7 +212,10 @@ class Dpms final : public Method
 public:
     QString name() const override { return QStringLiteral("dpms"); }
     // Only an X server with the DPMS extension; xset says so in its report.
-    bool works() override { return !qEnvironmentVariableIsEmpty("DISPLAY") && state() != State::Unknown; }
+    bool works() override
+    {
+        return !qEnvironmentVariableIsEmpty("DISPLAY") && state() != State::Unknown;
+    }
     void set(bool on) override
     {
         Utils::runAndWait(QStringLiteral("xset"),
@@ -245,7 +245,8 @@ public:
     {
         if (!has("cec-ctl"))
             return false;
-        const QByteArray list = output(QStringLiteral("cec-ctl"), {QStringLiteral("--list-devices")});
+        const QByteArray list
+            = output(QStringLiteral("cec-ctl"), {QStringLiteral("--list-devices")});
         const int at = list.indexOf("/dev/cec");
         if (at < 0)
             return false;
@@ -259,11 +260,10 @@ public:
     {
         const State wanted = on ? State::On : State::Off;
         for (int attempt = 1; attempt <= cecAttempts; ++attempt) {
-            Utils::runAndWait(QStringLiteral("cec-ctl"),
-                              {QStringLiteral("-d"), m_device, QStringLiteral("--to"),
-                               QStringLiteral("0"),
-                               on ? QStringLiteral("--image-view-on")
-                                  : QStringLiteral("--standby")});
+            Utils::runAndWait(
+                QStringLiteral("cec-ctl"),
+                {QStringLiteral("-d"), m_device, QStringLiteral("--to"), QStringLiteral("0"),
+                 on ? QStringLiteral("--image-view-on") : QStringLiteral("--standby")});
             if (state() == wanted)
                 return;
             if (attempt < cecAttempts) {
@@ -275,10 +275,10 @@ public:
     }
     State state() override
     {
-        const QByteArray text = output(QStringLiteral("cec-ctl"),
-                                       {QStringLiteral("-d"), m_device, QStringLiteral("--to"),
-                                        QStringLiteral("0"),
-                                        QStringLiteral("--give-device-power-status")});
+        const QByteArray text
+            = output(QStringLiteral("cec-ctl"),
+                     {QStringLiteral("-d"), m_device, QStringLiteral("--to"), QStringLiteral("0"),
+                      QStringLiteral("--give-device-power-status")});
         const int at = text.indexOf("pwr-state:");
         if (at < 0)
             return State::Unknown;
@@ -348,8 +348,8 @@ Method *chosenMethod()
     QStringList tried;
     for (std::unique_ptr<Method> &candidate : candidates(control)) {
         if (candidate->works()) {
-            qDebug().noquote() << QStringLiteral("Screen power: switched through %1.")
-                                      .arg(candidate->name());
+            qDebug().noquote()
+                << QStringLiteral("Screen power: switched through %1.").arg(candidate->name());
             s_method = std::move(candidate);
             return s_method.get();
         }

@@ -15,7 +15,8 @@ ConfigFileEdit edit()
 } // namespace
 
 LabwcShortcutManager::LabwcShortcutManager()
-    : ConfigFileShortcutManager(edit(), {{QStringLiteral("labwc"), QStringLiteral("--reconfigure")}})
+    : ConfigFileShortcutManager(edit(),
+                                {{QStringLiteral("labwc"), QStringLiteral("--reconfigure")}})
 {
     takeOver();
 }

@@ -24,12 +24,13 @@ QStringList LxdeManager::command() const
 
 bool LxdeManager::hideImpl()
 {
-    const QString running = Desktop::runningOption(QStringLiteral("lxpanel"),
-                                                   QStringLiteral("--profile"));
+    const QString running
+        = Desktop::runningOption(QStringLiteral("lxpanel"), QStringLiteral("--profile"));
     if (!running.isEmpty())
         m_profile = running;
     // pkill answers 0 only when a panel was running, so nothing is restarted that never ran.
-    return Utils::runAndWait(QStringLiteral("pkill"), {QStringLiteral("-x"), QStringLiteral("lxpanel")})
+    return Utils::runAndWait(QStringLiteral("pkill"),
+                             {QStringLiteral("-x"), QStringLiteral("lxpanel")})
            == 0;
 }
 

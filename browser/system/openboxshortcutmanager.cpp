@@ -13,12 +13,12 @@ QString fileName(Desktop::Kind desktop)
 ConfigFileEdit edit(Desktop::Kind desktop)
 {
     const QString name = fileName(desktop);
-    return ConfigFileEdit(Desktop::configHome() + QLatin1String("/openbox/") + name,
-                          {QStringLiteral("/etc/xdg/openbox/") + name,
-                           QStringLiteral("/etc/xdg/openbox/rc.xml")},
-                          "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                          "<openbox_config xmlns=\"http://openbox.org/3.4/rc\"/>\n",
-                          &OpenboxShortcutManager::withoutKeyBindings);
+    return ConfigFileEdit(
+        Desktop::configHome() + QLatin1String("/openbox/") + name,
+        {QStringLiteral("/etc/xdg/openbox/") + name, QStringLiteral("/etc/xdg/openbox/rc.xml")},
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<openbox_config xmlns=\"http://openbox.org/3.4/rc\"/>\n",
+        &OpenboxShortcutManager::withoutKeyBindings);
 }
 } // namespace
 

@@ -16,11 +16,9 @@ QString profileOf(Desktop::Kind desktop)
 ConfigFileEdit edit(const QString &profile)
 {
     const QString relative = QStringLiteral("/pcmanfm/") + profile + QLatin1String("/pcmanfm.conf");
-    return ConfigFileEdit(Desktop::configHome() + relative,
-                          {QStringLiteral("/etc/xdg") + relative}, "\n",
-                          [](const QByteArray &text) {
-                              return IniText::set(text, "volume", "autorun", "0");
-                          });
+    return ConfigFileEdit(
+        Desktop::configHome() + relative, {QStringLiteral("/etc/xdg") + relative}, "\n",
+        [](const QByteArray &text) { return IniText::set(text, "volume", "autorun", "0"); });
 }
 } // namespace
 

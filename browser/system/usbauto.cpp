@@ -277,8 +277,8 @@ bool UsbAuto::importFrom(const QString &mountPath)
         for (const QString &file : qAsConst(files)) {
             if (copy->cancelled)
                 return;
-            const QString target = copy->staging + QLatin1Char('/')
-                                   + QDir(copy->source).relativeFilePath(file);
+            const QString target
+                = copy->staging + QLatin1Char('/') + QDir(copy->source).relativeFilePath(file);
             QDir().mkpath(QFileInfo(target).absolutePath());
             const qint64 size = QFileInfo(file).size();
             if (!QFile::copy(file, target) || QFileInfo(target).size() != size) {

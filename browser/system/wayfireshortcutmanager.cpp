@@ -7,10 +7,14 @@ namespace {
 // Window switching, closing and the overviews; the [command] section's bindings (terminal,
 // launcher, menu) are all taken.
 const char *const bindings[][2] = {
-    {"core", "close_top_view"},        {"switcher", "next_view"},
-    {"switcher", "prev_view"},         {"fast-switcher", "activate"},
-    {"fast-switcher", "activate_backward"}, {"expo", "toggle"},
-    {"scale", "toggle"},               {"scale", "toggle_all"},
+    {"core", "close_top_view"},
+    {"switcher", "next_view"},
+    {"switcher", "prev_view"},
+    {"fast-switcher", "activate"},
+    {"fast-switcher", "activate_backward"},
+    {"expo", "toggle"},
+    {"scale", "toggle"},
+    {"scale", "toggle_all"},
 };
 
 QString configFile()
@@ -22,9 +26,8 @@ QString configFile()
 } // namespace
 
 WayfireShortcutManager::WayfireShortcutManager()
-    : ConfigFileShortcutManager(ConfigFileEdit(configFile(), {}, "\n",
-                                               &WayfireShortcutManager::withoutKeyBindings),
-                                {})
+    : ConfigFileShortcutManager(
+        ConfigFileEdit(configFile(), {}, "\n", &WayfireShortcutManager::withoutKeyBindings), {})
 {
     takeOver();
 }

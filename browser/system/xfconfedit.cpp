@@ -54,12 +54,11 @@ bool XfconfEdit::write(const QList<Change> &changes) const
 {
     bool ok = true;
     for (const Change &change : changes) {
-        QStringList command = change.type.isEmpty()
-                                  ? query({QStringLiteral("-p"), change.property,
-                                           QStringLiteral("-r")})
-                                  : query({QStringLiteral("-p"), change.property,
-                                           QStringLiteral("-n"), QStringLiteral("-t"),
-                                           change.type, QStringLiteral("-s"), change.value});
+        QStringList command
+            = change.type.isEmpty()
+                  ? query({QStringLiteral("-p"), change.property, QStringLiteral("-r")})
+                  : query({QStringLiteral("-p"), change.property, QStringLiteral("-n"),
+                           QStringLiteral("-t"), change.type, QStringLiteral("-s"), change.value});
         ok = Utils::runAndWait(command.first(), command.mid(1)) == 0 && ok;
     }
     return ok;
