@@ -121,10 +121,21 @@ void TestFullscreen::x11()
 
     Child server;
     server.setProcessChannelMode(QProcess::SeparateChannels);
-    server.start("Xvfb", {"-displayfd", "1", "-nolisten", "tcp", "-screen", "0", "640x480x24"});
+    server.start("Xvfb",
+                 {"-displayfd", "1", "-noreset", "-nolisten", "tcp", "-screen", "0", "640x480x24"});
     QVERIFY(server.waitForStarted());
     QTRY_VERIFY_WITH_TIMEOUT(server.canReadLine(), 10000);
     const QString display = ":" + QString::fromLatin1(server.readLine()).trimmed();
+    // Answering once it shows its root window's properties; it must not reset when the asking
+    // client leaves, or the next one meets a server that is starting over.
+    const auto answers = [&display](const QString &property) {
+        QProcess xprop;
+        xprop.start("xprop", {"-display", display, "-root", property});
+        xprop.waitForFinished();
+        return xprop.exitCode() == 0 ? xprop.readAll() : QByteArray();
+    };
+    QVERIFY2(QTest::qWaitFor([&] { return !answers("_NET_SUPPORTING_WM_CHECK").isEmpty(); }, 10000),
+             qPrintable("no X server on " + display));
     Child windows;
     if (windowManager) {
         windows.setProcessEnvironment([&] {
@@ -136,13 +147,7 @@ void TestFullscreen::x11()
         QVERIFY(windows.waitForStarted());
         // Managing once it names itself on the root window.
         const bool managing = QTest::qWaitFor(
-            [&] {
-                QProcess xprop;
-                xprop.start("xprop", {"-display", display, "-root", "_NET_SUPPORTING_WM_CHECK"});
-                xprop.waitForFinished();
-                return xprop.readAll().contains("window id");
-            },
-            10000);
+            [&] { return answers("_NET_SUPPORTING_WM_CHECK").contains("window id"); }, 10000);
         QVERIFY2(managing, windows.readAll().constData());
         QVERIFY2(windows.state() == QProcess::Running, windows.readAll().constData());
     }
