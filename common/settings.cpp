@@ -159,6 +159,7 @@ void Settings::populateDefaults()
     m_values[QStringLiteral("slideshow/do_local_update")] = false;
     m_values[QStringLiteral("slideshow/hide_pointer")] = true;
     m_values[Prefs::Mute] = false;
+    m_values[Prefs::TvControl] = QStringLiteral("auto");
     m_values[QStringLiteral("slideshow/refresh_after_minutes")] = 30;
     m_values[QStringLiteral("slideshow/save_modifications")] = false;
     m_values[QStringLiteral("slideshow/stop_on_event")] = true;
@@ -314,6 +315,20 @@ bool Settings::cleanAfter() const
 bool Settings::mute() const
 {
     return get(Prefs::Mute).toBool();
+}
+
+Settings::TvControl Settings::tvControl() const
+{
+    const QString value = get(Prefs::TvControl).toString().trimmed().toLower();
+    if (value == QLatin1String("dpms"))
+        return TvControl::Dpms;
+    if (value == QLatin1String("wayland"))
+        return TvControl::Wayland;
+    if (value == QLatin1String("cec"))
+        return TvControl::Cec;
+    if (value == QLatin1String("none"))
+        return TvControl::None;
+    return TvControl::Auto;
 }
 
 bool Settings::resize() const

@@ -35,6 +35,7 @@ inline const QString PlaylistUpdateMode = QStringLiteral("slideshow/playlist_upd
 inline const QString Resize = QStringLiteral("slideshow/resize");
 inline const QString Stretch = QStringLiteral("slideshow/stretch");
 inline const QString PlaylistUrl = QStringLiteral("slideshow/url");
+inline const QString TvControl = QStringLiteral("slideshow/tv_control");
 } // namespace Prefs
 
 // The process-wide preference store: built-in defaults overlaid by the INI preference file.
@@ -50,6 +51,9 @@ public:
     QVariant get(const QString &key) const;
 
     enum class Mode { Display, Kiosk, Other };
+    // How the screen is switched off and on: the first way that works here, X11 display power
+    // management, the Wayland compositor's output power, HDMI-CEC, or not at all.
+    enum class TvControl { Auto, Dpms, Wayland, Cec, None };
     // Where the playlist comes from: the local playlist file, or a content server (polled for its
     // last edit; the private variant asks another question). Any other value plays the address
     // in slideshow/pages without polling.
@@ -82,6 +86,8 @@ public:
     bool stretch() const;
     // Seconds an item without a time of its own is shown; 5 when the value is not a number.
     int defaultTime() const;
+    // slideshow/tv_control; an unknown value reads as Auto.
+    TvControl tvControl() const;
 
     void set(const QString &key, int value);
     void set(const QString &key, QString value);

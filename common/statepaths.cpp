@@ -97,6 +97,16 @@ QString shortcutBackup()
     return path(QStringLiteral("xmodmap-backup"));
 }
 
+QString giveBackDir()
+{
+    return path(QStringLiteral("give-back"));
+}
+
+QString desktopBackupDir()
+{
+    return path(QStringLiteral("desktop-backup"));
+}
+
 QString maintenanceDataDir()
 {
     return QStringLiteral("/home/pi/.vorsane-kiosk/data/");

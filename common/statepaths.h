@@ -29,6 +29,8 @@ QString stalledPages();     // pages whose script held the program
 QString renderedTemplate(); // the text document rendered into the page template
 QString remoteServerLock(); // one companion server per user
 QString shortcutBackup();   // the key map saved before the shortcuts were taken away
+QString giveBackDir();      // how to give back what a run took from the desktop, one file each
+QString desktopBackupDir(); // the desktop's own files as they were before the show changed them
 // The maintenance runner's result folder: the desktop user's, whatever account runs the player.
 QString maintenanceDataDir();
 

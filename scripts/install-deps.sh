@@ -24,6 +24,11 @@ packages=(
     xvfb xauth x11-xserver-utils unzip
     # tests: xwininfo reads the window titles the program shows
     x11-utils
+    # tests: a window manager and a Wayland compositor (headless, with Xwayland) for full screen
+    # and screen power, its screenshot and output tools, a private D-Bus bus for the USB import
+    openbox sway grim xwayland wlr-randr dbus-daemon
+    # run time: HDMI-CEC screen power (cec-ctl)
+    v4l-utils
     # test media
     ffmpeg
     # the remote page's browser test

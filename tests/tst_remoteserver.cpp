@@ -85,14 +85,15 @@ void TestRemoteServer::initTestCase()
 {
     m_home = std::make_unique<TempHome>();
     QVERIFY(writeFile(m_home->filePath("conf/preferences"),
-                      "[main]\nversion=QFGLs6IVf1\n[remote]\nkey=" + key + "\n"));
+                      "[main]\nversion=QFGLs6IVf1\n[remote]\nkey=" + key
+                          + "\n[slideshow]\ntv_control=dpms\n"));
     QVERIFY(writeFile(m_home->filePath("conf/playlist"),
                       "<schedule a=\"1\"><loop id=\"0\"><i uri=\"http://a.example/\" type=\"url\"/>"
                       "</loop><loop id=\"7\"><i uri=\"http://b.example/\" type=\"url\"/></loop>"
                       "</schedule>"));
-    // The screen is switched through sudo.
+    // The screen is switched through X11 display power management.
     m_programs = std::make_unique<FakePrograms>();
-    m_programs->add("sudo");
+    m_programs->add("xset", "  DPMS is Enabled\n  Monitor is On\n");
     QVERIFY(m_slideshow.bind(QHostAddress::LocalHost, RemoteProtocol::DatagramPort));
     m_port = closedPort();
     m_server.setProcessChannelMode(QProcess::ForwardedChannels);
@@ -283,21 +284,21 @@ void TestRemoteServer::screenshot()
 void TestRemoteServer::screenSwitch_data()
 {
     QTest::addColumn<bool>("on");
-    QTest::addColumn<QStringList>("sudoCalls");
-    QTest::newRow("on") << true << QStringList{"/opt/vc/bin/tvservice -p", "chvt 6", "chvt 7"};
-    QTest::newRow("off") << false << QStringList{"/opt/vc/bin/tvservice -p"};
+    QTest::addColumn<QStringList>("switchCalls");
+    QTest::newRow("on") << true << QStringList{"dpms force on"};
+    QTest::newRow("off") << false << QStringList{"dpms force off"};
 }
 
 void TestRemoteServer::screenSwitch()
 {
     QFETCH(bool, on);
-    QFETCH(QStringList, sudoCalls);
-    const int before = m_programs->callLines("sudo").size();
+    QFETCH(QStringList, switchCalls);
+    const int before = m_programs->callLines("xset").filter("force").size();
     QNetworkReply *reply
         = request("POST", "/api/tv", QJsonDocument(QJsonObject{{"on", on}}).toJson());
     QCOMPARE(status(reply), 200);
     QCOMPARE(QJsonDocument::fromJson(reply->readAll()).object().value("on").toBool(), on);
-    QCOMPARE(m_programs->callLines("sudo").mid(before), sudoCalls);
+    QCOMPARE(m_programs->callLines("xset").filter("force").mid(before), switchCalls);
 }
 
 void TestRemoteServer::commandsBecomeDatagrams()
