@@ -80,7 +80,10 @@ QString refusal(Shape shape, const QString &source)
 bool writeWhole(const QString &path, const QByteArray &content)
 {
     QSaveFile file(path);
-    if (file.open(QIODevice::WriteOnly) && file.write(content) == content.size() && file.commit())
+    // The explicit flush is needed: Qt 5.15's commit() does not see a write that fails in the
+    // flush it does itself, and would put an empty file in place on a full disk.
+    if (file.open(QIODevice::WriteOnly) && file.write(content) == content.size() && file.flush()
+        && file.commit())
         return true;
     qWarning().noquote() << "Remote server: could not write" << path << "(" + file.errorString()
                                 + "); the file is left as it was";
