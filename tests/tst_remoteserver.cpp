@@ -410,48 +410,53 @@ void TestRemoteServer::unboundedBodiesRefused_data()
 {
     QTest::addColumn<QByteArray>("head");
     QTest::addColumn<QByteArray>("piece");
-    QTest::addColumn<QByteArray>("expectedStatus");
+    QTest::addColumn<QByteArray>("expected");
     const QByteArray megabyte(int(MiB), 'x');
     const QByteArray chunk = QByteArray::number(MiB, 16) + "\r\n" + megabyte + "\r\n";
     const QByteArray post = "POST /api/command HTTP/1.1\r\nHost: x\r\n" + keyCookie;
-    QTest::newRow("chunked command") << post + "Transfer-Encoding: chunked\r\n\r\n" << chunk
-                                     << QByteArray("413");
+    const QByteArray tooLarge = "413 Payload Too Large\r\n.*The request is too large";
+    QTest::newRow("chunked command")
+        << post + "Transfer-Encoding: chunked\r\n\r\n" << chunk << tooLarge;
     QTest::newRow("command without a length, sent until the end")
-        << post + "\r\n" << megabyte << QByteArray("413");
+        << post + "\r\n" << megabyte << tooLarge;
     QTest::newRow("chunked playlist")
         << "POST /api/playlist HTTP/1.1\r\nHost: x\r\n" + keyCookie
                + "Transfer-Encoding: chunked\r\n\r\n"
-        << chunk << QByteArray("413");
+        << chunk << tooLarge;
     QTest::newRow("chunked upload")
         << "POST /api/files HTTP/1.1\r\nHost: x\r\n" + keyCookie
                + "Content-Type: multipart/form-data; boundary=b\r\n"
                  "Transfer-Encoding: chunked\r\n\r\n"
-        << chunk << QByteArray("411");
+        << chunk << QByteArray("411 Length Required");
     QTest::newRow("upload stating a length and chunks")
         << "POST /api/files HTTP/1.1\r\nHost: x\r\n" + keyCookie
                + "Content-Type: multipart/form-data; boundary=b\r\nContent-Length: 10\r\n"
                  "Transfer-Encoding: chunked\r\n\r\n"
-        << chunk << QByteArray("400");
+        << chunk << QByteArray("400 Bad Request\r\n.*states its length twice");
     QTest::newRow("compressed command")
         << post + "Content-Encoding: gzip\r\nContent-Length: 1048576\r\n\r\n" << megabyte
-        << QByteArray("415");
+        << QByteArray("415 Unsupported Media Type\r\n.*Compressed request bodies");
     QTest::newRow("header line without end")
-        << QByteArray("GET / HTTP/1.1\r\nHost: x\r\nX-Long: ") << megabyte << QByteArray("400");
-    QTest::newRow("headers without end") << QByteArray("GET / HTTP/1.1\r\nHost: x\r\n")
-                                         << QByteArray("X-More: x\r\n").repeated(100000)
-                                         << QByteArray("400");
+        << QByteArray("GET / HTTP/1.1\r\nHost: x\r\nX-Long: ") << megabyte
+        << QByteArray("400 Bad Request");
+    QTest::newRow("headers without end")
+        << QByteArray("GET / HTTP/1.1\r\nHost: x\r\n")
+        << QByteArray("X-More: x\r\n").repeated(100000) << QByteArray("400 Bad Request");
 }
 
 void TestRemoteServer::unboundedBodiesRefused()
 {
     QFETCH(QByteArray, head);
     QFETCH(QByteArray, piece);
-    QFETCH(QByteArray, expectedStatus);
+    QFETCH(QByteArray, expected);
     const qint64 pid = m_server.processId();
     QVERIFY(resetPeak(pid));
     const qint64 before = memoryKiB(pid, "VmRSS:");
     const QByteArray answer = flood(m_port, head, piece, 64 * MiB);
-    QVERIFY2(answer.startsWith("HTTP/1.1 " + expectedStatus), answer.left(200).constData());
+    const QRegularExpression pattern(QRegularExpression::anchoredPattern(
+                                         "HTTP/1.1 " + QString::fromLatin1(expected) + ".*"),
+                                     QRegularExpression::DotMatchesEverythingOption);
+    QVERIFY2(pattern.match(QString::fromLatin1(answer)).hasMatch(), answer.left(300).constData());
     // 64 MiB were on offer; what is read of a refused request is a fraction of that.
     const qint64 peak = memoryKiB(pid, "VmHWM:");
     qInfo("peak resident %lld KiB, %lld KiB over the %lld KiB before", peak, peak - before,
@@ -499,12 +504,17 @@ void TestRemoteServer::slowClientsLockNobodyOut()
     clock.start();
     QTcpSocket keyed;
     QByteArray answer;
-    connect(&keyed, &QTcpSocket::readyRead, this, [&] { answer += keyed.readAll(); });
+    qint64 answeredAfter = -1;
+    connect(&keyed, &QTcpSocket::readyRead, this, [&] {
+        answer += keyed.readAll();
+        if (answer.endsWith("}"))
+            answeredAfter = clock.elapsed();
+    });
     keyed.connectToHost(QHostAddress::LocalHost, m_port);
     keyed.write("GET /api/status HTTP/1.1\r\nHost: x\r\n" + keyCookie
                 + "Connection: close\r\n\r\n");
     QTRY_VERIFY_WITH_TIMEOUT(answer.endsWith("}"), 2000);
-    qInfo("answered in %lld ms beside %d slow clients", clock.elapsed(), clients);
+    qInfo("answered in %lld ms beside %d slow clients", answeredAfter, clients);
     QVERIFY2(answer.startsWith("HTTP/1.1 200"), answer.constData());
 }
 
