@@ -408,9 +408,15 @@ void RemoteServer::getLoops(const httplib::Request &, httplib::Response &respons
 {
     QFile file(m_config.loopsPath);
     QByteArray text;
-    // One byte over the limit is enough to refuse it.
-    if (file.open(QIODevice::ReadOnly))
-        text = file.read(PlaylistParser::MaxDocumentBytes + 1);
+    // Read up to one piece over the limit, which is enough to refuse it.
+    if (file.open(QIODevice::ReadOnly)) {
+        while (text.size() <= PlaylistParser::MaxDocumentBytes && !file.atEnd()) {
+            const QByteArray piece = file.read(64 * 1024);
+            if (piece.isEmpty())
+                break;
+            text += piece;
+        }
+    }
     std::lock_guard<std::mutex> lock(m_files);
     reply(response, 200, QJsonObject{{QStringLiteral("loops"), PlaylistFile::loops(text)}});
 }
