@@ -69,7 +69,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             abort();
     }
     // A request ends with its upload moved in or gone: nothing stays half-written aside.
-    if (!QDir(StatePaths::uploadStaging(home)).isEmpty(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot))
+    if (!QDir(StatePaths::uploadStaging(home))
+             .isEmpty(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot))
         abort();
     QDir drop(StatePaths::dropFolder(home));
     const QStringList uploads = drop.entryList(QDir::Files | QDir::Hidden);

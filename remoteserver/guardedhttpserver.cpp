@@ -57,7 +57,14 @@ std::string peerAddress(socket_t sock)
 class GuardedStream : public httplib::Stream
 {
 public:
-    enum class Failure { None, HeadTooSlow, HeadTooLarge, BodyTooSlow, BodyTooLarge, AnswerTooSlow };
+    enum class Failure {
+        None,
+        HeadTooSlow,
+        HeadTooLarge,
+        BodyTooSlow,
+        BodyTooLarge,
+        AnswerTooSlow
+    };
 
     GuardedStream(milliseconds readWait, milliseconds writeWait)
         : m_readWait(readWait)
@@ -107,10 +114,9 @@ public:
         if (m_read >= limit)
             return fail(m_head ? Failure::HeadTooLarge : Failure::BodyTooLarge);
         if (!buffered()) {
-            const Clock::time_point deadline = m_head
-                                                   ? m_readStart + GuardedHttpServer::HeadTimeout
-                                                   : m_readStart + GuardedHttpServer::PaceGrace
-                                                         + pace(m_read);
+            const Clock::time_point deadline
+                = m_head ? m_readStart + GuardedHttpServer::HeadTimeout
+                         : m_readStart + GuardedHttpServer::PaceGrace + pace(m_read);
             const ssize_t n
                 = receive(m_buffer, sizeof m_buffer, std::min(deadline, Clock::now() + m_readWait));
             if (n == TimedOut)
@@ -405,7 +411,9 @@ void logFailure(GuardedStream::Failure failure, const std::string &address)
 
 GuardedHttpServer::GuardedHttpServer()
 {
-    new_task_queue = [] { return new httplib::ThreadPool(Workers); };
+    new_task_queue = [] {
+        return new httplib::ThreadPool(Workers);
+    };
     set_read_timeout(10, 0);
     set_write_timeout(10, 0);
     set_keep_alive_timeout(5);
@@ -483,9 +491,9 @@ bool GuardedHttpServer::process_and_close_socket(socket_t sock)
                 return true;
             }
             if (!stopping() && client.waiting.size() == WaitingPerAddress)
-                qWarning().noquote() << "Remote server:" << QString::fromStdString(address)
-                                     << "has" << WaitingPerAddress
-                                     << "connections waiting; further ones are closed.";
+                qWarning().noquote()
+                    << "Remote server:" << QString::fromStdString(address) << "has"
+                    << WaitingPerAddress << "connections waiting; further ones are closed.";
             ::close(sock);
             if (client.active == 0 && client.waiting.empty())
                 m_clients.erase(address);
@@ -522,10 +530,10 @@ void GuardedHttpServer::serve(GuardedStream &stream, const std::string &address)
         stream.beginRequest();
         bool closed = false;
         s_current = &stream;
-        const bool answered
-            = process_request(stream, left == 1, closed, [this, &stream](httplib::Request &request) {
-                  stream.beginBody(m_bodyLimit ? m_bodyLimit(request) : 0);
-              });
+        const bool answered = process_request(
+            stream, left == 1, closed, [this, &stream](httplib::Request &request) {
+                stream.beginBody(m_bodyLimit ? m_bodyLimit(request) : 0);
+            });
         s_current = nullptr;
         logFailure(stream.failure(), address);
         if (!answered || closed || stream.mustClose())

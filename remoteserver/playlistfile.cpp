@@ -85,8 +85,8 @@ bool writeWhole(const QString &path, const QByteArray &content)
     if (file.open(QIODevice::WriteOnly) && file.write(content) == content.size() && file.flush()
         && file.commit())
         return true;
-    qWarning().noquote() << "Remote server: could not write" << path << "(" + file.errorString()
-                                + "); the file is left as it was";
+    qWarning().noquote() << "Remote server: could not write" << path
+                         << "(" + file.errorString() + "); the file is left as it was";
     return false;
 }
 

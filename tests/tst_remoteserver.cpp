@@ -30,7 +30,8 @@ constexpr qint64 MiB = 1024 * 1024;
 // Resident memory of a process in KiB, as /proc gives it ("VmRSS:", or "VmHWM:" for the peak).
 qint64 memoryKiB(qint64 pid, const QByteArray &field)
 {
-    const QList<QByteArray> lines = readFile(QStringLiteral("/proc/%1/status").arg(pid)).split('\n');
+    const QList<QByteArray> lines
+        = readFile(QStringLiteral("/proc/%1/status").arg(pid)).split('\n');
     for (const QByteArray &line : lines) {
         if (line.startsWith(field))
             return line.mid(field.size()).simplified().split(' ').first().toLongLong();
@@ -83,8 +84,8 @@ QPair<QByteArray, QByteArray> uploadFraming(const QString &name, qint64 size)
     const QByteArray end = "\r\n--b--\r\n";
     const QByteArray head = "POST /api/files HTTP/1.1\r\nHost: x\r\n" + keyCookie
                             + "Content-Type: multipart/form-data; boundary=b\r\nContent-Length: "
-                            + QByteArray::number(partHead.size() + size + end.size())
-                            + "\r\n\r\n" + partHead;
+                            + QByteArray::number(partHead.size() + size + end.size()) + "\r\n\r\n"
+                            + partHead;
     return {head, end};
 }
 
@@ -111,8 +112,8 @@ public:
         if (::mount("tmpfs", QFile::encodeName(m_dir.path()).constData(), "tmpfs", 0,
                     options.constData())
             != 0)
-            return QStringLiteral("cannot mount a tmpfs: %1").arg(QString::fromLocal8Bit(
-                std::strerror(errno)));
+            return QStringLiteral("cannot mount a tmpfs: %1")
+                .arg(QString::fromLocal8Bit(std::strerror(errno)));
         m_mounted = true;
         if (!writeFile(filePath("conf/preferences"),
                        "[main]\nversion=QFGLs6IVf1\n[remote]\nkey=" + key + "\n")
@@ -415,30 +416,27 @@ void TestRemoteServer::unboundedBodiesRefused_data()
     const QByteArray chunk = QByteArray::number(MiB, 16) + "\r\n" + megabyte + "\r\n";
     const QByteArray post = "POST /api/command HTTP/1.1\r\nHost: x\r\n" + keyCookie;
     const QByteArray tooLarge = "413 Payload Too Large\r\n.*The request is too large";
-    QTest::newRow("chunked command")
-        << post + "Transfer-Encoding: chunked\r\n\r\n" << chunk << tooLarge;
-    QTest::newRow("command without a length, sent until the end")
-        << post + "\r\n" << megabyte << tooLarge;
-    QTest::newRow("chunked playlist")
-        << "POST /api/playlist HTTP/1.1\r\nHost: x\r\n" + keyCookie
-               + "Transfer-Encoding: chunked\r\n\r\n"
-        << chunk << tooLarge;
-    QTest::newRow("chunked upload")
-        << "POST /api/files HTTP/1.1\r\nHost: x\r\n" + keyCookie
-               + "Content-Type: multipart/form-data; boundary=b\r\n"
-                 "Transfer-Encoding: chunked\r\n\r\n"
-        << chunk << QByteArray("411 Length Required");
+    QTest::newRow("chunked command") << post + "Transfer-Encoding: chunked\r\n\r\n"
+                                     << chunk << tooLarge;
+    QTest::newRow("command without a length, sent until the end") << post + "\r\n"
+                                                                  << megabyte << tooLarge;
+    QTest::newRow("chunked playlist") << "POST /api/playlist HTTP/1.1\r\nHost: x\r\n" + keyCookie
+                                             + "Transfer-Encoding: chunked\r\n\r\n"
+                                      << chunk << tooLarge;
+    QTest::newRow("chunked upload") << "POST /api/files HTTP/1.1\r\nHost: x\r\n" + keyCookie
+                                           + "Content-Type: multipart/form-data; boundary=b\r\n"
+                                             "Transfer-Encoding: chunked\r\n\r\n"
+                                    << chunk << QByteArray("411 Length Required");
     QTest::newRow("upload stating a length and chunks")
         << "POST /api/files HTTP/1.1\r\nHost: x\r\n" + keyCookie
                + "Content-Type: multipart/form-data; boundary=b\r\nContent-Length: 10\r\n"
                  "Transfer-Encoding: chunked\r\n\r\n"
         << chunk << QByteArray("400 Bad Request\r\n.*states its length twice");
     QTest::newRow("compressed command")
-        << post + "Content-Encoding: gzip\r\nContent-Length: 1048576\r\n\r\n" << megabyte
-        << QByteArray("415 Unsupported Media Type\r\n.*Compressed request bodies");
-    QTest::newRow("header line without end")
-        << QByteArray("GET / HTTP/1.1\r\nHost: x\r\nX-Long: ") << megabyte
-        << QByteArray("400 Bad Request");
+        << post + "Content-Encoding: gzip\r\nContent-Length: 1048576\r\n\r\n"
+        << megabyte << QByteArray("415 Unsupported Media Type\r\n.*Compressed request bodies");
+    QTest::newRow("header line without end") << QByteArray("GET / HTTP/1.1\r\nHost: x\r\nX-Long: ")
+                                             << megabyte << QByteArray("400 Bad Request");
     QTest::newRow("headers without end")
         << QByteArray("GET / HTTP/1.1\r\nHost: x\r\n")
         << QByteArray("X-More: x\r\n").repeated(100000) << QByteArray("400 Bad Request");
@@ -453,14 +451,13 @@ void TestRemoteServer::unboundedBodiesRefused()
     QVERIFY(resetPeak(pid));
     const qint64 before = memoryKiB(pid, "VmRSS:");
     const QByteArray answer = flood(m_port, head, piece, 64 * MiB);
-    const QRegularExpression pattern(QRegularExpression::anchoredPattern(
-                                         "HTTP/1.1 " + QString::fromLatin1(expected) + ".*"),
-                                     QRegularExpression::DotMatchesEverythingOption);
+    const QRegularExpression pattern(
+        QRegularExpression::anchoredPattern("HTTP/1.1 " + QString::fromLatin1(expected) + ".*"),
+        QRegularExpression::DotMatchesEverythingOption);
     QVERIFY2(pattern.match(QString::fromLatin1(answer)).hasMatch(), answer.left(300).constData());
     // 64 MiB were on offer; what is read of a refused request is a fraction of that.
     const qint64 peak = memoryKiB(pid, "VmHWM:");
-    qInfo("peak resident %lld KiB, %lld KiB over the %lld KiB before", peak, peak - before,
-          before);
+    qInfo("peak resident %lld KiB, %lld KiB over the %lld KiB before", peak, peak - before, before);
     QVERIFY2(peak - before < 24 * 1024, QByteArray::number(peak - before).constData());
     QVERIFY(!m_slideshow.hasPendingDatagrams());
     QCOMPARE(status(request("GET", "/api/status")), 200);
@@ -687,11 +684,11 @@ void TestRemoteServer::invalidPlaylistRejected_data()
         << QByteArray("<!DOCTYPE schedule><schedule a=\"1\"><loop id=\"0\"><i "
                       "uri=\"http://a.example/\" type=\"url\"/></loop></schedule>")
         << QByteArray("document type declaration");
-    QTest::newRow("entities")
-        << QByteArray("<?xml version=\"1.0\"?><!DOCTYPE schedule [<!ENTITY a \"aaaaaaaa\">"
-                      "<!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;\">]><schedule a=\"&b;\"><loop "
-                      "id=\"0\"><i uri=\"http://a.example/\" type=\"url\"/></loop></schedule>")
-        << QByteArray("document type declaration");
+    QTest::newRow("entities") << QByteArray(
+        "<?xml version=\"1.0\"?><!DOCTYPE schedule [<!ENTITY a \"aaaaaaaa\">"
+        "<!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;\">]><schedule a=\"&b;\"><loop "
+        "id=\"0\"><i uri=\"http://a.example/\" type=\"url\"/></loop></schedule>")
+                              << QByteArray("document type declaration");
 }
 
 void TestRemoteServer::invalidPlaylistRejected()
@@ -757,7 +754,8 @@ void TestRemoteServer::concurrentUploadsKeepTheReserve()
     QTRY_VERIFY(!staging.isEmpty(QDir::Files));
 
     const QPair<QByteArray, QByteArray> second = uploadFraming("second.png", 20 * MiB);
-    const QByteArray refused = flood(disk.port(), second.first, QByteArray(int(MiB), 'b'), 20 * MiB);
+    const QByteArray refused
+        = flood(disk.port(), second.first, QByteArray(int(MiB), 'b'), 20 * MiB);
     QVERIFY2(refused.startsWith("HTTP/1.1 507"), refused.left(200).constData());
 
     for (int i = 1; i < 20; ++i)
