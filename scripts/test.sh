@@ -24,6 +24,7 @@ prefix=${BUILD_DIR:-build}
 ctest_args=(--output-on-failure -j"$(nproc)" --timeout 300)
 failed=()
 summary=()
+tests_passed=0 tests_failed=0
 for flavour in $flavours; do
     build_dir=$prefix-$flavour
     echo "=== $flavour: building in $build_dir"
@@ -38,16 +39,23 @@ for flavour in $flavours; do
     start=$SECONDS
     status=0
     if [ -n "${DISPLAY:-}" ]; then
-        (cd "$build_dir" && ctest "${ctest_args[@]}") || status=$?
+        (cd "$build_dir" && ctest "${ctest_args[@]}") 2>&1 | tee "$build_dir/ctest.log" || status=$?
     else
-        (cd "$build_dir" && xvfb-run -a -s "-screen 0 1280x720x24 -nolisten tcp" ctest "${ctest_args[@]}") || status=$?
+        (cd "$build_dir" && xvfb-run -a -s "-screen 0 1280x720x24 -nolisten tcp" ctest "${ctest_args[@]}") 2>&1 \
+            | tee "$build_dir/ctest.log" || status=$?
     fi
     [ $status = 0 ] || failed+=("$flavour (tests)")
+    counts=$(sed -n 's/.*tests passed, \([0-9]*\) tests\{0,1\} failed out of \([0-9]*\)$/\1 \2/p' "$build_dir/ctest.log" | tail -1)
+    if [ -n "$counts" ]; then
+        read -r f n <<<"$counts"
+        tests_failed=$((tests_failed + f)) tests_passed=$((tests_passed + n - f))
+    fi
     summary+=("$flavour: built in $built s, tests $([ $status = 0 ] && echo passed || echo FAILED) in $((SECONDS - start)) s")
 done
 
 echo "=== Summary ($(debian_name "$release"))"
 printf '  %s\n' "${summary[@]}"
+echo "tests: $tests_passed passed, $tests_failed failed"
 if [ ${#failed[@]} -gt 0 ]; then
     echo "Failed: ${failed[*]}"
     exit 1
