@@ -55,8 +55,10 @@ sandbox_off_for_root() {
     fi
 }
 
-# True when the source tree in the current folder has both flavours; older trees build only
-# the Qt 5 + QtWebKit one, whatever VORSANE_WEB_ENGINE says.
+# True when the source tree in the current folder has both flavours: the build option and the
+# QtWebEngine classes. Trees without them build only the Qt 5 + QtWebKit one, whatever
+# VORSANE_WEB_ENGINE says.
 tree_has_flavours() {
-    grep -rqs --include=CMakeLists.txt --exclude-dir='build*' VORSANE_WEB_ENGINE .
+    [ -f browser/ui/widgets/webengine/webview.cpp ] \
+        && grep -rqs --include=CMakeLists.txt --exclude-dir='build*' VORSANE_WEB_ENGINE .
 }

@@ -21,7 +21,8 @@ bash scripts/install-deps.sh $flavours
 [[ " $flavours " != *" webengine "* ]] || sandbox_off_for_root
 
 prefix=${BUILD_DIR:-build}
-ctest_args=(--output-on-failure -j"$(nproc)" --timeout 300)
+# Most tests wait on timers and the program under test, not on the processor.
+ctest_args=(--output-on-failure -j"$(($(nproc) * 2))" --timeout 300)
 failed=()
 summary=()
 tests_passed=0 tests_failed=0
