@@ -57,6 +57,8 @@ Dispatcher::Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject 
     connect(m_remote, &Remote::screenshot, this, &Dispatcher::shootScreen);
     connect(m_remote, &Remote::text, m_viewer, &Viewer::showText);
     connect(m_remote, &Remote::readUrl, m_viewer, &Viewer::showUrl);
+    connect(m_remote, &Remote::screenPower, this,
+            [](bool on) { on ? DisplayPower::on() : DisplayPower::off(); });
 
     m_mode = m_settings->mode();
 
@@ -227,7 +229,10 @@ void Dispatcher::showLoopNext()
         endIdle();
     }
     m_nextWidget = widget;
-    view_next();
+    const PlaylistItemPtr shown = m_content->isPlaceholder(widget) ? nullptr : item;
+    const int loop = m_parser->getLoops().indexOf(m_positions.currentLoop());
+    if (view_next())
+        Q_EMIT itemShown(shown, shown ? loop : -1);
 }
 
 QWidget *Dispatcher::nextWidget(PlaylistItemPtr &item)
@@ -349,6 +354,7 @@ bool Dispatcher::startBrowser(QUrl url)
     const bool started = view_next();
     execHook(QStringLiteral("session-start"));
     m_state = 1;
+    Q_EMIT sessionStarted(url);
     connect(m_viewer, &Viewer::mouseEvent, this, &Dispatcher::onMouseEvent, Qt::UniqueConnection);
     return started;
 }

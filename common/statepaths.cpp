@@ -97,6 +97,11 @@ QString shortcutBackup()
     return path(QStringLiteral("xmodmap-backup"));
 }
 
+QString playedQueue()
+{
+    return path(QStringLiteral("played-queue"));
+}
+
 QString maintenanceDataDir()
 {
     return QStringLiteral("/home/pi/.vorsane-kiosk/data/");

@@ -29,6 +29,7 @@ QString stalledPages();     // pages whose script held the program
 QString renderedTemplate(); // the text document rendered into the page template
 QString remoteServerLock(); // one companion server per user
 QString shortcutBackup();   // the key map saved before the shortcuts were taken away
+QString playedQueue();      // proof-of-play records not yet taken by the fleet's broker
 // The maintenance runner's result folder: the desktop user's, whatever account runs the player.
 QString maintenanceDataDir();
 
