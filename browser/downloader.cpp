@@ -70,8 +70,9 @@ QString Downloader::originalAddress(const QString &url)
     if (!url.startsWith(prefix))
         return url;
     QString name = url.mid(prefix.size());
-    const QByteArray decoded = QByteArray::fromBase64(name.replace(QLatin1Char('-'), QLatin1Char('/')).toLatin1(),
-                                                      QByteArray::AbortOnBase64DecodingErrors);
+    const QByteArray decoded
+        = QByteArray::fromBase64(name.replace(QLatin1Char('-'), QLatin1Char('/')).toLatin1(),
+                                 QByteArray::AbortOnBase64DecodingErrors);
     return decoded.isEmpty() ? url : QString::fromUtf8(decoded);
 }
 

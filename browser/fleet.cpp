@@ -76,10 +76,10 @@ Fleet::Fleet(const FleetLink::Options &linkOptions, const QString &playerId,
     options.willTopic = topic(m_playerId, "status");
     options.willPayload = offlinePayload();
     options.subscription = topic(m_playerId, "command");
-    m_address = QStringLiteral("%1://%2:%3")
-                    .arg(options.tls ? QStringLiteral("mqtts") : QStringLiteral("mqtt"),
-                         options.host)
-                    .arg(options.port);
+    m_address
+        = QStringLiteral("%1://%2:%3")
+              .arg(options.tls ? QStringLiteral("mqtts") : QStringLiteral("mqtt"), options.host)
+              .arg(options.port);
     m_link = new FleetLink(options, this);
     connect(m_link, &FleetLink::connected, this, &Fleet::onConnected);
     connect(m_link, &FleetLink::disconnected, this, &Fleet::onDisconnected);
@@ -212,8 +212,8 @@ QByteArray Fleet::offlinePayload()
 
 QList<QPair<QByteArray, QByteArray>> Fleet::discovery(const QString &playerId)
 {
-    const QString node = QStringLiteral("vorsane_") + QString(playerId).replace(QLatin1Char('.'),
-                                                                                  QLatin1Char('_'));
+    const QString node = QStringLiteral("vorsane_")
+                         + QString(playerId).replace(QLatin1Char('.'), QLatin1Char('_'));
     const QString status = QString::fromUtf8(topic(playerId, "status"));
     const QString command = QString::fromUtf8(topic(playerId, "command"));
     QJsonObject device;
@@ -264,16 +264,16 @@ QList<QPair<QByteArray, QByteArray>> Fleet::discovery(const QString &playerId)
     screen.second.insert(QLatin1String("payload_off"),
                          command_(RemoteProtocol::Action::ScreenPower, {{"on", false}}));
     screen.second.insert(QLatin1String("state_topic"), status);
-    screen.second.insert(QLatin1String("value_template"),
-                         QLatin1String("{{ 'OFF' if value_json.state == 'screen-off' else 'ON' }}"));
+    screen.second.insert(
+        QLatin1String("value_template"),
+        QLatin1String("{{ 'OFF' if value_json.state == 'screen-off' else 'ON' }}"));
     screen.second.insert(QLatin1String("state_on"), QLatin1String("ON"));
     screen.second.insert(QLatin1String("state_off"), QLatin1String("OFF"));
     configs << qMakePair(screen.first, compact(screen.second));
 
     auto next = entity("button", "next", "Next", "mdi:skip-next");
     next.second.insert(QLatin1String("command_topic"), command);
-    next.second.insert(QLatin1String("payload_press"),
-                       command_(RemoteProtocol::Action::Next, {}));
+    next.second.insert(QLatin1String("payload_press"), command_(RemoteProtocol::Action::Next, {}));
     configs << qMakePair(next.first, compact(next.second));
 
     auto pause = entity("button", "pause", "Pause", "mdi:play-pause");
@@ -337,10 +337,10 @@ void Fleet::setState(State state)
 void Fleet::publishStatus()
 {
     const State state = m_screenOff ? State::ScreenOff : m_state;
-    m_link->publish(topic(m_playerId, "status"),
-                    statusPayload(state, m_item, m_kind, m_loop, m_since,
-                                  m_uptime.elapsed() / 1000),
-                    0, true, 0, true);
+    m_link->publish(
+        topic(m_playerId, "status"),
+        statusPayload(state, m_item, m_kind, m_loop, m_since, m_uptime.elapsed() / 1000), 0, true,
+        0, true);
     // Every publication counts as the periodic one.
     if (m_statusTimer.interval() > 0)
         m_statusTimer.start();
@@ -394,11 +394,11 @@ void Fleet::onFailed(const QString &reason, bool refused)
     if (reason == m_lastFailure)
         return;
     m_lastFailure = reason;
-    const QString text = refused
-                             ? QStringLiteral("Fleet broker %1 refused the connection: %2")
-                                   .arg(m_address, reason)
-                             : QStringLiteral("Fleet broker %1 unreachable: %2; trying again")
-                                   .arg(m_address, reason);
+    const QString text
+        = refused
+              ? QStringLiteral("Fleet broker %1 refused the connection: %2").arg(m_address, reason)
+              : QStringLiteral("Fleet broker %1 unreachable: %2; trying again")
+                    .arg(m_address, reason);
     qWarning().noquote() << text;
     Logger::logWarning(text);
 }
@@ -429,8 +429,8 @@ bool Fleet::takeCommandToken()
 {
     // A broker that floods commands gets a few through and the rest dropped, so the show keeps
     // its time.
-    m_commandTokens = qMin<double>(CommandBurst,
-                                   m_commandTokens + m_commandClock.restart() / 1000.0);
+    m_commandTokens
+        = qMin<double>(CommandBurst, m_commandTokens + m_commandClock.restart() / 1000.0);
     if (m_commandTokens < 1) {
         if (!m_commandsThrottled)
             qWarning() << "Fleet commands dropped: too many.";
@@ -454,8 +454,8 @@ void Fleet::sendScreenshot()
 {
     const QFileInfo info(Screenshot::path());
     QFile file(info.filePath());
-    if (!info.exists() || info.lastModified().msecsTo(QDateTime::currentDateTime())
-                              > FreshScreenshotMs
+    if (!info.exists()
+        || info.lastModified().msecsTo(QDateTime::currentDateTime()) > FreshScreenshotMs
         || !file.open(QIODevice::ReadOnly)) {
         qWarning() << "Fleet screenshot: no picture to send.";
         return;

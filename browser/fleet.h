@@ -55,10 +55,10 @@ public:
     static QByteArray topic(const QString &playerId, const char *name);
     // Letters, digits, "-", "_" and "." are kept; anything else becomes "_".
     static QString safeId(const QString &id);
-    static QByteArray statusPayload(State state, const QString &item, const QString &kind,
-                                    int loop, const QDateTime &since, qint64 uptimeSeconds);
-    static QJsonObject playedRecord(const QString &url, const QString &kind,
-                                    const QDateTime &start, const QDateTime &end);
+    static QByteArray statusPayload(State state, const QString &item, const QString &kind, int loop,
+                                    const QDateTime &since, qint64 uptimeSeconds);
+    static QJsonObject playedRecord(const QString &url, const QString &kind, const QDateTime &start,
+                                    const QDateTime &end);
     static QByteArray offlinePayload();
     // Home Assistant discovery: topic and retained configuration of each entity.
     static QList<QPair<QByteArray, QByteArray>> discovery(const QString &playerId);

@@ -75,14 +75,14 @@ struct FleetLink::Shared
     }
 
     // Runs f on the link's own thread, unless the link is gone.
-    template<typename F>
-    void post(F f)
+    template<typename F> void post(F f)
     {
         std::lock_guard<std::mutex> lock(mutex);
         if (!receiver)
             return;
         FleetLink *link = receiver;
-        QMetaObject::invokeMethod(link, [link, f] { f(link); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            link, [link, f] { f(link); }, Qt::QueuedConnection);
     }
 
     void postConnected(quint64 number)
@@ -293,9 +293,9 @@ void Session::sendWaiting()
 void Session::publishNow(const Outgoing &message)
 {
     int mid = 0;
-    const int rc = mosquitto_publish(m_mosq, &mid, message.topic.constData(),
-                                     message.payload.size(), message.payload.constData(),
-                                     message.qos, message.retain);
+    const int rc
+        = mosquitto_publish(m_mosq, &mid, message.topic.constData(), message.payload.size(),
+                            message.payload.constData(), message.qos, message.retain);
     if (rc == MOSQ_ERR_SUCCESS && message.tag != 0)
         m_tags[mid] = message.tag;
 }
@@ -377,9 +377,8 @@ void Session::onMessage(mosquitto *, void *data, const mosquitto_message *messag
     // Enough to tell that it is too large; the rest is never copied.
     const QByteArray payload(static_cast<const char *>(message->payload),
                              qMin(message->payloadlen, FleetLink::MaxIncomingBytes + 1));
-    of(data)->m_shared.post([topic, payload](FleetLink *link) {
-        Q_EMIT link->messageReceived(topic, payload);
-    });
+    of(data)->m_shared.post(
+        [topic, payload](FleetLink *link) { Q_EMIT link->messageReceived(topic, payload); });
 }
 
 void Session::onLog(mosquitto *, void *data, int level, const char *text)
@@ -401,9 +400,8 @@ void FleetLink::Shared::run(std::shared_ptr<Shared> self)
             if (!session.failure().isEmpty() && !self->isStopping()) {
                 const QString reason = session.failure();
                 const bool refused = session.refused();
-                self->post([reason, refused](FleetLink *link) {
-                    Q_EMIT link->failed(reason, refused);
-                });
+                self->post(
+                    [reason, refused](FleetLink *link) { Q_EMIT link->failed(reason, refused); });
             }
             if (session.acceptedForMs() >= SteadyConnectionMs)
                 delay = FirstRetryMs;
@@ -424,8 +422,8 @@ bool FleetLink::parseAddress(const QString &address, Options *options)
 {
     const QUrl url(address.trimmed(), QUrl::StrictMode);
     const QString scheme = url.scheme().toLower();
-    if (!url.isValid() || url.host().isEmpty() || (scheme != QLatin1String("mqtt")
-                                                   && scheme != QLatin1String("mqtts")))
+    if (!url.isValid() || url.host().isEmpty()
+        || (scheme != QLatin1String("mqtt") && scheme != QLatin1String("mqtts")))
         return false;
     options->tls = scheme == QLatin1String("mqtts");
     options->host = url.host();

@@ -3,6 +3,7 @@
 #include "logger.h"
 
 #include <QDebug>
+#include <QDir>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QSaveFile>
@@ -29,13 +30,11 @@ PlayedQueue::PlayedQueue(const QString &path, int capacity)
 {
 }
 
-PlayedQueue::~PlayedQueue()
-{
-    checkpoint();
-}
+PlayedQueue::~PlayedQueue() = default;
 
 bool PlayedQueue::open()
 {
+    QDir().mkpath(QFileInfo(m_path).absolutePath());
     m_entries.clear();
     QFile file(m_path);
     if (file.open(QIODevice::ReadOnly)) {
@@ -61,8 +60,8 @@ bool PlayedQueue::open()
             qWarning() << "Proof-of-play queue:" << unreadable << "unreadable lines skipped.";
         qint64 last = m_done;
         for (const QByteArray &record : std::as_const(records)) {
-            const qint64 seq = qint64(QJsonDocument::fromJson(record).object().value(
-                                   QLatin1String(seqKey)).toDouble());
+            const qint64 seq = qint64(
+                QJsonDocument::fromJson(record).object().value(QLatin1String(seqKey)).toDouble());
             // Only what is not done, and in order: a line repeated or out of place goes.
             if (seq <= last)
                 continue;
@@ -124,6 +123,8 @@ void PlayedQueue::dropOldest()
     qWarning().noquote() << text;
     Logger::logWarning(text);
     takeUpTo(seq);
+    // Rare, and said once: a restart must not drop and report the same record again.
+    checkpoint();
 }
 
 void PlayedQueue::checkpoint()
@@ -198,16 +199,14 @@ bool PlayedQueue::rewrite()
 bool PlayedQueue::appendLine(const QByteArray &text, qint64 *offset)
 {
     if (!m_journal.isOpen() && !m_journal.open(QIODevice::WriteOnly | QIODevice::Append)) {
-        qWarning() << "Proof-of-play queue cannot be written:" << m_path
-                   << m_journal.errorString();
+        qWarning() << "Proof-of-play queue cannot be written:" << m_path << m_journal.errorString();
         return false;
     }
     *offset = m_journal.size();
     // One write for the whole line, handed to the system at once: a crash of the player
     // cannot leave half of it in a buffer of ours.
     if (m_journal.write(text) != text.size() || !m_journal.flush()) {
-        qWarning() << "Proof-of-play queue cannot be written:" << m_path
-                   << m_journal.errorString();
+        qWarning() << "Proof-of-play queue cannot be written:" << m_path << m_journal.errorString();
         m_journal.close();
         return false;
     }

@@ -29,7 +29,8 @@ public:
     qint64 append(QJsonObject record);
     // The broker has the record, and every older one with it.
     void acknowledge(qint64 seq);
-    // Notes in the journal what has been taken since the last call.
+    // Notes in the journal what has been taken since the last call; until then a crash has
+    // those records sent again.
     void checkpoint();
 
     int size() const { return int(m_entries.size()); }

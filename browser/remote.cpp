@@ -60,6 +60,7 @@ const char commandReader[] = R"((function (actions) {
         out.data = data;
         try {
             var v = evaluate('(' + source + ')');
+            out.isObject = isObject(v);
             out.action = isObject(v) ? action(v.action) : 0;
             var d = isObject(v) ? v.data : undefined;
             switch (out.action) {
@@ -221,7 +222,9 @@ int Remote::handle(const QByteArray &datagram, Origin origin)
     m_lastAborted = aborted;
     if (aborted)
         qDebug() << "Remote datagram evaluation aborted after" << MaxEvaluationMs << "ms.";
-    if ((aborted || !command.isObject()) && origin == Origin::Fleet) {
+    if (origin == Origin::Fleet
+        && (aborted || !command.isObject()
+            || !command.property(QStringLiteral("isObject")).toBool())) {
         qWarning() << "Fleet command ignored: not a command object.";
         return -1;
     }
