@@ -107,6 +107,11 @@ QString desktopBackupDir()
     return path(QStringLiteral("desktop-backup"));
 }
 
+QString playedQueue()
+{
+    return path(QStringLiteral("played-queue"));
+}
+
 QString maintenanceDataDir()
 {
     return QStringLiteral("/home/pi/.vorsane-kiosk/data/");

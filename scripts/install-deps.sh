@@ -24,6 +24,8 @@ packages=(
     libvlc-dev vlc-plugin-base libproxy-dev libcrypt-dev libre2-dev
     # the remote-control web server
     libcpp-httplib-dev
+    # the fleet's MQTT client; the broker and its command-line clients for the tests
+    libmosquitto-dev mosquitto mosquitto-clients
     # video: libVLC's X11 outputs (the base plugins decode H.264, H.265 and VP9), its plugin
     # cache (without it every start loads all ~370 plugins: seconds on a small board), and the
     # VA-API drivers for hardware decoding where the machine has it
@@ -41,6 +43,8 @@ packages=(
     v4l-utils
     # test media
     ffmpeg
+    # the fleet tests' certificate authority
+    openssl
     # the remote page's browser test
     chromium chromium-driver python3-selenium
 )

@@ -414,3 +414,19 @@ QString DisplayPower::method()
     Method *chosen = chosenMethod();
     return chosen ? chosen->name() : QString();
 }
+
+void DisplayPower::setOn(bool on)
+{
+    if (on)
+        DisplayPower::on();
+    else
+        off();
+}
+
+void DisplayPower::ensureOn()
+{
+    if (!isOff())
+        return;
+    qDebug() << "Display was off; switching it back on.";
+    on();
+}

@@ -12,6 +12,9 @@ class DisplayPower
 public:
     static void off();
     static void on();
+    static void setOn(bool on);
+    // Switches a display that is off back on, saying so.
+    static void ensureOn();
     // The state read back from the display where the way allows it, else the last one asked for.
     static bool isOff();
     // The way in use here ("tvservice", "vcgencmd", "wlopm", "sway", "wlr-randr", "dpms", "cec"),
