@@ -240,7 +240,7 @@ QList<QPair<QByteArray, QByteArray>> Fleet::discovery(const QString &playerId)
                                        + '/' + object + "/config";
         return qMakePair(configTopic, config);
     };
-    const auto command_ = [](RemoteProtocol::Action action, const QJsonObject &data) {
+    const auto commandText = [](RemoteProtocol::Action action, const QJsonObject &data) {
         QJsonObject object;
         object.insert(QLatin1String("action"), RemoteProtocol::code(action));
         if (!data.isEmpty())
@@ -260,9 +260,9 @@ QList<QPair<QByteArray, QByteArray>> Fleet::discovery(const QString &playerId)
     auto screen = entity("switch", "screen", "Screen", "mdi:monitor");
     screen.second.insert(QLatin1String("command_topic"), command);
     screen.second.insert(QLatin1String("payload_on"),
-                         command_(RemoteProtocol::Action::ScreenPower, {{"on", true}}));
+                         commandText(RemoteProtocol::Action::ScreenPower, {{"on", true}}));
     screen.second.insert(QLatin1String("payload_off"),
-                         command_(RemoteProtocol::Action::ScreenPower, {{"on", false}}));
+                         commandText(RemoteProtocol::Action::ScreenPower, {{"on", false}}));
     screen.second.insert(QLatin1String("state_topic"), status);
     screen.second.insert(
         QLatin1String("value_template"),
@@ -273,13 +273,13 @@ QList<QPair<QByteArray, QByteArray>> Fleet::discovery(const QString &playerId)
 
     auto next = entity("button", "next", "Next", "mdi:skip-next");
     next.second.insert(QLatin1String("command_topic"), command);
-    next.second.insert(QLatin1String("payload_press"), command_(RemoteProtocol::Action::Next, {}));
+    next.second.insert(QLatin1String("payload_press"), commandText(RemoteProtocol::Action::Next, {}));
     configs << qMakePair(next.first, compact(next.second));
 
     auto pause = entity("button", "pause", "Pause", "mdi:play-pause");
     pause.second.insert(QLatin1String("command_topic"), command);
     pause.second.insert(QLatin1String("payload_press"),
-                        command_(RemoteProtocol::Action::Pause, {}));
+                        commandText(RemoteProtocol::Action::Pause, {}));
     configs << qMakePair(pause.first, compact(pause.second));
     return configs;
 }
@@ -287,6 +287,10 @@ QList<QPair<QByteArray, QByteArray>> Fleet::discovery(const QString &playerId)
 void Fleet::onItemShown(const PlaylistItemPtr &item, int loop)
 {
     endRecord();
+    // The show switches the screen back on when a screen-off period gives way to an item.
+    const bool idle = item && item->type == PlaylistItem::Idle;
+    if (m_state == State::ScreenOff && !idle)
+        m_screenOff = false;
     if (item) {
         m_item = Downloader::originalAddress(item->url);
         m_kind = kindName(item->type);
@@ -298,7 +302,7 @@ void Fleet::onItemShown(const PlaylistItemPtr &item, int loop)
     }
     m_loop = loop;
     m_since = QDateTime::currentDateTime();
-    setState(item && item->type == PlaylistItem::Idle ? State::ScreenOff : State::Playing);
+    setState(idle ? State::ScreenOff : State::Playing);
 }
 
 void Fleet::onSessionStarted(const QUrl &url)
