@@ -136,7 +136,7 @@ int main(int argc, char *argv[])
     QDir().mkpath(media);
     QDir().mkpath(stubs);
     // Desktop commands the program runs are answered by stand-ins that do nothing.
-    for (const char *name : {"launchdock", "amixer", "unclutter", "pkill", "xmodmap", "xset",
+    for (const char *name : {"launchdock", "amixer", "pkill", "xmodmap", "xset",
                              "gksu", "xscreensaver-command", "sudo", "chvt", "unzip", "pgrep"}) {
         const QString path = stubs + QLatin1Char('/') + QLatin1String(name);
         write(path, "#!/bin/sh\nexit 0\n");

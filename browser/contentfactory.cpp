@@ -17,7 +17,8 @@
 #include <QUrl>
 
 namespace {
-const char nothingToDisplayUrl[] = "file://:/image/nothing_to_display.png";
+const char nothingToDisplayAddress[] = "file://:/image/nothing_to_display.png";
+const char placeholderName[] = "nothingToDisplay";
 } // namespace
 
 ContentFactory::ContentFactory(QWidget *viewer, Settings *settings, QObject *parent)
@@ -46,9 +47,21 @@ bool ContentFactory::skippedByExtension(const QString &url)
 QWidget *ContentFactory::nothingToDisplay()
 {
     qDebug() << "Nothing to display.";
-    PlaylistItem placeholder(QString::fromLatin1(nothingToDisplayUrl), PlaylistItem::Image, 10,
+    PlaylistItem placeholder(QString::fromLatin1(nothingToDisplayAddress), PlaylistItem::Image, 10,
                              false, QStringList());
-    return new Image(&placeholder, m_viewer);
+    auto *image = new Image(&placeholder, m_viewer);
+    image->setObjectName(QLatin1String(placeholderName));
+    return image;
+}
+
+QString ContentFactory::nothingToDisplayUrl()
+{
+    return QString::fromLatin1(nothingToDisplayAddress);
+}
+
+bool ContentFactory::isPlaceholder(const QWidget *widget)
+{
+    return widget && widget->objectName() == QLatin1String(placeholderName);
 }
 
 QWidget *ContentFactory::sessionWidget(const QUrl &url)

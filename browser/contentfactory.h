@@ -4,6 +4,7 @@
 
 #include <QObject>
 
+class QString;
 class QUrl;
 class QWidget;
 class Settings;
@@ -25,6 +26,8 @@ public:
     // still run, an item whose cache file is missing is passed over.
     QWidget *widgetFor(const PlaylistItemPtr &item, const PlaylistLoopPtr &loop, bool downloading);
     QWidget *nothingToDisplay();
+    static bool isPlaceholder(const QWidget *widget);
+    static QString nothingToDisplayUrl();
     // The web session's browser, at url or its default address.
     QWidget *sessionWidget(const QUrl &url);
     // The remote-control page in a browser of its own.

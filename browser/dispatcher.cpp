@@ -59,6 +59,7 @@ Dispatcher::Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject 
     connect(m_remote, &Remote::screenshot, this, &Dispatcher::shootScreen);
     connect(m_remote, &Remote::text, m_viewer, &Viewer::showText);
     connect(m_remote, &Remote::readUrl, m_viewer, &Viewer::showUrl);
+    connect(m_remote, &Remote::screenPower, this, &DisplayPower::setOn);
 
     m_mode = m_settings->mode();
 
@@ -160,8 +161,7 @@ void Dispatcher::startSlideshow()
 
     if (!m_parser && !local && startFromKeptCopy(defaultDuration))
         return;
-    // With a show on screen, a playlist from the network is fetched and cached behind it and
-    // takes over at the next item.
+    // With a show on screen, a new playlist is cached behind it and takes over at the next item.
     m_behindShow = m_parser && !local;
     std::unique_ptr<PlaylistParser> parser(PlaylistParser::get(defaultDuration, url, m_viewer));
     if (m_lastEdit.serverMode())
@@ -244,7 +244,10 @@ void Dispatcher::showLoopNext()
         endIdle();
     }
     m_nextWidget = widget;
-    view_next();
+    const PlaylistItemPtr shown = m_content->isPlaceholder(widget) ? nullptr : item;
+    const int loop = m_parser->getLoops().indexOf(m_positions.currentLoop());
+    if (view_next())
+        Q_EMIT itemShown(shown, shown ? loop : -1);
 }
 
 QWidget *Dispatcher::nextWidget(PlaylistItemPtr &item)
@@ -366,6 +369,7 @@ bool Dispatcher::startBrowser(QUrl url)
     const bool started = view_next();
     execHook(QStringLiteral("session-start"));
     m_state = 1;
+    Q_EMIT sessionStarted(url);
     connect(m_viewer, &Viewer::mouseEvent, this, &Dispatcher::onMouseEvent, Qt::UniqueConnection);
     return started;
 }
@@ -397,10 +401,7 @@ void Dispatcher::finalize()
 
 void Dispatcher::endIdle()
 {
-    if (!DisplayPower::isOff())
-        return;
-    qDebug() << "Display was off; switching it back on.";
-    DisplayPower::on();
+    DisplayPower::ensureOn();
 }
 
 void Dispatcher::startRemote()

@@ -68,6 +68,12 @@ public Q_SLOTS:
     void startNoScreensaver(int exitCode, QProcess::ExitStatus status);
     void disableScreensaver();
 
+Q_SIGNALS:
+    // What the screen shows from now on: an item (null for the "nothing to display" picture) at
+    // the position of its loop among the playlist's loops (-1: none), or a web session.
+    void itemShown(PlaylistItemPtr item, int loop);
+    void sessionStarted(QUrl url);
+
 private:
     void execHook(const QString &name);
     void startRemote();

@@ -64,6 +64,18 @@ QString Downloader::cacheName(const QString &address)
         .replace(QLatin1Char('/'), QLatin1Char('-'));
 }
 
+QString Downloader::originalAddress(const QString &url)
+{
+    const QString prefix = QStringLiteral("file://") + StatePaths::dataDir() + QLatin1Char('/');
+    if (!url.startsWith(prefix))
+        return url;
+    QString name = url.mid(prefix.size());
+    const QByteArray decoded
+        = QByteArray::fromBase64(name.replace(QLatin1Char('-'), QLatin1Char('/')).toLatin1(),
+                                 QByteArray::AbortOnBase64DecodingErrors);
+    return decoded.isEmpty() ? url : QString::fromUtf8(decoded);
+}
+
 void Downloader::start()
 {
     // Deferred, so that a walk with nothing to fetch still ends after the caller has started

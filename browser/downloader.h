@@ -26,6 +26,8 @@ public:
 
     // The cache file name of an address: base64 of its UTF-8 bytes, "/" turned into "-".
     static QString cacheName(const QString &address);
+    // The address a cache file was fetched from; the url itself when it is no cache file.
+    static QString originalAddress(const QString &url);
 
 public Q_SLOTS:
     void start();

@@ -1,8 +1,10 @@
 #include "commandlineparser.h"
 #include "dispatcher.h"
+#include "fleet.h"
 #include "installpaths.h"
 #include "logger.h"
 #include "proxyfactory.h"
+#include "settings.h"
 #include "signalrelay.h"
 #include "statepaths.h"
 #include "utils.h"
@@ -87,6 +89,8 @@ int run(int argc, char *argv[])
     Dispatcher dispatcher(&viewer, &parser);
     if (!dispatcher.isReady())
         return 1;
+    // Reports to the fleet's broker and takes its commands, when one is named.
+    const std::unique_ptr<Fleet> fleet = Fleet::create(&dispatcher, Settings::load(false, &parser));
 
     int code = 0;
     // A signal caught while the start-up waited (playlist, downloads) ends the program here:

@@ -11,6 +11,9 @@
 
 #include <utility>
 
+#include <linux/magic.h>
+#include <sys/vfs.h>
+
 namespace {
 
 QMap<PlaylistItem::Type, QString> &typeNames()
@@ -26,8 +29,11 @@ PlaylistItem::Type guessType(const QString &text)
         const QFileInfo info(url.toLocalFile());
         if (info.isDir())
             return PlaylistItem::Directory;
-        // A FIFO, socket or device would block whoever opens it: never content.
-        if (info.exists() && !info.isFile()) {
+        // A FIFO, socket or device, or a file of the kernel's own like /proc/kmsg, would block
+        // whoever opens it: never content.
+        if (info.exists()
+            && (!info.isFile()
+                || PlaylistItem::onKernelFileSystem(QFile::encodeName(info.filePath())))) {
             qWarning() << "Not shown:" << info.filePath() << "is not a regular file";
             return PlaylistItem::NotSupported;
         }
@@ -150,6 +156,28 @@ PlaylistItem *PlaylistItem::fromXmlNode(QDomNode *node)
 PlaylistItem *PlaylistItem::idle()
 {
     return new PlaylistItem(QString(), Idle, 60, false, QStringList());
+}
+
+bool PlaylistItem::onKernelFileSystem(const QByteArray &path)
+{
+    struct statfs system = {};
+    if (statfs(path.constData(), &system) != 0)
+        return false;
+    switch (static_cast<unsigned long>(system.f_type)) {
+    case PROC_SUPER_MAGIC:
+    case SYSFS_MAGIC:
+    case DEBUGFS_MAGIC:
+    case TRACEFS_MAGIC:
+    case SECURITYFS_MAGIC:
+    case CGROUP_SUPER_MAGIC:
+    case CGROUP2_SUPER_MAGIC:
+    case BPF_FS_MAGIC:
+    case PSTOREFS_MAGIC:
+    case EFIVARFS_MAGIC:
+        return true;
+    default:
+        return false;
+    }
 }
 
 QString PlaylistItem::typeToStr(PlaylistItem::Type type)

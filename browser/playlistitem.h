@@ -38,6 +38,9 @@ public:
     static PlaylistItem *fromXmlNode(QDomNode *node);
     static PlaylistItem *idle();
     static QString typeToStr(PlaylistItem::Type type);
+    // Whether a path lies on one of the kernel's own file systems (/proc, /sys...): no content,
+    // and some of their files block whoever reads them (/proc/kmsg).
+    static bool onKernelFileSystem(const QByteArray &path);
     static void initStrings();
 
     QString url;

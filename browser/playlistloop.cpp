@@ -283,6 +283,9 @@ bool PlaylistLoop::addDirectoryInItems(const QString &directory, int duration)
 
 void PlaylistLoop::collectFiles(const QByteArray &directory, QList<QByteArray> &paths)
 {
+    // /proc and /sys hold no content, only files that may block whoever reads them.
+    if (PlaylistItem::onKernelFileSystem(directory))
+        return;
     DIR *dir = opendir(directory.constData());
     if (!dir)
         return;

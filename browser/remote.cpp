@@ -2,14 +2,17 @@
 
 #include "statepaths.h"
 
+#include <QDateTime>
 #include <QDebug>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJSEngine>
 #include <QJSValue>
+#include <QJsonDocument>
 #include <QTimer>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -31,7 +34,7 @@ const char commandReader[] = R"((function (actions) {
         floor = Math.floor, ceil = Math.ceil, finite = isFinite, notANumber = isNaN,
         parse = parseInt, isDigits = RegExp.prototype.test.bind(/^\s*[+-]?\d+\s*$/);
     var GoTo = actions.GoTo, Text = actions.Text, ReadUrl = actions.ReadUrl,
-        RemoveDroppedFile = actions.RemoveDroppedFile;
+        RemoveDroppedFile = actions.RemoveDroppedFile, ScreenPower = actions.ScreenPower;
     var isObject = function (x) {
         return x !== null && (typeof x === 'object' || typeof x === 'function');
     };
@@ -60,6 +63,7 @@ const char commandReader[] = R"((function (actions) {
         out.data = data;
         try {
             var v = evaluate('(' + source + ')');
+            out.isObject = isObject(v);
             out.action = isObject(v) ? action(v.action) : 0;
             var d = isObject(v) ? v.data : undefined;
             switch (out.action) {
@@ -81,6 +85,11 @@ const char commandReader[] = R"((function (actions) {
                 break;
             case RemoveDroppedFile:
                 data.path = text(d, 'path');
+                break;
+            case ScreenPower:
+                // Only a real true or false: a missing or mistyped value switches nothing.
+                if (isObject(d) && typeof d.on === 'boolean')
+                    data.on = d.on;
                 break;
             }
             return out;
@@ -151,15 +160,45 @@ void Remote::processMessage()
         quint16 senderPort = 0;
         if (readDatagram(datagram.data(), datagram.size(), &sender, &senderPort) < 0)
             continue;
-        if (m_waiting.size() >= MaxWaiting) {
-            qDebug() << "Remote datagram dropped: too many commands waiting.";
-            continue;
-        }
-        m_waiting.append(datagram);
+        enqueue(datagram, Origin::Datagram);
     }
+}
+
+void Remote::enqueue(const QByteArray &command, Origin origin)
+{
+    const int nul = command.indexOf('\0');
+    const bool plain = QJsonDocument::fromJson(nul < 0 ? command : command.left(nul)).isObject();
+    if (!plain && origin == Origin::Datagram) {
+        const qint64 second = QDateTime::currentMSecsSinceEpoch() / 1000;
+        if (second != m_oddSecond) {
+            if (m_oddDropped > 0)
+                qWarning() << "Remote:" << m_oddDropped
+                           << "datagrams that are no JSON object dropped in one second.";
+            m_oddSecond = second;
+            m_oddInSecond = 0;
+            m_oddDropped = 0;
+        }
+        if (++m_oddInSecond > MaxOddPerSecond) {
+            ++m_oddDropped;
+            return;
+        }
+    }
+    if (m_waiting.size() >= MaxWaiting) {
+        // A real command makes room by pushing out the oldest odd one.
+        const auto odd = std::find_if(m_waiting.begin(), m_waiting.end(),
+                                      [](const Waiting &waiting) { return !waiting.plain; });
+        if (!plain || odd == m_waiting.end()) {
+            qDebug() << "Remote datagram dropped: too many commands waiting.";
+            if (origin == Origin::Fleet)
+                Q_EMIT fleetCommandDone(-1, false);
+            return;
+        }
+        m_waiting.erase(odd);
+    }
+    m_waiting.append({command, origin, plain});
     // One command per pass of the event loop: a steady stream of them (a page asking for
     // screenshots as fast as they are written) must not keep the show's timers from running.
-    if (!m_waiting.isEmpty() && !m_turnScheduled) {
+    if (!m_turnScheduled) {
         m_turnScheduled = true;
         QTimer::singleShot(0, this, &Remote::handleOne);
     }
@@ -170,18 +209,25 @@ void Remote::handleOne()
     m_turnScheduled = false;
     if (m_waiting.isEmpty())
         return;
-    handle(m_waiting.takeFirst());
+    const Waiting waiting = m_waiting.takeFirst();
+    const int action = handle(waiting.command, waiting.origin);
+    if (waiting.origin == Origin::Fleet)
+        Q_EMIT fleetCommandDone(action, m_lastAborted);
     if (!m_waiting.isEmpty() && !m_turnScheduled) {
         m_turnScheduled = true;
         QTimer::singleShot(0, this, &Remote::handleOne);
     }
 }
 
-void Remote::handle(const QByteArray &datagram)
+int Remote::handle(const QByteArray &datagram, Origin origin)
 {
     const int nul = datagram.indexOf('\0');
-    const QString text = QString::fromLatin1(nul >= 0 ? datagram.left(nul) : datagram);
-    qDebug() << "Received DataGram:" << text;
+    const QByteArray bytes = nul >= 0 ? datagram.left(nul) : datagram;
+    // Datagrams are Latin-1 as they always were; MQTT payloads are UTF-8 by that protocol's rule.
+    const QString text
+        = origin == Origin::Fleet ? QString::fromUtf8(bytes) : QString::fromLatin1(bytes);
+    qDebug() << (origin == Origin::Fleet ? "Received fleet command:" : "Received DataGram:")
+             << text;
 
     QJSEngine engine;
     QJSValue command;
@@ -194,22 +240,31 @@ void Remote::handle(const QByteArray &datagram)
         actions.setProperty(QStringLiteral("Text"), code(Action::Text));
         actions.setProperty(QStringLiteral("ReadUrl"), code(Action::ReadUrl));
         actions.setProperty(QStringLiteral("RemoveDroppedFile"), code(Action::RemoveDroppedFile));
+        actions.setProperty(QStringLiteral("ScreenPower"), code(Action::ScreenPower));
         QJSValue reader = engine.evaluate(QLatin1String(commandReader)).call({actions});
         command = reader.call({QJSValue(text)});
         aborted = deadline.finish();
     }
+    m_lastAborted = aborted;
     if (aborted)
         qDebug() << "Remote datagram evaluation aborted after" << MaxEvaluationMs << "ms.";
+    if (origin == Origin::Fleet
+        && (aborted || !command.isObject()
+            || !command.property(QStringLiteral("isObject")).toBool())) {
+        qWarning() << "Fleet command ignored: not a command object.";
+        return -1;
+    }
     // A datagram that is not an object literal, or whose evaluation was cut off, acts as a
     // pause, as a script error always has.
     if (aborted || !command.isObject()) {
         Q_EMIT pause();
-        return;
+        return code(Action::Pause);
     }
 
     const QJSValue data = command.property(QStringLiteral("data"));
     const auto field = [&data](const char *name) { return data.property(QLatin1String(name)); };
-    switch (static_cast<Action>(command.property(QStringLiteral("action")).toInt())) {
+    const int action = command.property(QStringLiteral("action")).toInt();
+    switch (static_cast<Action>(action)) {
     case Action::Pause:
         Q_EMIT pause();
         break;
@@ -240,7 +295,14 @@ void Remote::handle(const QByteArray &datagram)
     case Action::RemoveDroppedFile:
         removeDroppedFile(field("path").toString());
         break;
+    case Action::ScreenPower:
+        if (field("on").isBool())
+            Q_EMIT screenPower(field("on").toBool());
+        break;
+    default:
+        return -1;
     }
+    return action;
 }
 
 void Remote::processGoTo(const QJSValue &value)

@@ -17,6 +17,11 @@ void Screenshot::removeOld()
         QFile::remove(QString::fromLatin1(screenshotPath));
 }
 
+QString Screenshot::path()
+{
+    return QString::fromLatin1(screenshotPath);
+}
+
 void Screenshot::take(QWidget *window, QWidget *content)
 {
     QPixmap picture;

@@ -1,5 +1,6 @@
 #pragma once
 
+class QString;
 class QWidget;
 
 // The picture of the current content that the remote server hands out, "/tmp/screen.png".
@@ -10,4 +11,5 @@ public:
     static void removeOld();
     // window is the viewer, content the widget it shows.
     static void take(QWidget *window, QWidget *content);
+    static QString path();
 };

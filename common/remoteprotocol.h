@@ -14,6 +14,8 @@ enum class Action : int {
     Loop = 6,
     ReadUrl = 7,
     RemoveDroppedFile = 8,
+    // 9 stays unused: senders of old used it for nothing, and it must keep doing nothing.
+    ScreenPower = 10,
 };
 
 constexpr int code(Action action)

@@ -12,6 +12,7 @@
 #include <QSettings>
 #include <QSqlDatabase>
 #include <QSqlQuery>
+#include <QSysInfo>
 #include <QUrl>
 
 #include <unistd.h>
@@ -33,6 +34,15 @@ namespace {
 const char currentVersion[] = "QFGLs6IVf1";
 const char makerHomePage[] = "https://www.vorsane.com/";
 const char launchdockConfig[] = "/home/pi/.config/launchdockrc";
+constexpr int DefaultFleetStatusInterval = 60;
+
+// The broker's credentials never reach a log line.
+QVariant loggable(const QString &key, const QVariant &value)
+{
+    if ((key == Prefs::FleetUser || key == Prefs::FleetPassword) && !value.toString().isEmpty())
+        return QStringLiteral("(hidden)");
+    return value;
+}
 
 const CommandLineParser *defaultParser()
 {
@@ -83,7 +93,7 @@ Settings::Settings(const CommandLineParser *parser)
     const QStringList keys = file.allKeys();
     for (const QString &key : keys) {
         const QVariant value = file.value(key);
-        qDebug() << key << "=" << value;
+        qDebug() << key << "=" << loggable(key, value);
         m_values.insert(key, value);
     }
     m_versionMissing = !keys.contains(QStringLiteral("main/version"));
@@ -159,6 +169,7 @@ void Settings::populateDefaults()
     m_values[QStringLiteral("slideshow/do_local_update")] = false;
     m_values[QStringLiteral("slideshow/hide_pointer")] = true;
     m_values[Prefs::Mute] = false;
+    m_values[Prefs::TvControl] = QStringLiteral("auto");
     m_values[QStringLiteral("slideshow/refresh_after_minutes")] = 30;
     m_values[QStringLiteral("slideshow/save_modifications")] = false;
     m_values[QStringLiteral("slideshow/stop_on_event")] = true;
@@ -175,6 +186,14 @@ void Settings::populateDefaults()
     m_values[QStringLiteral("network/proxy_passwd")] = QString();
     m_values[QStringLiteral("network/proxy_type")] = 0;
     m_values[QStringLiteral("network/proxy_uri")] = QString();
+    m_values[Prefs::FleetBroker] = QString();
+    // Empty means the host name, read when asked: a card image copied to many players must not
+    // carry one name for all of them.
+    m_values[Prefs::FleetPlayerId] = QString();
+    m_values[Prefs::FleetUser] = QString();
+    m_values[Prefs::FleetPassword] = QString();
+    m_values[Prefs::FleetCaFile] = QString();
+    m_values[Prefs::FleetStatusInterval] = DefaultFleetStatusInterval;
 }
 
 void Settings::readAutostarted()
@@ -316,6 +335,20 @@ bool Settings::mute() const
     return get(Prefs::Mute).toBool();
 }
 
+Settings::TvControl Settings::tvControl() const
+{
+    const QString value = get(Prefs::TvControl).toString().trimmed().toLower();
+    if (value == QLatin1String("dpms"))
+        return TvControl::Dpms;
+    if (value == QLatin1String("wayland"))
+        return TvControl::Wayland;
+    if (value == QLatin1String("cec"))
+        return TvControl::Cec;
+    if (value == QLatin1String("none"))
+        return TvControl::None;
+    return TvControl::Auto;
+}
+
 bool Settings::resize() const
 {
     return get(Prefs::Resize).toBool();
@@ -331,6 +364,39 @@ int Settings::defaultTime() const
     bool ok = false;
     const int seconds = get(QStringLiteral("slideshow/default_time")).toInt(&ok);
     return ok ? seconds : 5;
+}
+
+QString Settings::fleetBroker() const
+{
+    return get(Prefs::FleetBroker).toString().trimmed();
+}
+
+QString Settings::fleetPlayerId() const
+{
+    const QString id = get(Prefs::FleetPlayerId).toString().trimmed();
+    return id.isEmpty() ? QSysInfo::machineHostName() : id;
+}
+
+QString Settings::fleetUser() const
+{
+    return get(Prefs::FleetUser).toString();
+}
+
+QString Settings::fleetPassword() const
+{
+    return get(Prefs::FleetPassword).toString();
+}
+
+QString Settings::fleetCaFile() const
+{
+    return get(Prefs::FleetCaFile).toString();
+}
+
+int Settings::fleetStatusInterval() const
+{
+    bool ok = false;
+    const int seconds = get(Prefs::FleetStatusInterval).toInt(&ok);
+    return ok && seconds > 0 ? seconds : DefaultFleetStatusInterval;
 }
 
 void Settings::set(const QString &key, int value)
@@ -386,7 +452,7 @@ QString Settings::hookDirname() const
 void Settings::dump() const
 {
     for (auto it = m_values.cbegin(); it != m_values.cend(); ++it)
-        qDebug() << it.key() << it.value();
+        qDebug() << it.key() << loggable(it.key(), it.value());
     qDebug() << "hookdir:" << hookDirname();
 }
 
@@ -405,7 +471,7 @@ bool Settings::writePreferences(const QString &path)
         // The array interface adds its own "size" entry to every section.
         if (name == QLatin1String("size"))
             continue;
-        qDebug() << section << name << it.value();
+        qDebug() << section << name << loggable(it.key(), it.value());
         file.beginWriteArray(section);
         file.setValue(name, it.value());
         file.endArray();

@@ -35,6 +35,13 @@ inline const QString PlaylistUpdateMode = QStringLiteral("slideshow/playlist_upd
 inline const QString Resize = QStringLiteral("slideshow/resize");
 inline const QString Stretch = QStringLiteral("slideshow/stretch");
 inline const QString PlaylistUrl = QStringLiteral("slideshow/url");
+inline const QString TvControl = QStringLiteral("slideshow/tv_control");
+inline const QString FleetBroker = QStringLiteral("fleet/broker");
+inline const QString FleetPlayerId = QStringLiteral("fleet/player_id");
+inline const QString FleetUser = QStringLiteral("fleet/user");
+inline const QString FleetPassword = QStringLiteral("fleet/password");
+inline const QString FleetCaFile = QStringLiteral("fleet/ca_file");
+inline const QString FleetStatusInterval = QStringLiteral("fleet/status_interval");
 } // namespace Prefs
 
 // The process-wide preference store: built-in defaults overlaid by the INI preference file.
@@ -50,6 +57,9 @@ public:
     QVariant get(const QString &key) const;
 
     enum class Mode { Display, Kiosk, Other };
+    // How the screen is switched off and on: the first way that works here, X11 display power
+    // management, the Wayland compositor's output power, HDMI-CEC, or not at all.
+    enum class TvControl { Auto, Dpms, Wayland, Cec, None };
     // Where the playlist comes from: the local playlist file, or a content server (polled for its
     // last edit; the private variant asks another question). Any other value plays the address
     // in slideshow/pages without polling.
@@ -82,6 +92,17 @@ public:
     bool stretch() const;
     // Seconds an item without a time of its own is shown; 5 when the value is not a number.
     int defaultTime() const;
+    // slideshow/tv_control; an unknown value reads as Auto.
+    TvControl tvControl() const;
+    // mqtt://host:port or mqtts://host:port; empty: the player reports to no broker.
+    QString fleetBroker() const;
+    // The player's name in the fleet's topics: the preference, else the host name.
+    QString fleetPlayerId() const;
+    QString fleetUser() const;
+    QString fleetPassword() const;
+    QString fleetCaFile() const;
+    // Seconds between two status reports; the default for anything that is not a positive number.
+    int fleetStatusInterval() const;
 
     void set(const QString &key, int value);
     void set(const QString &key, QString value);

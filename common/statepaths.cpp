@@ -102,6 +102,21 @@ QString shortcutBackup()
     return path(QStringLiteral("xmodmap-backup"));
 }
 
+QString giveBackDir()
+{
+    return path(QStringLiteral("give-back"));
+}
+
+QString desktopBackupDir()
+{
+    return path(QStringLiteral("desktop-backup"));
+}
+
+QString playedQueue()
+{
+    return path(QStringLiteral("played-queue"));
+}
+
 QString maintenanceDataDir()
 {
     return QStringLiteral("/home/pi/.vorsane-kiosk/data/");

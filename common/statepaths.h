@@ -30,6 +30,9 @@ QString webProfile();       // the web engine's own storage (QtWebEngine's profi
 QString renderedTemplate(); // the text document rendered into the page template
 QString remoteServerLock(); // one companion server per user
 QString shortcutBackup();   // the key map saved before the shortcuts were taken away
+QString giveBackDir();      // how to give back what a run took from the desktop, one file each
+QString desktopBackupDir(); // the desktop's own files as they were before the show changed them
+QString playedQueue();      // proof-of-play records not yet taken by the fleet's broker
 // The maintenance runner's result folder: the desktop user's, whatever account runs the player.
 QString maintenanceDataDir();
 

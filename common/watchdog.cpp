@@ -80,8 +80,16 @@ void recordStalledPage(const QString &page)
         giveBack = s_giveBack;
     }
     for (auto it = giveBack.cbegin(); it != giveBack.cend(); ++it) {
-        for (const QStringList &command : it.value())
-            QProcess::startDetached(command.first(), command.mid(1));
+        // In order: a restored configuration file is read again only after it is back.
+        for (const QStringList &command : it.value()) {
+            QProcess process;
+            process.start(command.first(), command.mid(1));
+            if (process.waitForStarted(1000) && !process.waitForFinished(5000))
+                process.kill();
+            process.waitForFinished(1000);
+        }
+        // Given back now: the next start must not give it back a second time.
+        QFile::remove(StatePaths::giveBackDir() + QLatin1Char('/') + it.key());
         qWarning().noquote() << QStringLiteral("%1 given back.").arg(it.key());
     }
     std::fflush(nullptr);

@@ -36,8 +36,9 @@ public:
     // Adds the page to the stalled-pages list (also for a page whose script was ended without
     // ending the program).
     static void recordStall(const QUrl &url);
-    // The commands that give back what one part of the program changed on the desktop, run only
-    // when the program must end at once; an empty list when there is nothing to give back.
+    // The commands that give back what one part of the program changed on the desktop, run in
+    // order only when the program must end at once; an empty list when there is nothing to give
+    // back. A command that stays running must detach itself.
     static void setGiveBack(const QString &what, const QList<QStringList> &commands);
     // What is registered for one part now.
     static QList<QStringList> giveBack(const QString &what);

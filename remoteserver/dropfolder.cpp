@@ -9,6 +9,8 @@
 #include <QUuid>
 
 #include <cerrno>
+#include <map>
+#include <mutex>
 #include <unistd.h>
 
 namespace {
@@ -16,9 +18,51 @@ namespace {
 const int maxNameLength = 120;
 } // namespace
 
+struct DropFolder::Ledger
+{
+    std::mutex mutex;
+    // Bytes each upload in progress may still write.
+    std::map<quint64, qint64> outstanding;
+    quint64 next = 1;
+};
+
+DropFolder::Reservation::Reservation(Reservation &&other) noexcept
+    : m_ledger(std::move(other.m_ledger))
+    , m_id(other.m_id)
+{
+}
+
+DropFolder::Reservation &DropFolder::Reservation::operator=(Reservation &&other) noexcept
+{
+    if (this != &other) {
+        Reservation released(std::move(*this));
+        m_ledger = std::move(other.m_ledger);
+        m_id = other.m_id;
+    }
+    return *this;
+}
+
+DropFolder::Reservation::~Reservation()
+{
+    if (!m_ledger)
+        return;
+    std::lock_guard<std::mutex> lock(m_ledger->mutex);
+    m_ledger->outstanding.erase(m_id);
+}
+
+void DropFolder::Reservation::written(qint64 bytes)
+{
+    if (!m_ledger)
+        return;
+    std::lock_guard<std::mutex> lock(m_ledger->mutex);
+    qint64 &left = m_ledger->outstanding[m_id];
+    left = qMax<qint64>(0, left - bytes);
+}
+
 DropFolder::DropFolder(const QString &home)
     : m_path(StatePaths::dropFolder(home))
     , m_staging(StatePaths::uploadStaging(home))
+    , m_ledger(std::make_shared<Ledger>())
 {
 }
 
@@ -69,12 +113,27 @@ bool DropFolder::isAccepted(const QString &name)
            || mime == QLatin1String("text/plain");
 }
 
-bool DropFolder::hasRoomFor(qint64 bytes) const
+DropFolder::Reservation DropFolder::reserve(qint64 bytes) const
 {
+    Reservation reservation;
+    if (bytes < 0)
+        return reservation;
+    // Under the lock: two uploads asking at once must not both count the same free space.
+    std::lock_guard<std::mutex> lock(m_ledger->mutex);
     QStorageInfo storage(m_staging);
     if (!storage.isValid())
         storage.setPath(QFileInfo(m_staging).absolutePath());
-    return bytes >= 0 && storage.isValid() && bytes <= storage.bytesAvailable() - SpaceMargin;
+    if (!storage.isValid())
+        return reservation;
+    qint64 taken = 0;
+    for (const auto &entry : m_ledger->outstanding)
+        taken += entry.second;
+    if (bytes > storage.bytesAvailable() - SpaceMargin - taken)
+        return reservation;
+    reservation.m_ledger = m_ledger;
+    reservation.m_id = m_ledger->next++;
+    m_ledger->outstanding[reservation.m_id] = bytes;
+    return reservation;
 }
 
 QList<DropFolder::Entry> DropFolder::list() const

@@ -3,12 +3,36 @@
 #include <QList>
 #include <QString>
 
+#include <memory>
+
 // The drag-and-drop folder the slideshow plays first: upload names are cleaned, uploads are
 // written aside in a staging folder on the same file system and renamed in when complete, so
 // the slideshow never sees a partial file.
 class DropFolder
 {
+    struct Ledger;
+
 public:
+    // Room held on the disk for an upload in progress: others count it as taken until it ends,
+    // less what the upload has written so far, which the disk already counts.
+    class Reservation
+    {
+    public:
+        Reservation() = default;
+        Reservation(Reservation &&other) noexcept;
+        Reservation &operator=(Reservation &&other) noexcept;
+        ~Reservation();
+
+        bool isValid() const { return m_ledger != nullptr; }
+        // That many more bytes of the upload are on the disk.
+        void written(qint64 bytes);
+
+    private:
+        friend class DropFolder;
+        std::shared_ptr<Ledger> m_ledger;
+        quint64 m_id = 0;
+    };
+
     struct Entry
     {
         QString name;
@@ -30,8 +54,9 @@ public:
     static QString cleanName(const QString &name);
     // Pictures, videos, PDFs and HTML or text documents: what the slideshow can show.
     static bool isAccepted(const QString &name);
-    // Whether bytes more can be written and still leave the margin free.
-    bool hasRoomFor(qint64 bytes) const;
+    // Room for bytes more that still leaves the margin free beside the uploads in progress;
+    // invalid when there is none.
+    Reservation reserve(qint64 bytes) const;
 
     QList<Entry> list() const;
     // A staging file path for a new upload.
@@ -44,4 +69,5 @@ public:
 private:
     QString m_path;
     QString m_staging;
+    std::shared_ptr<Ledger> m_ledger;
 };

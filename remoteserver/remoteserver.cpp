@@ -1,6 +1,8 @@
 #include "remoteserver.h"
 
 #include "displaypower.h"
+#include "guardedhttpserver.h"
+#include "playlistparser.h"
 
 #include <QCryptographicHash>
 #include <QDebug>
@@ -10,8 +12,6 @@
 #include <QRegularExpression>
 #include <QUdpSocket>
 #include <QUrl>
-
-#include <httplib.h>
 
 #include <vector>
 
@@ -124,9 +124,10 @@ RemoteServer::RemoteServer(const Config &config)
     : m_config(config)
     , m_drop(config.home)
     , m_playlist(config.playlistPath)
-    , m_server(std::make_unique<httplib::Server>())
+    , m_server(std::make_unique<GuardedHttpServer>())
 {
     initPageResources();
+    route();
 }
 
 RemoteServer::~RemoteServer()
@@ -139,14 +140,13 @@ bool RemoteServer::start()
     if (!m_drop.ensureExists())
         qWarning() << "Remote server: cannot create" << m_drop.path();
     m_drop.clearStaging();
-    route();
     QString host = QStringLiteral("0.0.0.0");
     if (m_config.key.isEmpty()) {
         host = QStringLiteral("127.0.0.1");
         qWarning() << "Remote server: remote/key is empty, so only this machine may connect"
                    << "(listening on 127.0.0.1).";
     }
-    if (!m_server->bind_to_port(host.toStdString(), m_config.port)) {
+    if (!m_server->bindTo(host.toStdString(), m_config.port)) {
         qWarning() << "Remote server: cannot listen on" << host << "port" << m_config.port;
         return false;
     }
@@ -161,7 +161,13 @@ void RemoteServer::stop()
         return;
     m_server->stop();
     m_thread.join();
+    m_server->closeWaiting();
     m_drop.clearStaging();
+}
+
+std::string RemoteServer::answer(const std::string &input)
+{
+    return m_server->answer(input);
 }
 
 bool RemoteServer::keysMatch(const QByteArray &given, const QByteArray &expected)
@@ -174,6 +180,20 @@ bool RemoteServer::keysMatch(const QByteArray &given, const QByteArray &expected
     for (int i = 0; i < left.size(); ++i)
         difference |= static_cast<unsigned char>(left.at(i) ^ right.at(i));
     return difference == 0 && !expected.isEmpty();
+}
+
+bool RemoteServer::isWebAddress(const QString &address)
+{
+    // Checked as the slideshow will read it; blanks or control characters around or inside
+    // could make it read another address than the one checked.
+    for (const QChar c : address) {
+        if (c.isSpace() || c.category() == QChar::Other_Control)
+            return false;
+    }
+    const QUrl url(address);
+    return url.isValid()
+           && (url.scheme() == QLatin1String("http") || url.scheme() == QLatin1String("https"))
+           && !url.host().isEmpty();
 }
 
 bool RemoteServer::authorise(const httplib::Request &request, httplib::Response &response) const
@@ -255,13 +275,25 @@ void RemoteServer::route()
 {
     using httplib::Request;
     using httplib::Response;
-    httplib::Server &server = *m_server;
-    server.set_read_timeout(30, 0);
-    server.set_write_timeout(30, 0);
-    server.set_pre_routing_handler([this](const Request &request, Response &response) {
-        return admit(request, response) ? httplib::Server::HandlerResponse::Unhandled
-                                        : httplib::Server::HandlerResponse::Handled;
+    using HandlerResponse = httplib::Server::HandlerResponse;
+    GuardedHttpServer &server = *m_server;
+    // The upload's budget is its announced length: it was reserved on the disk by that.
+    server.setBodyLimit([](const Request &request) -> size_t {
+        if (request.method == "POST" && request.path == "/api/files")
+            return size_t(qMax<qint64>(contentLength(request), 0));
+        return size_t(MaxRequestBody);
     });
+    server.set_pre_routing_handler([this](const Request &request, Response &response) {
+        return admit(request, response) ? HandlerResponse::Unhandled : HandlerResponse::Handled;
+    });
+    server.set_error_handler(
+        httplib::Server::HandlerWithResponse([](const Request &, Response &response) {
+            if (!GuardedHttpServer::bodyTooLarge())
+                return HandlerResponse::Unhandled;
+            response.set_header("Connection", "close");
+            fail(response, 413, tr("The request is too large."));
+            return HandlerResponse::Handled;
+        }));
 
     for (const Endpoint &endpoint : s_endpoints) {
         // The server hands a body over as it arrives only to POST handlers; uploads are those.
@@ -300,11 +332,25 @@ bool RemoteServer::admit(const httplib::Request &request, httplib::Response &res
         response.set_content("Forbidden\n", "text/plain");
         return false;
     }
+    // The body is not read after any of these: the connection ends with the answer.
+    response.set_header("Connection", "close");
+    if (request.get_header_value_count("Content-Length") > 1
+        || (request.has_header("Content-Length") && request.has_header("Transfer-Encoding"))) {
+        fail(response, 400, tr("The request states its length twice."));
+        return false;
+    }
+    // Decompressed, a small body could grow without bound.
+    const QByteArray encoding
+        = QByteArray::fromStdString(request.get_header_value("Content-Encoding")).trimmed();
+    if (!encoding.isEmpty() && encoding.compare("identity", Qt::CaseInsensitive) != 0) {
+        fail(response, 415, tr("Compressed request bodies are not accepted."));
+        return false;
+    }
     if (request.path != "/api/files" && contentLength(request) > MaxRequestBody) {
-        response.set_header("Connection", "close");
         fail(response, 413, tr("The request is too large."));
         return false;
     }
+    response.headers.erase("Connection");
     return true;
 }
 
@@ -337,10 +383,22 @@ void RemoteServer::postCommand(const httplib::Request &request, httplib::Respons
     const QJsonObject command = jsonBody(request);
     const QByteArray message = datagram(command);
     // Files are removed through DELETE /api/files, which checks the name first.
+    const int action = command.value(QStringLiteral("action")).toInt(-1);
     if (message.isEmpty()
-        || command.value(QStringLiteral("action")).toInt(-1)
-               == RemoteProtocol::code(RemoteProtocol::Action::RemoveDroppedFile))
+        || action == RemoteProtocol::code(RemoteProtocol::Action::RemoveDroppedFile))
         return fail(response, 400, tr("Unknown command."));
+    // Local files and script addresses would put what the machine holds on the public screen;
+    // local content comes through uploads.
+    if (action == RemoteProtocol::code(RemoteProtocol::Action::ReadUrl)) {
+        const QString url = command.value(QStringLiteral("data"))
+                                .toObject()
+                                .value(QStringLiteral("url"))
+                                .toString();
+        if (!isWebAddress(url))
+            return fail(response, 400,
+                        tr("Only http and https addresses can be shown (for example "
+                           "https://example.com/); other content can be uploaded."));
+    }
     if (!send(message))
         return fail(response, 502, tr("The command could not be sent to the slideshow."));
     reply(response, 200, QJsonObject{{QStringLiteral("sent"), QString::fromLatin1(message)}});
@@ -350,8 +408,15 @@ void RemoteServer::getLoops(const httplib::Request &, httplib::Response &respons
 {
     QFile file(m_config.loopsPath);
     QByteArray text;
-    if (file.open(QIODevice::ReadOnly))
-        text = file.readAll();
+    // Read up to one piece over the limit, which is enough to refuse it.
+    if (file.open(QIODevice::ReadOnly)) {
+        while (text.size() <= PlaylistParser::MaxDocumentBytes && !file.atEnd()) {
+            const QByteArray piece = file.read(64 * 1024);
+            if (piece.isEmpty())
+                break;
+            text += piece;
+        }
+    }
     std::lock_guard<std::mutex> lock(m_files);
     reply(response, 200, QJsonObject{{QStringLiteral("loops"), PlaylistFile::loops(text)}});
 }
@@ -406,8 +471,14 @@ void RemoteServer::postPlaylist(const httplib::Request &request, httplib::Respon
     QString error;
     {
         std::lock_guard<std::mutex> lock(m_files);
-        if (!m_playlist.replace(text, &error))
+        switch (m_playlist.replace(text, &error)) {
+        case PlaylistFile::Outcome::Saved:
+            break;
+        case PlaylistFile::Outcome::Refused:
             return fail(response, 422, error);
+        case PlaylistFile::Outcome::NotWritten:
+            return fail(response, 507, error);
+        }
     }
     send(datagram(QJsonObject{
         {QStringLiteral("action"), RemoteProtocol::code(RemoteProtocol::Action::Restart)}}));
@@ -436,7 +507,9 @@ void RemoteServer::upload(const httplib::Request &request, httplib::Response &re
     const qint64 length = contentLength(request);
     if (length < 0)
         return fail(response, 411, tr("The upload must state its length."));
-    if (!m_drop.hasRoomFor(length))
+    // Held until the upload ends, so that uploads at the same time cannot share the room.
+    DropFolder::Reservation room = m_drop.reserve(length);
+    if (!room.isValid())
         return fail(response, 507, tr("Not enough free disk space for this upload."));
 
     std::vector<StagedUpload> uploads;
@@ -458,7 +531,8 @@ void RemoteServer::upload(const httplib::Request &request, httplib::Response &re
             upload.name = name;
             upload.staged = m_drop.stagingFile();
             upload.file = std::make_unique<QFile>(upload.staged);
-            if (!upload.file->open(QIODevice::WriteOnly)) {
+            // Unbuffered: what is counted as written is on the disk.
+            if (!upload.file->open(QIODevice::WriteOnly | QIODevice::Unbuffered)) {
                 writeFailed = true;
                 return false;
             }
@@ -473,6 +547,7 @@ void RemoteServer::upload(const httplib::Request &request, httplib::Response &re
                 writeFailed = true;
                 return false;
             }
+            room.written(qint64(size));
             return true;
         });
 

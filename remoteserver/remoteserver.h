@@ -10,18 +10,21 @@
 
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
+
+class GuardedHttpServer;
 
 namespace httplib {
 class ContentReader;
-class Server;
 struct Request;
 struct Response;
 } // namespace httplib
 
 // The remote-control web server: a small page and a JSON API that send the slideshow its
 // datagrams, take uploads into the drag-and-drop folder, replace the local playlist and switch
-// the screen. Requests are served on a pool of threads; file work is serialised by one mutex.
+// the screen. Requests are served on a pool of threads, with the limits of GuardedHttpServer;
+// file work is serialised by one mutex.
 class RemoteServer
 {
     Q_DECLARE_TR_FUNCTIONS(RemoteServer)
@@ -43,7 +46,7 @@ public:
     };
 
     static constexpr const char *CookieName = "vorsane_remote";
-    // Anything but an upload carries at most this much.
+    // Anything but an upload carries at most this much, as sent (chunk framing included).
     static constexpr qint64 MaxRequestBody = 2 * 1024 * 1024;
 
     explicit RemoteServer(const Config &config);
@@ -57,6 +60,12 @@ public:
     // the fields that command reads; empty for an unknown command.
     static QByteArray datagram(const QJsonObject &command);
     static bool keysMatch(const QByteArray &given, const QByteArray &expected);
+    // What "show a web address" may show: an http or https address with a host.
+    static bool isWebAddress(const QString &address);
+
+    // Answers the requests in input as one connection from this machine would get them, without
+    // a socket (for fuzzing the handlers); returns the bytes sent back.
+    std::string answer(const std::string &input);
 
 private:
     using Handler = void (RemoteServer::*)(const httplib::Request &, httplib::Response &);
@@ -94,7 +103,7 @@ private:
     Config m_config;
     DropFolder m_drop;
     PlaylistFile m_playlist;
-    std::unique_ptr<httplib::Server> m_server;
+    std::unique_ptr<GuardedHttpServer> m_server;
     std::thread m_thread;
     mutable std::mutex m_files;
 };

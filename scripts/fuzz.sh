@@ -8,7 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
 build_dir=${FUZZ_BUILD_DIR:-build-fuzz}
-targets=(xmlplaylist flatplaylist desktoplink cachetag cookierow datagram restriction)
+targets=(xmlplaylist flatplaylist desktoplink cachetag cookierow datagram restriction remoteserver)
 if [ -n "${FUZZ_TARGETS:-}" ]; then
     read -r -a targets <<<"$FUZZ_TARGETS"
 fi

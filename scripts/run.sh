@@ -1,12 +1,21 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs the slideshow on the bundled demo pictures. Without a
-# display it runs under Xvfb. Extra arguments go to the program.
+# display it runs under Xvfb. Extra arguments go to the program. The webengine flavour (Qt 6 +
+# QtWebEngine) by default; VORSANE_WEB_ENGINE=webkit runs the Qt 5 + QtWebKit one (Debian 12).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/install-deps.sh
+. scripts/flavours.sh
+flavour=$(flavours_for "${VORSANE_WEB_ENGINE:-webengine}" "$(debian_codename)") || exit 2
+[[ $flavour != *" "* ]] || { echo "run.sh runs one flavour: webengine or webkit." >&2; exit 2; }
+if ! tree_has_flavours; then
+    echo "This source tree builds only the Qt 5 + QtWebKit flavour: running that one."
+    flavour=webkit
+fi
+bash scripts/install-deps.sh "$flavour"
 # Its own build directory without the tests, so running never waits for the test programs.
-export BUILD_DIR=${BUILD_DIR:-build-run}
-bash scripts/build.sh -DVORSANE_BUILD_TESTS=OFF
+export BUILD_DIR=${BUILD_DIR:-build-run-$flavour}
+bash scripts/build.sh -DVORSANE_WEB_ENGINE="$flavour" -DVORSANE_BUILD_TESTS=OFF
+[ "$flavour" != webengine ] || sandbox_off_for_root
 
 # The program reads its HTML templates and translations from the data directory it was built for.
 data=$(sed -n 's/^#define VORSANE_DATA_DIR "\(.*\)"$/\1/p' "$BUILD_DIR/generated/installpaths.h")

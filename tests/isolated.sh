@@ -24,7 +24,8 @@ for path in "$PWD" "$@"; do
         top=${top%%/*}
         if [ ! -e "/tmp/$top" ]; then
             mkdir -p "/tmp/$top"
-            mount --bind "/proc/self/fd/3/$top" "/tmp/$top"
+            # Taken as given: canonicalised, the path would name the new, empty folder.
+            mount --no-canonicalize --bind "/proc/self/fd/3/$top" "/tmp/$top"
         fi
         ;;
     esac

@@ -134,7 +134,8 @@ void TestEndToEnd::remoteControl()
 
     QCOMPARE(kiosk.interrupt(), 2);
     QVERIFY(kiosk.log().contains("Caught signal 2"));
-    QCOMPARE(kiosk.fakes().callLines("xset").first(), QStringLiteral("dpms 0 0 0"));
+    // Screen power asks xset about the display beside it.
+    QVERIFY(kiosk.fakes().callLines("xset").contains(QStringLiteral("dpms 0 0 0")));
 }
 
 QTEST_GUILESS_MAIN(TestEndToEnd)

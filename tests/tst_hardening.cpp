@@ -43,7 +43,7 @@ private:
 bool TestHardening::start(KioskProcess &kiosk, const QByteArray &playlist)
 {
     kiosk.fakes().add("lxpanel");
-    kiosk.setEnvironment("XDG_CURRENT_DESKTOP", "LXDE");
+    kiosk.setEnvironment("XDG_CURRENT_DESKTOP", "LXDE-pi");
     return kiosk.start("#Vorsane playlist\n" + playlist,
                        "fullscreen=true\n[slideshow]\nmute=true\n");
 }
@@ -199,7 +199,7 @@ void TestHardening::endlessScriptEndsTheProgramNotTheShow()
                         200, {{"Content-Type", "text/html"}});
     KioskProcess kiosk;
     kiosk.fakes().add("lxpanel");
-    kiosk.setEnvironment("XDG_CURRENT_DESKTOP", "LXDE");
+    kiosk.setEnvironment("XDG_CURRENT_DESKTOP", "LXDE-pi");
     const QByteArray playlist = "#Vorsane playlist\n" + server.url("/endless.html").toEncoded()
                                 + " 1\n" + server.url("/again.html").toEncoded() + " 60\n";
 

@@ -25,6 +25,7 @@ private Q_SLOTS:
     void removeDroppedFile_data();
     void removeDroppedFile();
     void datagramsOnThePort();
+    void floodOfMalformedDatagrams();
 
 private:
     // Every signal the remote emits, written "name arguments..." in the order of emission.
@@ -237,6 +238,23 @@ void TestRemote::datagramsOnThePort()
         QCOMPARE(sender.writeDatagram(datagram, QHostAddress::LocalHost, RemoteProtocol::DatagramPort),
                  qint64(datagram.size()));
     QTRY_COMPARE(m_emitted, QStringList({"next", "goTo 2 0", "screenshot"}));
+}
+
+void TestRemote::floodOfMalformedDatagrams()
+{
+    // Far more than fit in the queue, in bursts as fast as the show reads them.
+    QUdpSocket sender;
+    for (int burst = 0; burst < 20; ++burst) {
+        for (int i = 0; i < 100; ++i)
+            sender.writeDatagram("garbage " + QByteArray::number(i), QHostAddress::LocalHost,
+                                 RemoteProtocol::DatagramPort);
+        QCoreApplication::processEvents();
+    }
+    sender.writeDatagram(R"({"action": 1})", QHostAddress::LocalHost,
+                         RemoteProtocol::DatagramPort);
+    QTRY_VERIFY(m_emitted.contains("next"));
+    // A handful of the flood acted as pauses; the rest never reached the show.
+    QVERIFY2(m_emitted.count("pause") <= 2 * 8, qPrintable(m_emitted.join(',')));
 }
 
 QTEST_GUILESS_MAIN(TestRemote)

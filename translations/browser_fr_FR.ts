@@ -119,6 +119,18 @@ Voulez-vous vraiment continuer ?</translation>
         <source>idle</source>
         <translation>veille</translation>
     </message>
+    <message>
+        <source>The playlist is refused: it is larger than %1 MiB.</source>
+        <translation>La liste de lecture est refusée : elle dépasse %1 Mio.</translation>
+    </message>
+    <message>
+        <source>The playlist is refused: it has a document type declaration (&lt;!DOCTYPE ...&gt;), which could declare entities; playlists must not have one.</source>
+        <translation>La liste de lecture est refusée : elle contient une déclaration de type de document (&lt;!DOCTYPE ...&gt;), qui pourrait déclarer des entités ; une liste de lecture ne doit pas en avoir.</translation>
+    </message>
+    <message>
+        <source>The playlist is refused: its elements are nested deeper than %1 levels.</source>
+        <translation>La liste de lecture est refusée : ses éléments sont imbriqués sur plus de %1 niveaux.</translation>
+    </message>
 </context>
 <context>
     <name>PlaylistParser</name>
@@ -301,6 +313,18 @@ Veuillez choisir l’option de liste de lecture locale ou connecter le système 
     <message>
         <source>Only pictures, videos, PDFs and HTML or text documents are accepted.</source>
         <translation>Seuls les images, vidéos, PDF et documents HTML ou texte sont acceptés.</translation>
+    </message>
+    <message>
+        <source>The request states its length twice.</source>
+        <translation>La requête indique sa longueur deux fois.</translation>
+    </message>
+    <message>
+        <source>Compressed request bodies are not accepted.</source>
+        <translation>Les corps de requête compressés ne sont pas acceptés.</translation>
+    </message>
+    <message>
+        <source>Only http and https addresses can be shown (for example https://example.com/); other content can be uploaded.</source>
+        <translation>Seules les adresses http et https peuvent être affichées (par exemple https://example.com/) ; les autres contenus peuvent être envoyés comme fichiers.</translation>
     </message>
 </context>
 <context>

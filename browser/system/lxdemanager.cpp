@@ -6,14 +6,8 @@
 
 namespace panel {
 
-namespace {
-QStringList lxpanelCommand()
-{
-    return {QStringLiteral("lxpanel"), QStringLiteral("--profile"), QStringLiteral("LXDE-pi")};
-}
-} // namespace
-
-LxdeManager::LxdeManager()
+LxdeManager::LxdeManager(Desktop::Kind desktop)
+    : m_profile(Desktop::lxdeProfile(desktop))
 {
     takeOver();
 }
@@ -23,21 +17,32 @@ LxdeManager::~LxdeManager()
     giveBack();
 }
 
+QStringList LxdeManager::command() const
+{
+    return {QStringLiteral("lxpanel"), QStringLiteral("--profile"), m_profile};
+}
+
 bool LxdeManager::hideImpl()
 {
+    const QString running
+        = Desktop::runningOption(QStringLiteral("lxpanel"), QStringLiteral("--profile"));
+    if (!running.isEmpty())
+        m_profile = running;
     // pkill answers 0 only when a panel was running, so nothing is restarted that never ran.
-    return Utils::runAndWait(QStringLiteral("pkill"), {QStringLiteral("lxpanel")}) == 0;
+    return Utils::runAndWait(QStringLiteral("pkill"),
+                             {QStringLiteral("-x"), QStringLiteral("lxpanel")})
+           == 0;
 }
 
 void LxdeManager::restoreImpl()
 {
-    const QStringList command = lxpanelCommand();
-    QProcess::startDetached(command.first(), command.mid(1));
+    const QStringList start = command();
+    QProcess::startDetached(start.first(), start.mid(1));
 }
 
 QList<QStringList> LxdeManager::giveBackCommands() const
 {
-    return {lxpanelCommand()};
+    return {detached(command())};
 }
 
 } // namespace panel

@@ -1,20 +1,26 @@
 #pragma once
 
+#include "desktop.h"
 #include "panelmanager.h"
 
 namespace panel {
 
-// The LXDE panel, lxpanel with the Raspberry Pi profile.
+// The LXDE panel, lxpanel, started again with the profile it ran with.
 class LxdeManager final : public Manager
 {
 public:
-    LxdeManager();
+    explicit LxdeManager(Desktop::Kind desktop);
     ~LxdeManager() override;
 
 protected:
     bool hideImpl() override;
     void restoreImpl() override;
     QList<QStringList> giveBackCommands() const override;
+
+private:
+    QStringList command() const;
+
+    QString m_profile;
 };
 
 } // namespace panel

@@ -1,6 +1,8 @@
 #include "panelmanager.h"
 
+#include "desktop.h"
 #include "lxdemanager.h"
+#include "wfpanelmanager.h"
 #include "xfcemanager.h"
 
 #include <QDebug>
@@ -14,26 +16,33 @@ bool shouldHide(bool fullscreen, bool passwordSet)
 {
     return fullscreen || passwordSet;
 }
-
-QString desktopName()
-{
-    QString name = QString::fromLocal8Bit(qgetenv("XDG_CURRENT_DESKTOP"));
-    if (name.isEmpty())
-        name = QString::fromLocal8Bit(qgetenv("DESKTOP_SESSION"));
-    return name.toUpper();
-}
 } // namespace
 
 std::unique_ptr<Manager> Manager::create(bool fullscreen, bool passwordSet)
 {
     if (!shouldHide(fullscreen, passwordSet))
         return nullptr;
-    const QString desktop = desktopName();
-    if (desktop.contains(QLatin1String("XFCE")))
+    const Desktop::Kind desktop = Desktop::detect();
+    switch (desktop) {
+    case Desktop::Kind::Lxde:
+    case Desktop::Kind::LxdePi:
+        return std::make_unique<LxdeManager>(desktop);
+    case Desktop::Kind::Xfce:
         return std::make_unique<XfceManager>();
-    if (desktop.contains(QLatin1String("LXDE")))
-        return std::make_unique<LxdeManager>();
+    case Desktop::Kind::Labwc:
+    case Desktop::Kind::Wayfire:
+        return std::make_unique<WfPanelManager>();
+    case Desktop::Kind::Sway:
+        // swaybar stays under a full-screen window by itself.
+    case Desktop::Kind::None:
+        break;
+    }
     return nullptr;
+}
+
+QStringList Manager::detached(const QStringList &command)
+{
+    return QStringList{QStringLiteral("setsid"), QStringLiteral("-f")} + command;
 }
 
 Manager::Manager()

@@ -22,6 +22,8 @@ protected:
     // True when a running panel was stopped.
     virtual bool hideImpl() = 0;
     virtual void restoreImpl() = 0;
+    // A panel's start command as a give-back command, which must not wait for the panel.
+    static QStringList detached(const QStringList &command);
 };
 
 } // namespace panel

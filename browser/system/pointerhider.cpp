@@ -1,12 +1,12 @@
 #include "pointerhider.h"
 
-#include "unclutterpointerhider.h"
+#include "blankcursorpointerhider.h"
 
 #include <QDebug>
 
 std::unique_ptr<PointerHider> PointerHider::create()
 {
-    return std::make_unique<UnclutterPointerHider>();
+    return std::make_unique<BlankCursorPointerHider>();
 }
 
 PointerHider::PointerHider()

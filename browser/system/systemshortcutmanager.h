@@ -4,13 +4,14 @@
 
 #include <memory>
 
-// Takes the desktop's own keyboard shortcuts away from a locked-down kiosk (the Super keys, which
-// open menus and launchers) and gives them back when the kiosk ends. A subclass knows one way
-// of taking them.
+// Takes the desktop's own keyboard shortcuts away from a locked-down kiosk (terminal, run dialog,
+// menu, window switching and closing) and gives them back when the kiosk ends. One subclass per
+// desktop knows how its shortcuts are taken.
 class SystemShortcutManager : public DesktopTakeover
 {
 public:
-    // None unless the kiosk is full screen and locked by a password.
+    // The manager for the running desktop; none unless the kiosk is full screen and locked by a
+    // password.
     static std::unique_ptr<SystemShortcutManager> create(bool fullscreen, bool passwordSet);
 
 protected:

@@ -28,7 +28,7 @@ void XfceManager::restoreImpl()
 
 QList<QStringList> XfceManager::giveBackCommands() const
 {
-    return {{QStringLiteral("xfce4-panel")}};
+    return {detached({QStringLiteral("xfce4-panel")})};
 }
 
 } // namespace panel

@@ -4,6 +4,7 @@
 #include "browsereventfilter.h"
 #include "deferreddelete.h"
 #include "exitpassworddialog.h"
+#include "filemanagertakeover.h"
 #include "installpaths.h"
 #include "panelmanager.h"
 #include "playlisteventfilter.h"
@@ -24,6 +25,7 @@
 #include <QDebug>
 #include <QEventLoop>
 #include <QMouseEvent>
+#include <QScreen>
 #include <QSettings>
 #include <QShortcut>
 
@@ -53,10 +55,16 @@ Viewer::Viewer(QWidget *parent)
     const int width = m_settings->fixedWidth();
     const int height = m_settings->fixedHeight();
     const bool fixed = m_settings->fixedScreen();
+    // What an earlier run left taken (it was killed) comes back before it is taken again.
+    DesktopTakeover::recoverAll();
     m_panelManager = panel::Manager::create(fullscreen, passwordSet());
     m_shortcutManager = SystemShortcutManager::create(fullscreen, passwordSet());
+    m_fileManager = FileManagerTakeover::create(fullscreen, passwordSet());
 
     if (fullscreen) {
+        // Without a window manager nobody acts on the full-screen request: the window takes
+        // the whole screen itself first.
+        setGeometry(screen()->geometry());
         showFullScreen();
     } else if (fixed) {
         // Flags first: changing them re-creates the window and would drop the geometry.

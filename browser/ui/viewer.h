@@ -7,6 +7,7 @@
 #include <memory>
 
 class BrowserEventFilter;
+class FileManagerTakeover;
 class PlaylistEventFilter;
 class PointerHider;
 class Settings;
@@ -81,9 +82,11 @@ private:
     QTimer m_sessionTimer;
     // Destroyed in the reverse order, which gives the desktop back: first what only the show's
     // own window needs (pointer, sound), then the USB import stops, so that no import starts
-    // while the lock-down is lifted; the key map and last the panel, the way into the desktop.
+    // while the lock-down is lifted; the file manager's volume windows, the shortcuts and last
+    // the panel, the way into the desktop.
     std::unique_ptr<panel::Manager> m_panelManager;
     std::unique_ptr<SystemShortcutManager> m_shortcutManager;
+    std::unique_ptr<FileManagerTakeover> m_fileManager;
     std::unique_ptr<UsbAuto> m_usbAuto;
     std::unique_ptr<SoundMute> m_soundMute;
     std::unique_ptr<PointerHider> m_pointerHider;

@@ -59,6 +59,8 @@ bool KioskProcess::start(const QByteArray &playlist, const QByteArray &preferenc
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
     env.insert(QStringLiteral("XDG_CURRENT_DESKTOP"), QStringLiteral("none"));
+    // The desktop's own files the program changes stay in the temporary HOME.
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), m_home.filePath(QStringLiteral(".config")));
     env.insert(m_env);
     m_process.setProcessEnvironment(env);
     m_process.setWorkingDirectory(m_home.path());

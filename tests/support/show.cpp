@@ -2,6 +2,7 @@
 
 #include "commandlineparser.h"
 #include "dispatcher.h"
+#include "fleet.h"
 #include "settings.h"
 #include "viewer.h"
 #include "webtest.h"
@@ -20,6 +21,7 @@ Show::Show()
 
 Show::~Show()
 {
+    fleet.reset();
     dispatcher.reset();
     viewer.reset();
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
@@ -41,6 +43,7 @@ bool Show::launch(const QByteArray &playlist, const QStringList &preferences)
     Settings::load(true, parser.get());
     viewer = std::make_unique<Viewer>();
     dispatcher = std::make_unique<Dispatcher>(viewer.get(), parser.get());
+    fleet = Fleet::create(dispatcher.get(), Settings::load(false, parser.get()));
     return QObject::disconnect(viewer.get(), &Viewer::readyToShoot, dispatcher.get(),
                                &Dispatcher::shootScreen)
            && dispatcher->isReady() && dispatcher->next();

@@ -5,6 +5,7 @@
 #include <memory>
 
 class Dispatcher;
+class Fleet;
 class Viewer;
 
 namespace testsupport {
@@ -28,6 +29,8 @@ struct Show
     std::unique_ptr<CommandLineParser> parser;
     std::unique_ptr<Viewer> viewer;
     std::unique_ptr<Dispatcher> dispatcher;
+    // Set up as the program does it: only when the preferences name a broker.
+    std::unique_ptr<Fleet> fleet;
 };
 
 } // namespace testsupport

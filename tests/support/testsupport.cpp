@@ -103,7 +103,7 @@ void FakePrograms::add(const QString &name, const QByteArray &output, int exitCo
 void FakePrograms::addDesktopCommands()
 {
     for (const char *name :
-         {"launchdock", "amixer", "unclutter", "pkill", "xmodmap", "xset", "gksu",
+         {"launchdock", "amixer", "pkill", "xmodmap", "xset", "gksu",
           "xscreensaver-command", "sudo", "chvt", "unzip", "pgrep", "vorsane-remote"})
         add(QString::fromLatin1(name));
 }
