@@ -3,8 +3,13 @@
 // 1. Start of the program to its first picture on the screen.
 // 2. A remote "next" datagram to the next item painted, per kind of item: the screen's centre
 //    pixel is polled about every millisecond until it shows the next item's colour.
+// 3. The CPU the whole program (web engine processes included) takes while a still web page shows.
+// 4. A timed end to the next item painted, between two local web pages of 2 s each: how much
+//    later than the first page's time the second one is on the screen.
 // Each item is a solid colour, so the pixel tells the items apart; the program's own demo
 // picture, which a flat list inserts, is avoided by an XML schedule.
+
+#include "processtree.h"
 
 #include <QColor>
 #include <QCoreApplication>
@@ -25,6 +30,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <unistd.h>
 
 namespace {
 
@@ -202,7 +208,72 @@ int main(int argc, char *argv[])
         std::printf("  %-20s %5lld %5lld %5lld\n", i < count ? items[i].kind : "demo picture",
                     percentile(times[i], 0.5), percentile(times[i], 0.95),
                     percentile(times[i], 1.0));
+
+    // A still web page: what the program takes while nothing moves.
+    for (int step = 0; step < count + 2 && !near(centre(screen), items[2].colour); ++step) {
+        socket.writeDatagram("{\"action\":1}", QHostAddress::LocalHost, 54545);
+        QThread::msleep(500);
+    }
+    if (near(centre(screen), items[2].colour)) {
+        QThread::sleep(2);
+        const qint64 before = processtree::cpuTicks(kiosk.processId());
+        QElapsedTimer still;
+        still.start();
+        QThread::sleep(10);
+        const double seconds = still.elapsed() / 1000.0;
+        const double share
+            = 100.0 * (processtree::cpuTicks(kiosk.processId()) - before) / ::sysconf(_SC_CLK_TCK) / seconds;
+        std::printf("CPU on a still web page: %.1f %% of one core (%d processes)\n", share,
+                    int(processtree::processTree(kiosk.processId()).size()));
+    }
     kiosk.terminate();
     kiosk.waitForFinished(5000);
+
+    // Timed ends between two web pages: each boundary is found by the pixel's change.
+    const QColor first = items[2].colour;
+    const QColor second = items[4].colour;
+    write(media + "/first.html", "<html><body style='margin:0;background:" + first.name().toLatin1()
+                                     + "'></body></html>");
+    write(media + "/second.html", "<html><body style='margin:0;background:"
+                                      + second.name().toLatin1() + "'></body></html>");
+    write(conf + "/playlist",
+          QString("<?xml version=\"1.0\"?>\n<schedule>\n<loop id=\"0\">\n"
+                  "<i uri='file://%1/first.html' type='url' time='2'/>\n"
+                  "<i uri='file://%1/second.html' type='url' time='2'/>\n</loop>\n</schedule>\n")
+              .arg(media)
+              .toUtf8());
+    // From the program's word that it stops the shown item (its time is over) to the next page
+    // painted.
+    QProcess timed;
+    timed.setProcessEnvironment(env);
+    timed.start(program, {"--basepath", conf});
+    QByteArray log;
+    QList<qint64> late;
+    QColor shown = first;
+    qint64 endedAt = -1;
+    const qint64 until = clock.elapsed() + 20000 + 3000 * rounds;
+    while (late.size() < 2 * rounds && clock.elapsed() < until
+           && timed.state() != QProcess::NotRunning) {
+        timed.waitForReadyRead(0);
+        log += timed.readAllStandardError();
+        if (endedAt < 0 && log.contains("Stopping 0x")) {
+            endedAt = clock.elapsed();
+            log.clear();
+        }
+        const QColor next = shown == first ? second : first;
+        if (near(centre(screen), next)) {
+            if (endedAt >= 0)
+                late << clock.elapsed() - endedAt;
+            shown = next;
+            endedAt = -1;
+            log.clear();
+        }
+    }
+    timed.terminate();
+    timed.waitForFinished(5000);
+    std::printf("timed end to next web page painted, %d boundaries (p50 / p95 / max ms): "
+                "%lld %lld %lld\n",
+                int(late.size()), percentile(late, 0.5), percentile(late, 0.95),
+                percentile(late, 1.0));
     return 0;
 }

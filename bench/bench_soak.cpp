@@ -2,7 +2,11 @@
 // a text item, advanced by the remote "next" datagram N times. Prints resident memory, open file
 // descriptors and threads at the start and at the end. Needs an X server (xvfb-run) and the
 // remote-control port, so run it alone or under a private network namespace.
-// Usage: bench_soak [--count N] [--program path/to/vorsane-kiosk]
+// RSS is the program's own; PSS sums the program and every process it started (the web
+// engine's), shared pages counted once.
+// Usage: bench_soak [--count N] [--program path/to/vorsane-kiosk] [--preference group/key=value]...
+
+#include "processtree.h"
 
 #include <QColor>
 #include <QGuiApplication>
@@ -11,6 +15,7 @@
 #include <QFile>
 #include <QHostAddress>
 #include <QImage>
+#include <QMap>
 #include <QPainter>
 #include <QPdfWriter>
 #include <QProcess>
@@ -26,6 +31,7 @@ namespace {
 struct Usage
 {
     qint64 rssKib = 0;
+    qint64 pssKib = 0;
     int fds = 0;
     int threads = 0;
 };
@@ -42,6 +48,7 @@ Usage usageOf(qint64 pid)
                 usage.threads = line.mid(8).trimmed().toInt();
         }
     }
+    usage.pssKib = processtree::pssKiB(pid);
     usage.fds = QDir(QStringLiteral("/proc/%1/fd").arg(pid))
                     .entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot)
                     .size();
@@ -50,8 +57,10 @@ Usage usageOf(qint64 pid)
 
 void print(const char *when, int transitions, const Usage &usage)
 {
-    std::printf("%-6s after %6d transitions: RSS %7lld KiB, %4d fds, %3d threads\n", when,
-                transitions, static_cast<long long>(usage.rssKib), usage.fds, usage.threads);
+    std::printf("%-6s after %6d transitions: RSS %7lld KiB, all processes PSS %7lld KiB, %4d fds, "
+                "%3d threads\n",
+                when, transitions, static_cast<long long>(usage.rssKib),
+                static_cast<long long>(usage.pssKib), usage.fds, usage.threads);
     std::fflush(stdout);
 }
 
@@ -120,12 +129,16 @@ int main(int argc, char *argv[])
     QGuiApplication app(argc, argv);
     int count = 10000;
     QString program = QCoreApplication::applicationDirPath() + QStringLiteral("/../vorsane-kiosk");
+    QMap<QString, QStringList> preferences{{QStringLiteral("main"), {"version=QFGLs6IVf1", "fullscreen=false"}},
+                                           {QStringLiteral("slideshow"), {"hide_pointer=false"}}};
     const QStringList arguments = app.arguments();
     for (int i = 1; i + 1 < arguments.size(); i += 2) {
         if (arguments.at(i) == QLatin1String("--count"))
             count = arguments.at(i + 1).toInt();
         else if (arguments.at(i) == QLatin1String("--program"))
             program = arguments.at(i + 1);
+        else if (arguments.at(i) == QLatin1String("--preference"))
+            preferences[arguments.at(i + 1).section('/', 0, 0)] << arguments.at(i + 1).section('/', 1);
     }
 
     QTemporaryDir home;
@@ -146,8 +159,10 @@ int main(int argc, char *argv[])
     write(conf + QStringLiteral("/playlist"), playlist);
     // Two rounds show every kind of item, so each library and engine has been loaded once.
     const int warmAfter = 2 * int(playlist.count("<i "));
-    write(conf + QStringLiteral("/preferences"),
-          "[main]\nversion=QFGLs6IVf1\nfullscreen=false\n[slideshow]\nhide_pointer=false\n");
+    QByteArray preferenceFile;
+    for (auto group = preferences.cbegin(); group != preferences.cend(); ++group)
+        preferenceFile += '[' + group.key().toUtf8() + "]\n" + group.value().join('\n').toUtf8() + '\n';
+    write(conf + QStringLiteral("/preferences"), preferenceFile);
 
     QProcess kiosk;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
@@ -232,13 +247,15 @@ int main(int argc, char *argv[])
     }
     const Usage end = usageOf(kiosk.processId());
     print("end", done, end);
-    std::printf("%d transitions in %.1f s; RSS %+lld KiB, fds %+d, threads %+d\n", done,
-                clock.elapsed() / 1000.0, static_cast<long long>(end.rssKib - start.rssKib),
-                end.fds - start.fds, end.threads - start.threads);
+    std::printf("%d transitions in %.1f s; RSS %+lld KiB, PSS %+lld KiB, fds %+d, threads %+d\n",
+                done, clock.elapsed() / 1000.0, static_cast<long long>(end.rssKib - start.rssKib),
+                static_cast<long long>(end.pssKib - start.pssKib), end.fds - start.fds,
+                end.threads - start.threads);
     const auto growth = [&end](const char *since, const Usage &from) {
         if (from.rssKib > 0)
-            std::printf("since %s: RSS %+lld KiB, fds %+d, threads %+d\n", since,
-                        static_cast<long long>(end.rssKib - from.rssKib), end.fds - from.fds,
+            std::printf("since %s: RSS %+lld KiB, PSS %+lld KiB, fds %+d, threads %+d\n", since,
+                        static_cast<long long>(end.rssKib - from.rssKib),
+                        static_cast<long long>(end.pssKib - from.pssKib), end.fds - from.fds,
                         end.threads - from.threads);
     };
     growth("every kind was shown", warm);

@@ -182,6 +182,9 @@ void Settings::populateDefaults()
     m_values[QStringLiteral("slideshow/external_player")] = true;
     m_values[QStringLiteral("slideshow/external_browser")] = false;
     m_values[QStringLiteral("webpage/default_font")] = font;
+    m_values[Prefs::WebMemoryLimitMb] = 0;
+    m_values[Prefs::WebLowMemory] = false;
+    m_values[Prefs::WebDiskCacheMb] = 0;
     m_values[QStringLiteral("network/proxy_user")] = QString();
     m_values[QStringLiteral("network/proxy_passwd")] = QString();
     m_values[QStringLiteral("network/proxy_type")] = 0;
@@ -333,6 +336,27 @@ bool Settings::cleanAfter() const
 bool Settings::mute() const
 {
     return get(Prefs::Mute).toBool();
+}
+
+qint64 Settings::webMemoryLimitMb() const
+{
+    bool ok = false;
+    const qint64 chosen = get(Prefs::WebMemoryLimitMb).toLongLong(&ok);
+    if (ok && chosen > 0)
+        return chosen;
+    const qint64 machineMb
+        = qint64(::sysconf(_SC_PHYS_PAGES)) * ::sysconf(_SC_PAGESIZE) / (1024 * 1024);
+    return machineMb > 0 ? qMin<qint64>(machineMb / 4, 1024) : 1024;
+}
+
+bool Settings::webLowMemory() const
+{
+    return get(Prefs::WebLowMemory).toBool();
+}
+
+int Settings::webDiskCacheMb() const
+{
+    return qMax(0, get(Prefs::WebDiskCacheMb).toInt());
 }
 
 Settings::TvControl Settings::tvControl() const

@@ -36,6 +36,9 @@ inline const QString Resize = QStringLiteral("slideshow/resize");
 inline const QString Stretch = QStringLiteral("slideshow/stretch");
 inline const QString PlaylistUrl = QStringLiteral("slideshow/url");
 inline const QString TvControl = QStringLiteral("slideshow/tv_control");
+inline const QString WebMemoryLimitMb = QStringLiteral("webpage/memory_limit_mb");
+inline const QString WebLowMemory = QStringLiteral("webpage/low_memory");
+inline const QString WebDiskCacheMb = QStringLiteral("webpage/disk_cache_mb");
 inline const QString FleetBroker = QStringLiteral("fleet/broker");
 inline const QString FleetPlayerId = QStringLiteral("fleet/player_id");
 inline const QString FleetUser = QStringLiteral("fleet/user");
@@ -94,6 +97,13 @@ public:
     int defaultTime() const;
     // slideshow/tv_control; an unknown value reads as Auto.
     TvControl tvControl() const;
+    // The most a web page may take, in MiB: the preference when it is a positive number, else a
+    // quarter of the machine's memory, at most 1024.
+    qint64 webMemoryLimitMb() const;
+    // Fewer and smaller web engine processes, for boards with little memory.
+    bool webLowMemory() const;
+    // The web engine's disk cache in MiB; 0 leaves the engine's own size.
+    int webDiskCacheMb() const;
     // mqtt://host:port or mqtts://host:port; empty: the player reports to no broker.
     QString fleetBroker() const;
     // The player's name in the fleet's topics: the preference, else the host name.

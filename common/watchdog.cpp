@@ -33,6 +33,8 @@ std::atomic<int> s_arrivedSignal{0};
 std::atomic<qint64> s_signalSince{0};
 std::atomic<bool> s_signalTaken{false};
 std::atomic<int> s_ownWaits{0};
+std::atomic<qint64> s_memoryCeiling{0};
+std::atomic<qint64> s_sizeBeforePage{0};
 
 std::mutex s_mutex;
 QString s_webPage;
@@ -50,8 +52,23 @@ QString stalledFile()
     return StatePaths::stalledPages();
 }
 
-// Keeps the last day's stalls only, so the file stays small over months.
-void recordStalledPage(const QString &page)
+// The program's resident size in bytes, read without allocating much: this runs on the watchdog
+// thread while a page may be eating the memory.
+qint64 residentBytes()
+{
+    std::FILE *statm = std::fopen("/proc/self/statm", "r");
+    if (!statm)
+        return 0;
+    long long size = 0;
+    long long resident = 0;
+    const int read = std::fscanf(statm, "%lld %lld", &size, &resident);
+    std::fclose(statm);
+    return read == 2 ? resident * ::sysconf(_SC_PAGESIZE) : 0;
+}
+
+// One line a page: "<seconds since 1970> <encoded address> <reason>"; the last day's stalls only, so the
+// file stays small over months.
+void recordStalledPage(const QString &page, const QString &reason)
 {
     QFile file(stalledFile());
     const qint64 now = QDateTime::currentSecsSinceEpoch();
@@ -65,7 +82,8 @@ void recordStalledPage(const QString &page)
         file.close();
     }
     if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        file.write(kept + QByteArray::number(now) + ' ' + page.toUtf8() + '\n');
+        file.write(kept + QByteArray::number(now) + ' ' + QUrl(page).toEncoded() + ' ' + reason.toUtf8()
+                   + '\n');
 }
 
 // Runs on the watchdog thread while the GUI thread may still be running: nothing here touches
@@ -131,8 +149,18 @@ struct Watchdog::Thread
             std::lock_guard<std::mutex> guard(s_mutex);
             page = s_webPage;
         }
+        const qint64 ceiling = s_memoryCeiling.load();
+        if (!page.isEmpty() && ceiling > 0 && s_sizeBeforePage.load() > 0
+            && residentBytes() > s_sizeBeforePage.load() + ceiling) {
+            recordStalledPage(page, QStringLiteral("memory"));
+            endNow(0, QStringLiteral("Web page %1 passed its memory ceiling of %2 MB; ending the "
+                                     "program before the system does, the page will be shown "
+                                     "without scripts.")
+                          .arg(page)
+                          .arg(ceiling / (1024 * 1024)));
+        }
         if (!page.isEmpty() && s_ownWaits.load() == 0 && now - s_lastBeat.load() > stallLimitMs) {
-            recordStalledPage(page);
+            recordStalledPage(page, QStringLiteral("script"));
             endNow(0, QStringLiteral("Web page %1 has held the program for %2 s (a script that "
                                      "never ends?); ending the program, the page will be shown "
                                      "without scripts.")
@@ -178,6 +206,7 @@ Watchdog::OwnWait::~OwnWait()
 void Watchdog::setWebPage(const QUrl &url)
 {
     s_lastBeat = nowMs();
+    s_sizeBeforePage = residentBytes();
     std::lock_guard<std::mutex> lock(s_mutex);
     s_webPage = url.toString();
 }
@@ -194,20 +223,24 @@ bool Watchdog::stalledRecently(const QUrl &url)
     QFile file(stalledFile());
     if (!file.open(QIODevice::ReadOnly))
         return false;
-    const QByteArray page = url.toString().toUtf8();
+    const QByteArray page = url.toEncoded();
     const qint64 since = QDateTime::currentSecsSinceEpoch() - scriptsOffSeconds;
     while (!file.atEnd()) {
-        const QByteArray line = file.readLine(64 * 1024).trimmed();
-        const int blank = line.indexOf(' ');
-        if (blank > 0 && line.mid(blank + 1) == page && line.left(blank).toLongLong() >= since)
+        const QList<QByteArray> fields = file.readLine(64 * 1024).trimmed().split(' ');
+        if (fields.size() >= 2 && fields.at(1) == page && fields.at(0).toLongLong() >= since)
             return true;
     }
     return false;
 }
 
-void Watchdog::recordStall(const QUrl &url)
+void Watchdog::recordStall(const QUrl &url, const QString &reason)
 {
-    recordStalledPage(url.toString());
+    recordStalledPage(url.toString(), reason);
+}
+
+void Watchdog::setMemoryCeiling(qint64 bytes)
+{
+    s_memoryCeiling = bytes;
 }
 
 void Watchdog::setGiveBack(const QString &what, const QList<QStringList> &commands)

@@ -33,9 +33,13 @@ public:
     static void leaveWebPage(const QUrl &url);
     // Whether this page stalled the program less than a day ago.
     static bool stalledRecently(const QUrl &url);
-    // Adds the page to the stalled-pages list (also for a page whose script was ended without
-    // ending the program).
-    static void recordStall(const QUrl &url);
+    // Adds the page to the stalled-pages list with why in a word ("script", "memory"), also for
+    // a page that was ended without ending the program.
+    static void recordStall(const QUrl &url, const QString &reason);
+    // While a web page is shown the program may grow by this many bytes over its size when the
+    // page came; past that the page is recorded and the program ended before the system kills
+    // it. 0: no ceiling. For a web engine that runs pages inside the program.
+    static void setMemoryCeiling(qint64 bytes);
     // The commands that give back what one part of the program changed on the desktop, run in
     // order only when the program must end at once; an empty list when there is nothing to give
     // back. A command that stays running must detach itself.

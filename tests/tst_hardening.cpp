@@ -25,6 +25,7 @@ private Q_SLOTS:
     void endlessScriptEndsOnTime_data();
     void endlessScriptEndsOnTime();
     void slowHookIsNoStall();
+    void hungryPageStopsAtItsCeiling();
 
 private:
     void endlessScriptEndsTheProgramNotTheShow();
@@ -263,6 +264,47 @@ void TestHardening::endlessScriptEndsItsRendererOnly()
     QVERIFY2(kiosk.waitForLog("Showing " + endless + " without scripts", 10000),
              kiosk.log().right(3000));
     QCOMPARE(server.requestCount("/started"), 1);
+    QCOMPARE(kiosk.interrupt(6000), 2);
+}
+
+void TestHardening::hungryPageStopsAtItsCeiling()
+{
+    HttpServer server;
+    // Touches every byte it takes, so that all of it is resident; 4 GB at most if nothing stops it.
+    server.setRoute("/hungry.html",
+                    "<html><body><script>var kept=[];setInterval(function(){if(kept.length<4000)"
+                    "for(var i=0;i<20;++i)kept.push(new Uint8Array(1<<20).fill(7));},20);"
+                    "</script></body></html>",
+                    200, {{"Content-Type", "text/html"}});
+    const QByteArray hungry = server.url("/hungry.html").toEncoded();
+    KioskProcess kiosk;
+    const QByteArray playlist = "#Vorsane playlist\n" + hungry + " 60\n"
+                                + picture(kiosk, "green.png", Qt::green, "3");
+    const QByteArray preferences = "fullscreen=true\n[webpage]\nmemory_limit_mb=256\n";
+    QVERIFY(kiosk.start(playlist, preferences));
+    const qint64 player = kiosk.process().processId();
+    if (onWebEngine()) {
+        // Its renderer goes, long before the page's minute is over, and the same program shows
+        // the next item.
+        QVERIFY2(kiosk.waitForLog("passed its memory ceiling of 256 MB", 30000),
+                 kiosk.log().right(3000));
+        QVERIFY2(kiosk.screenShows(Qt::green, 10000), kiosk.log().right(3000));
+        QCOMPARE(kiosk.process().state(), QProcess::Running);
+        QCOMPARE(kiosk.process().processId(), player);
+    } else {
+        // The page runs inside the program, which ends itself before the system kills it, for
+        // its session to start it again.
+        QTRY_COMPARE_WITH_TIMEOUT(kiosk.process().state(), QProcess::NotRunning, 30000);
+        QCOMPARE(kiosk.process().exitCode(), 3);
+        QVERIFY2(kiosk.log().contains("passed its memory ceiling of 256 MB"),
+                 kiosk.log().right(3000));
+        QVERIFY(kiosk.start(playlist, preferences));
+    }
+    QVERIFY(readFile(kiosk.home().filePath(".vorsane-kiosk/stalled-pages"))
+                .contains(hungry + " memory\n"));
+    // Its next turn shows it without the scripts that ate the memory.
+    QVERIFY2(kiosk.waitForLog("Showing " + hungry + " without scripts", 15000),
+             kiosk.log().right(3000));
     QCOMPARE(kiosk.interrupt(6000), 2);
 }
 

@@ -2,6 +2,7 @@
 
 #include "frozenpages.h"
 #include "locationedit.h"
+#include "memoryceiling.h"
 #include "navbar.h"
 #include "page.h"
 #include "pagedialogs.h"
@@ -176,6 +177,13 @@ void Browser::setupPage(Page *page)
     connect(page->navBar(), &NavBar::printRequested, this, &Browser::onPrintRequested);
     connect(page->view()->restrictedPage(), &RestrictedWebPage::dialogFinished, this,
             &Browser::onDialogFinished);
+    auto *ceiling = new MemoryCeiling(page->view(), m_settings->webMemoryLimitMb());
+    QPointer<Page> guard(page);
+    connect(ceiling, &MemoryCeiling::passed, this, [this, guard] {
+        if (guard)
+            closeEndedTab(guard, tr("The page %1 took too much memory and was closed.")
+                                     .arg(guard->view()->url().toString()));
+    });
     refreshTabBar();
 }
 
@@ -389,20 +397,16 @@ void Browser::probeTabs()
             if (!guard)
                 return;
             guard->view()->setProperty("probing", false);
-            if (!answered)
-                closeFrozenTab(guard, pid);
+            if (!answered && FrozenPages::endTab(pid, guard->view()->url()))
+                closeEndedTab(guard, tr("The page %1 stopped answering and was closed.")
+                                         .arg(guard->view()->url().toString()));
         });
     }
 }
 
-void Browser::closeFrozenTab(Page *page, qint64 pid)
+void Browser::closeEndedTab(Page *page, const QString &message)
 {
-    const QUrl url = page->view()->url();
-    if (!FrozenPages::endTab(pid, url))
-        return;
-    m_statusBar->showMessage(
-        tr("The page %1 stopped answering and was closed.").arg(url.toString()), deniedMessageMs);
-    // The session goes on: the last tab makes way for the home page.
+    m_statusBar->showMessage(message, deniedMessageMs);
     if (m_tabs->count() < 2)
         newPage(m_home);
     onTabCloseRequested(m_tabs->indexOf(page));

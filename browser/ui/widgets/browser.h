@@ -84,7 +84,9 @@ private:
     void onDialogFinished();
     // Tabs whose renderer no longer answers (a script that never ends) are closed.
     void probeTabs();
-    void closeFrozenTab(Page *page, qint64 pid);
+    // A tab ended for the visitor's sake: closed with a word in the status bar; the session goes
+    // on, in the home page when it was the last tab.
+    void closeEndedTab(Page *page, const QString &message);
 
     Settings *m_settings;
     QTabWidget *m_tabs;

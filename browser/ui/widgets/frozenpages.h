@@ -11,6 +11,8 @@ namespace FrozenPages {
 // How long a page's renderer may take to answer before it counts as frozen.
 constexpr int AnswerDeadlineMs = 3000;
 
+// Kills a renderer process and says why in the log. False when there was no process to kill.
+bool killRenderer(qint64 pid, const QString &why);
 // A slideshow page: its renderer is killed and the page goes into the stalled-pages list, so that
 // it is shown without scripts for a while. False when there was no process to kill.
 bool endSlideshowPage(qint64 rendererPid, const QUrl &url);

@@ -3,6 +3,7 @@
 #include "customqwebpage.h"
 #include "frozenpages.h"
 #include "installpaths.h"
+#include "memoryceiling.h"
 #include "playlistitem.h"
 #include "settings.h"
 #include "sqlitecookiejar.h"
@@ -57,6 +58,13 @@ Webpage::Webpage(PlaylistItem *item, QWidget *parent)
     m_page->setCookieJar(m_cookieJar);
     connect(m_page, &CustomQWebPage::firstResponse, this, &Webpage::errorCheck);
     connect(this, &WebView::rendererGone, this, &Webpage::onRendererGone);
+    connect(new MemoryCeiling(this, m_settings->webMemoryLimitMb()), &MemoryCeiling::passed, this,
+            [this] {
+                // The page had its chance: no reload, the next item.
+                m_reloadedAfterRendererLoss = true;
+                if (isActive())
+                    emit end();
+            });
 
     setScrollBarsVisible(false);
 

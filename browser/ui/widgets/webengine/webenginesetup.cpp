@@ -17,6 +17,13 @@ QWebEngineProfile *s_profile = nullptr;
 
 void WebEngineSetup::init(Settings *settings)
 {
+    // Read when the engine starts, which is when the profile below is first made.
+    if (settings->webLowMemory() && !s_profile) {
+        QByteArray flags = qgetenv("QTWEBENGINE_CHROMIUM_FLAGS");
+        flags += " --renderer-process-limit=1 --process-per-site --enable-low-end-device-mode"
+                 " --js-flags=--max-old-space-size=64 --disable-dev-shm-usage";
+        qputenv("QTWEBENGINE_CHROMIUM_FLAGS", flags.trimmed());
+    }
     QWebEngineSettings *web = profile()->settings();
     web->setAttribute(QWebEngineSettings::JavascriptCanOpenWindows, true);
     web->setAttribute(QWebEngineSettings::PluginsEnabled, true);
@@ -28,6 +35,8 @@ void WebEngineSetup::init(Settings *settings)
         web->setFontSize(QWebEngineSettings::DefaultFontSize, font.pointSize());
     }
     profile()->setHttpUserAgent(UserAgent::forPages(webKitVersion()));
+    if (settings->webDiskCacheMb() > 0)
+        profile()->setHttpCacheMaximumSize(settings->webDiskCacheMb() * 1024 * 1024);
 
     CookieDatabase::open(settings->cookiesFilename());
 }

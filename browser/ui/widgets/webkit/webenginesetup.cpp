@@ -2,6 +2,7 @@
 
 #include "cookiedatabase.h"
 #include "settings.h"
+#include "watchdog.h"
 
 #include <QFont>
 #include <QWebSettings>
@@ -20,5 +21,7 @@ void WebEngineSetup::init(Settings *settings)
         web->setFontSize(QWebSettings::DefaultFontSize, font.pointSize());
     }
 
+    // Pages run inside the program here: the watchdog keeps the program under the ceiling.
+    Watchdog::setMemoryCeiling(settings->webMemoryLimitMb() * 1024 * 1024);
     CookieDatabase::open(settings->cookiesFilename());
 }
