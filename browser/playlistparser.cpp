@@ -82,8 +82,9 @@ void showOffline(QWidget *widget)
                                   "option or connect the system to a network."),
                               QMessageBox::Ok);
     }
-    // Queued, so that it also ends an event loop that has not started yet.
-    QTimer::singleShot(0, QCoreApplication::instance(), &QCoreApplication::quit);
+    // Queued, so that it also ends an event loop that has not started yet. exit(), not quit():
+    // Qt 6's quit() is ignored until the application's own loop runs.
+    QTimer::singleShot(0, QCoreApplication::instance(), [] { QCoreApplication::exit(0); });
 }
 
 } // namespace

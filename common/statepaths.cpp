@@ -82,6 +82,11 @@ QString stalledPages()
     return path(QStringLiteral("stalled-pages"));
 }
 
+QString webProfile()
+{
+    return path(QStringLiteral("webengine"));
+}
+
 QString renderedTemplate()
 {
     return path(QStringLiteral("current-template.html"));

@@ -26,6 +26,7 @@ QString uploadStaging(const QString &homeDir = home());
 QString usbAutoDir();       // the copy of the last accepted USB key
 QString aliasesDir();       // links for file names that are not valid UTF-8
 QString stalledPages();     // pages whose script held the program
+QString webProfile();       // the web engine's own storage (QtWebEngine's profile)
 QString renderedTemplate(); // the text document rendered into the page template
 QString remoteServerLock(); // one companion server per user
 QString shortcutBackup();   // the key map saved before the shortcuts were taken away

@@ -51,7 +51,7 @@ QString stalledFile()
 }
 
 // Keeps the last day's stalls only, so the file stays small over months.
-void recordStall(const QString &page)
+void recordStalledPage(const QString &page)
 {
     QFile file(stalledFile());
     const qint64 now = QDateTime::currentSecsSinceEpoch();
@@ -132,7 +132,7 @@ struct Watchdog::Thread
             page = s_webPage;
         }
         if (!page.isEmpty() && s_ownWaits.load() == 0 && now - s_lastBeat.load() > stallLimitMs) {
-            recordStall(page);
+            recordStalledPage(page);
             endNow(0, QStringLiteral("Web page %1 has held the program for %2 s (a script that "
                                      "never ends?); ending the program, the page will be shown "
                                      "without scripts.")
@@ -203,6 +203,11 @@ bool Watchdog::stalledRecently(const QUrl &url)
             return true;
     }
     return false;
+}
+
+void Watchdog::recordStall(const QUrl &url)
+{
+    recordStalledPage(url.toString());
 }
 
 void Watchdog::setGiveBack(const QString &what, const QList<QStringList> &commands)

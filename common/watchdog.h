@@ -33,6 +33,9 @@ public:
     static void leaveWebPage(const QUrl &url);
     // Whether this page stalled the program less than a day ago.
     static bool stalledRecently(const QUrl &url);
+    // Adds the page to the stalled-pages list (also for a page whose script was ended without
+    // ending the program).
+    static void recordStall(const QUrl &url);
     // The commands that give back what one part of the program changed on the desktop, run in
     // order only when the program must end at once; an empty list when there is nothing to give
     // back. A command that stays running must detach itself.

@@ -1,14 +1,23 @@
-// A cookie row of any content and column types, loaded into the jar and served.
+// A cookie row of any content and column types, read from the cookie file, put into a jar and
+// served.
+#include "cookiedatabase.h"
 #include "fuzzsupport.h"
-#include "sqlitecookiejar.h"
 
 #include <QNetworkCookie>
+#include <QNetworkCookieJar>
 #include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QUrl>
 #include <QVariant>
 
 namespace {
+// What every engine's cookie bridge does with the rows: all of them become the jar's cookies.
+class Jar : public QNetworkCookieJar
+{
+public:
+    using QNetworkCookieJar::setAllCookies;
+};
+
 // One column value; the low bits of the selector give its type as SQLite stores it.
 QVariant columnValue(quint8 selector, const QByteArray &bytes)
 {
@@ -55,7 +64,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         query.addBindValue(columnValue(quint8(types >> (i % 4)) + quint8(i), fields.value(i)));
     query.exec();
 
-    SqliteCookieJar jar(nullptr);
+    Jar jar;
+    jar.setAllCookies(CookieDatabase::read());
     const QList<QNetworkCookie> cookies = jar.cookiesForUrl(QUrl(QStringLiteral("https://example.com/a")));
     for (const QNetworkCookie &cookie : cookies)
         cookie.toRawForm();

@@ -8,13 +8,12 @@
 #include "restrictedwebview.h"
 #include "show.h"
 #include "viewer.h"
+#include "webtest.h"
 
 #include <QDialog>
 #include <QRegularExpression>
 #include <QStatusBar>
 #include <QTabWidget>
-#include <QWebElement>
-#include <QWebFrame>
 #include <QtTest>
 
 #include <csignal>
@@ -63,6 +62,7 @@ private Q_SLOTS:
     void cleanup();
     void listsFilterNavigation_data();
     void listsFilterNavigation();
+    void subFramesAreFiltered();
     void blankTargetOpensTab();
     void downloadIsOpenedAndEndsWithSession();
     void basicAuthentication();
@@ -72,6 +72,7 @@ private Q_SLOTS:
     void alertOpenWhenSessionEnds();
     void inlineRemoteIsInteractive_data();
     void inlineRemoteIsInteractive();
+    void frozenTabIsClosed();
 
 private:
     void launch(const QStringList &prefs, const QByteArray &list = QByteArray());
@@ -129,7 +130,7 @@ void TestKiosk::launch(const QStringList &prefs, const QByteArray &list)
 
 QString TestKiosk::text(Browser *browser)
 {
-    return browser ? view(browser)->page()->mainFrame()->toPlainText() : QString();
+    return browser ? pageText(view(browser)) : QString();
 }
 
 void TestKiosk::onWindow(const char *className, std::function<void(QWidget *)> act)
@@ -185,14 +186,26 @@ void TestKiosk::listsFilterNavigation()
     QVERIFY(text(browser()).contains("WELCOME"));
 }
 
+void TestKiosk::subFramesAreFiltered()
+{
+    html("/home", "<p>WELCOME</p><iframe src='/other'></iframe>");
+    launch({"main/list_mode=blacklist"}, "/other\n");
+    QTRY_VERIFY(text(browser()).contains("WELCOME"));
+    const QString other = m_server->url("/other").toString();
+    QTRY_VERIFY(s_systemLog.contains("DENIED: " + other));
+    QCOMPARE(browser()->statusBar()->currentMessage(), "DENIED: " + other);
+    QCOMPARE(m_server->requestCount("/other"), 0);
+}
+
 void TestKiosk::blankTargetOpensTab()
 {
     html("/home", "<a id='l' target='_blank' href='/other' "
                   "style='display:block;width:300px;height:80px'>open</a>");
     launch({});
     QTRY_VERIFY(text(browser()).contains("open"));
-    const QRect link = view(browser())->page()->mainFrame()->findFirstElement("#l").geometry();
-    QTest::mouseClick(view(browser()), Qt::LeftButton, {}, link.center());
+    const QRect link = elementRect(view(browser()), "#l");
+    QVERIFY(!link.isEmpty());
+    QTest::mouseClick(inputWidget(view(browser())), Qt::LeftButton, {}, link.center());
     QTRY_COMPARE(browser()->tabs()->count(), 2);
     QTRY_VERIFY(text(browser()).contains("SECRET"));
 }
@@ -247,8 +260,8 @@ void TestKiosk::touchesOpenOneSessionUntilItsTimerEnds()
     // The first touch reaches the viewer through the filter on the picture, once the second
     // after the change has passed; the others arrive while the session opens or runs.
     QTRY_VERIFY(!m_show->viewer->playlistFilterLocked());
-    QMouseEvent touch(QEvent::MouseMove, QPointF(10, 10), Qt::NoButton, Qt::NoButton,
-                      Qt::NoModifier);
+    QMouseEvent touch(QEvent::MouseMove, QPointF(10, 10), QPointF(10, 10), Qt::NoButton,
+                      Qt::NoButton, Qt::NoModifier);
     QApplication::sendEvent(m_show->dispatcher->shownWidget(), &touch);
     QPointer<Browser> session = browser();
     QVERIFY(session);
@@ -363,16 +376,45 @@ void TestKiosk::inlineRemoteIsInteractive()
     m_show->dispatcher->startInlineRemote();
     QVERIFY(browser());
     QCOMPARE(browser()->getHome(), QUrl(m_server->url("/remote").toString() + query));
-    QWebFrame *frame = view(browser())->page()->mainFrame();
-    QTRY_VERIFY(!frame->findFirstElement("#i").isNull());
-    QTest::mouseClick(view(browser()), Qt::LeftButton, {},
-                      frame->findFirstElement("#i").geometry().center());
-    QTest::keyClicks(view(browser()), "hi");
-    QTRY_COMPARE(frame->evaluateJavaScript("document.getElementById('i').value").toString(),
+    RestrictedWebView *remote = view(browser());
+    QTRY_VERIFY(!elementRect(remote, "#i").isEmpty());
+    // A page that has not shown its first frame yet drops clicks: click until the field has the
+    // focus.
+    QTRY_VERIFY((QTest::mouseClick(inputWidget(remote), Qt::LeftButton, {},
+                                   elementRect(remote, "#i").center()),
+                 runScript(remote, "document.activeElement.id").toString() == "i"));
+    QTest::keyClicks(inputWidget(remote), "hi");
+    QTRY_COMPARE(runScript(remote, "document.getElementById('i').value").toString(),
                  QString("hi"));
     QVERIFY(!m_show->viewer->sessionTimerActive());
     browser()->onEnd();
     QTRY_VERIFY(qobject_cast<Image *>(m_show->dispatcher->shownWidget()));
+}
+
+void TestKiosk::frozenTabIsClosed()
+{
+    // QtWebKit runs scripts on the program's own thread: there the watchdog ends the program.
+    if (QLatin1String(VORSANE_WEB_ENGINE_NAME) != QLatin1String("webengine"))
+        QSKIP("scripts share the program's thread in this engine");
+    m_server->setRoute("/started", "ok");
+    html("/endless", "<script>var r=new XMLHttpRequest();r.open('GET','/started',false);r.send();"
+                     "while(true){}</script>");
+    launch({});
+    QTRY_VERIFY(text(browser()).contains("WELCOME"));
+    browser()->newPage(m_server->url("/endless"));
+    QCOMPARE(browser()->tabs()->count(), 2);
+    QTRY_COMPARE(m_server->requestCount("/started"), 1);
+
+    const QString endless = m_server->url("/endless").toString();
+    QTRY_COMPARE_WITH_TIMEOUT(browser()->tabs()->count(), 1, 15000);
+    QCOMPARE(browser()->statusBar()->currentMessage(),
+             "The page " + endless + " stopped answering and was closed.");
+    QCOMPARE(m_show->log.lines().filter(QRegularExpression("^Tab " + QRegularExpression::escape(endless)
+                                                           + " did not answer")).size(),
+             1);
+    // The session goes on, in its other tab.
+    QCOMPARE(m_show->dispatcher->state(), 1);
+    QVERIFY(text(browser()).contains("WELCOME"));
 }
 
 QTEST_MAIN(TestKiosk)

@@ -1,6 +1,11 @@
+#include "commandlineparser.h"
+#include "customqwebpage.h"
 #include "kioskprocess.h"
 #include "remoteprotocol.h"
+#include "settings.h"
 #include "testsupport.h"
+#include "webtest.h"
+#include "webview.h"
 
 #include <QHttpMultiPart>
 #include <QJsonDocument>
@@ -10,8 +15,6 @@
 #include <QRegularExpression>
 #include <QTcpSocket>
 #include <QUdpSocket>
-#include <QWebFrame>
-#include <QWebPage>
 #include <QtTest>
 
 #include <cerrno>
@@ -148,19 +151,6 @@ private:
     quint16 m_port = 0;
     QByteArray m_output;
 };
-
-// Collects what the page's scripts report: errors end up here in QtWebKit.
-class ConsolePage : public QWebPage
-{
-public:
-    QStringList messages;
-
-protected:
-    void javaScriptConsoleMessage(const QString &message, int line, const QString &) override
-    {
-        messages << QStringLiteral("%1: %2").arg(line).arg(message);
-    }
-};
 } // namespace
 
 class TestRemoteServer : public QObject
@@ -194,7 +184,7 @@ private Q_SLOTS:
     void loopsListedSafely();
     void concurrentUploadsKeepTheReserve();
     void fullDiskLeavesThePlaylist();
-    void pageRunsInWebKit();
+    void pageRunsInTheWebEngine();
     void kioskRunsAndEndsServer_data();
     void kioskRunsAndEndsServer();
 
@@ -817,38 +807,43 @@ void TestRemoteServer::fullDiskLeavesThePlaylist()
     QCOMPARE(action(nextDatagram()), RemoteProtocol::code(Action::Restart));
 }
 
-void TestRemoteServer::pageRunsInWebKit()
+void TestRemoteServer::pageRunsInTheWebEngine()
 {
-    ConsolePage page;
-    QSignalSpy loaded(&page, &QWebPage::loadFinished);
-    page.mainFrame()->load(QUrl(QStringLiteral("http://127.0.0.1:%1/?k=%2")
-                                    .arg(m_port)
-                                    .arg(QString::fromLatin1(key.toPercentEncoding()))));
+    // The kiosk's own engine shows the page (the inline remote).
+    prepareWebEngine();
+    // The settings keep the command line they were read with.
+    static const auto parser = makeParser(m_home->filePath("conf"));
+    Settings::load(true, parser.get());
+    WebView view(nullptr);
+    auto *page = new CustomQWebPage(&view);
+    view.setPage(page);
+    QStringList errors;
+    connect(page, &CustomQWebPage::scriptError, this,
+            [&errors](const QString &message, int line) {
+                errors << QStringLiteral("%1: %2").arg(line).arg(message);
+            });
+    QSignalSpy loaded(&view, &WebView::loadFinished);
+    view.load(QUrl(QStringLiteral("http://127.0.0.1:%1/?k=%2")
+                       .arg(m_port)
+                       .arg(QString::fromLatin1(key.toPercentEncoding()))));
     QVERIFY(loaded.wait(10000));
     QCOMPARE(loaded.first().first().toBool(), true);
     // The loops of the playlist arrived through the API, so the scripts ran and the cookie works.
-    QTRY_COMPARE(page.mainFrame()
-                     ->evaluateJavaScript("document.getElementById('loop').options.length")
-                     .toInt(),
-                 2);
-    QCOMPARE(page.mainFrame()
-                 ->evaluateJavaScript("document.getElementById('loop').options[1].textContent")
-                 .toString(),
+    QTRY_COMPARE(runScript(&view, "document.getElementById('loop').options.length").toInt(), 2);
+    QCOMPARE(runScript(&view, "document.getElementById('loop').options[1].textContent").toString(),
              QStringLiteral("Loop 7"));
     // A local file is refused, and the page says so.
-    page.mainFrame()->evaluateJavaScript(
-        "document.getElementById('url').value = 'file:///etc/passwd';"
-        "document.getElementById('showUrl').click()");
-    QTRY_VERIFY(page.mainFrame()
-                    ->evaluateJavaScript("document.getElementById('status').textContent")
+    runScript(&view, "document.getElementById('url').value = 'file:///etc/passwd';"
+                     "document.getElementById('showUrl').click()");
+    QTRY_VERIFY(runScript(&view, "document.getElementById('status').textContent")
                     .toString()
                     .startsWith(QLatin1String("Only http and https addresses")));
-    page.mainFrame()->evaluateJavaScript("document.getElementById('next').click()");
+    runScript(&view, "document.getElementById('next').click()");
     // The page asks for screenshots on its own; the click's command comes among them.
     QList<int> actions;
     QTRY_VERIFY((m_slideshow.hasPendingDatagrams() && (actions << action(nextDatagram()), false))
                 || actions.contains(RemoteProtocol::code(Action::Next)));
-    QVERIFY2(page.messages.isEmpty(), qPrintable(page.messages.join('\n')));
+    QVERIFY2(errors.isEmpty(), qPrintable(errors.join('\n')));
 }
 
 void TestRemoteServer::kioskRunsAndEndsServer_data()

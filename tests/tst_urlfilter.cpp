@@ -1,5 +1,5 @@
 #include "commandlineparser.h"
-#include "restrictedwebpage.h"
+#include "navigationfilter.h"
 #include "settings.h"
 #include "testsupport.h"
 
@@ -9,8 +9,8 @@
 
 using namespace testsupport;
 
-// The list semantics of the kiosk's URL filter, decided by a real page over a real restriction
-// file and preference file.
+// The list semantics of the kiosk's URL filter, decided by the filter every kiosk page asks, over a
+// real restriction file and preference file.
 class TestUrlFilter : public QObject
 {
     Q_OBJECT
@@ -98,9 +98,9 @@ void TestUrlFilter::decision()
                               + "\ncan_access_fs=" + (canAccessFs ? "true" : "false")
                               + "\nlist_use_regex=" + useRegex + "\n"));
         Settings::load(true, parser.get());
-        RestrictedWebPage page(nullptr);
+        NavigationFilter filter;
         QUrl address(url);
-        QCOMPARE(page.urlIsAllowed(address), allowed);
+        QCOMPARE(filter.urlIsAllowed(address), allowed);
     }
 }
 

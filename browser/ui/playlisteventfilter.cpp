@@ -19,15 +19,18 @@ bool PlaylistEventFilter::eventFilter(QObject *watched, QEvent *event)
     if (m_locked)
         return type == QEvent::MouseButtonPress;
 
-    // The viewer stacks the content, so it is the content's parent.
+    // The viewer stacks the content, so it is the content's parent; a web view may hand its input
+    // to a widget inside it, whose ancestor the viewer is then.
     auto *widget = qobject_cast<QWidget *>(watched);
-    auto *viewer = widget ? qobject_cast<Viewer *>(widget->parentWidget()) : nullptr;
+    Viewer *viewer = nullptr;
+    for (QWidget *parent = widget ? widget->parentWidget() : nullptr; parent && !viewer;
+         parent = parent->parentWidget())
+        viewer = qobject_cast<Viewer *>(parent);
     switch (type) {
     case QEvent::MouseMove:
         // In other modes a move would reach the viewer's press handler, where a move without a
         // button does nothing.
-        if (viewer
-            && m_settings->mode() == Settings::Mode::Kiosk)
+        if (viewer && m_settings->mode() == Settings::Mode::Kiosk)
             viewer->emitMouseEvent();
         return true;
     case QEvent::KeyPress:
@@ -39,7 +42,8 @@ bool PlaylistEventFilter::eventFilter(QObject *watched, QEvent *event)
             // Sent as the viewer's own press so that its mousePressEvent() decides by button
             // (only the button matters there, so whole pixels are enough).
             auto *press = static_cast<QMouseEvent *>(event);
-            QMouseEvent forwarded(QEvent::MouseButtonPress, QPointF(widget->pos() + press->pos()),
+            QMouseEvent forwarded(QEvent::MouseButtonPress,
+                                  QPointF(widget->mapTo(viewer, press->pos())),
                                   QPointF(widget->mapToGlobal(press->pos())), press->button(),
                                   press->buttons(), press->modifiers());
             QCoreApplication::sendEvent(viewer, &forwarded);

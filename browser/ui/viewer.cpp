@@ -17,21 +17,17 @@
 #include "systemshortcutmanager.h"
 #include "usbauto.h"
 #include "utils.h"
+#include "webenginesetup.h"
 #include "webpage.h"
 
 #include <QCloseEvent>
 #include <QCoreApplication>
 #include <QDebug>
 #include <QEventLoop>
-#include <QFont>
 #include <QMouseEvent>
 #include <QScreen>
 #include <QSettings>
 #include <QShortcut>
-#include <QSqlDatabase>
-#include <QWebElement>
-#include <QWebFrame>
-#include <QWebSettings>
 
 namespace {
 const char textTemplateUrl[] = "file://" VORSANE_DATA_DIR "/text.html";
@@ -83,29 +79,13 @@ Viewer::Viewer(QWidget *parent)
         m_pointerHider = PointerHider::create();
 
     if (m_settings->get(QStringLiteral("slideshow/usb_auto")).toBool() && displayMode()) {
-        m_usbAuto
-            = std::make_unique<UsbAuto>(m_settings->remoteKey());
+        m_usbAuto = std::make_unique<UsbAuto>(m_settings->remoteKey());
         connect(m_usbAuto.get(), &UsbAuto::finished, this, &Viewer::requestRestart);
     }
 
-    m_soundMute
-        = std::make_unique<SoundMute>(m_settings->mute());
+    m_soundMute = std::make_unique<SoundMute>(m_settings->mute());
 
-    QWebSettings *web = QWebSettings::globalSettings();
-    web->setAttribute(QWebSettings::JavascriptCanOpenWindows, true);
-    web->setAttribute(QWebSettings::PluginsEnabled, true);
-    web->setAttribute(QWebSettings::JavaEnabled, true);
-    const QString fontText = m_settings->get(QStringLiteral("webpage/default_font")).toString();
-    if (!fontText.isEmpty()) {
-        QFont font;
-        font.fromString(fontText);
-        web->setFontFamily(QWebSettings::StandardFont, font.family());
-        web->setFontSize(QWebSettings::DefaultFontSize, font.pointSize());
-    }
-
-    QSqlDatabase cookies = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"));
-    cookies.setDatabaseName(m_settings->cookiesFilename());
-    cookies.open();
+    WebEngineSetup::init(m_settings);
 }
 
 // The members give the desktop back, in the order of their declaration reversed.
@@ -169,8 +149,13 @@ bool Viewer::replace(QWidget *w)
         }
     } else {
         w->setCursor(Qt::BlankCursor);
-        if (m_settings->get(QStringLiteral("slideshow/stop_on_event")).toBool())
-            w->installEventFilter(m_playlistFilter);
+        if (m_settings->get(QStringLiteral("slideshow/stop_on_event")).toBool()) {
+            // A web view may hand its input to widgets of its own inside it.
+            if (auto *view = qobject_cast<WebView *>(w))
+                view->installInputFilter(m_playlistFilter);
+            else
+                w->installEventFilter(m_playlistFilter);
+        }
     }
 
     Runnable *runnable = Runnable::of(w);
@@ -219,8 +204,7 @@ void Viewer::stop()
 
 void Viewer::setTimer()
 {
-    m_sessionTimer.setInterval(
-        m_settings->stopSessionAfterSeconds() * 1000);
+    m_sessionTimer.setInterval(m_settings->stopSessionAfterSeconds() * 1000);
     m_sessionTimer.start();
 }
 
@@ -308,15 +292,14 @@ void Viewer::showText(const QString &text, int seconds)
 
     QPointer<Webpage> guard(page);
     auto *loop = new QEventLoop;
-    connect(page, &QWebView::loadFinished, loop, &QEventLoop::quit);
+    connect(page, &WebView::loadFinished, loop, &QEventLoop::quit);
     connect(page, &QObject::destroyed, loop, &QEventLoop::quit);
     loop->exec();
     loop->deleteLater();
     if (!guard)
         return;
 
-    QWebElement element = page->page()->mainFrame()->findFirstElement(QStringLiteral("#text"));
-    element.setPlainText(text);
+    page->setElementText(QStringLiteral("text"), text);
     displayWebpage(page);
 }
 

@@ -1,6 +1,7 @@
 #include "kioskprocess.h"
 
 #include "installpaths.h"
+#include "webtest.h"
 
 #include <QDir>
 #include <QHostAddress>
@@ -54,6 +55,7 @@ bool KioskProcess::start(const QByteArray &playlist, const QByteArray &preferenc
     writeFile(confDir() + QStringLiteral("/playlist"), playlist);
     writeFile(confDir() + QStringLiteral("/preferences"),
               "[main]\nversion=QFGLs6IVf1\n" + preferences);
+    prepareWebEngine();
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
     env.insert(QStringLiteral("XDG_CURRENT_DESKTOP"), QStringLiteral("none"));

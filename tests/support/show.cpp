@@ -5,6 +5,7 @@
 #include "fleet.h"
 #include "settings.h"
 #include "viewer.h"
+#include "webtest.h"
 
 #include <QCoreApplication>
 #include <QSettings>
@@ -15,6 +16,7 @@ Show::Show()
 {
     qputenv("XDG_CURRENT_DESKTOP", "none");
     fakes.addDesktopCommands();
+    prepareWebEngine();
 }
 
 Show::~Show()

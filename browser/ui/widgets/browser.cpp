@@ -1,23 +1,26 @@
 #include "browser.h"
 
-#include "navbar.h"
+#include "frozenpages.h"
 #include "locationedit.h"
+#include "navbar.h"
 #include "page.h"
+#include "pagedialogs.h"
 #include "restricteddownload.h"
 #include "restrictedwebpage.h"
 #include "restrictedwebview.h"
 #include "settings.h"
 #include "sqlitecookiejar.h"
 #include "utils.h"
-#include "watchdog.h"
 
 #include <QAction>
+#include <QCoreApplication>
 #include <QDebug>
 #include <QDialog>
 #include <QDir>
 #include <QEvent>
 #include <QIcon>
 #include <QLabel>
+#include <QPointer>
 #include <QPrintDialog>
 #include <QPrinter>
 #include <QStatusBar>
@@ -26,11 +29,12 @@
 #include <QTimer>
 #include <QToolButton>
 #include <QVBoxLayout>
-#include <QWebFrame>
 
 namespace {
 const char makerHomePage[] = "https://www.vorsane.com/";
 const int deniedMessageMs = 5000;
+// How often the tabs' renderers are asked whether they still answer.
+const int probeIntervalMs = 5000;
 } // namespace
 
 Browser::Browser(QWidget *parent, const QUrl &remoteControl)
@@ -79,19 +83,20 @@ Browser::Browser(QWidget *parent, const QUrl &remoteControl)
 
     setContextMenuPolicy(Qt::CustomContextMenu);
     setShortcuts();
-    setHome(remoteControl.isValid()
-                ? remoteControl.toString()
-                : m_settings->defaultUrl());
+    setHome(remoteControl.isValid() ? remoteControl.toString() : m_settings->defaultUrl());
     m_newTabUrl = QUrl(m_settings->get(QStringLiteral("main/new_tab_url")).toString());
     if (m_newTabUrl.isEmpty() || remoteControl.isValid())
         m_newTabUrl = m_home;
-    Watchdog::setWebPage(m_home);
+    WebView::watchForStalls(m_home);
+
+    m_probeTimer.setInterval(probeIntervalMs);
+    connect(&m_probeTimer, &QTimer::timeout, this, &Browser::probeTabs);
 }
 
 // The pages' jar pointer clears itself with the jar; a newer session's jar is left alone.
 Browser::~Browser()
 {
-    Watchdog::leaveWebPage(m_home);
+    WebView::stopWatchingForStalls(m_home);
 }
 
 void Browser::setShortcuts()
@@ -103,13 +108,13 @@ void Browser::setShortcuts()
         QKeySequence keys;
         void (Browser::*slot)();
     } shortcuts[] = {
-        {QKeySequence(Qt::CTRL + Qt::Key_L), &Browser::selectAddressBar},
-        {QKeySequence(Qt::CTRL + Qt::Key_K), &Browser::selectAddressBarAndBeginSearch},
-        {QKeySequence(Qt::CTRL + Qt::Key_T), QOverload<>::of(&Browser::newPage)},
-        {QKeySequence(Qt::CTRL + Qt::Key_W), &Browser::closeCurrentTab},
+        {QKeySequence(Qt::CTRL | Qt::Key_L), &Browser::selectAddressBar},
+        {QKeySequence(Qt::CTRL | Qt::Key_K), &Browser::selectAddressBarAndBeginSearch},
+        {QKeySequence(Qt::CTRL | Qt::Key_T), QOverload<>::of(&Browser::newPage)},
+        {QKeySequence(Qt::CTRL | Qt::Key_W), &Browser::closeCurrentTab},
         // Up goes to the next tab and down to the previous one, as users of this kiosk know it.
-        {QKeySequence(Qt::CTRL + Qt::Key_PageUp), &Browser::nextTab},
-        {QKeySequence(Qt::CTRL + Qt::Key_PageDown), &Browser::prevTab},
+        {QKeySequence(Qt::CTRL | Qt::Key_PageUp), &Browser::nextTab},
+        {QKeySequence(Qt::CTRL | Qt::Key_PageDown), &Browser::prevTab},
     };
     for (const auto &shortcut : shortcuts) {
         auto *action = new QAction(this);
@@ -155,9 +160,8 @@ void Browser::onWebViewCreated(RestrictedWebView *view)
 
 void Browser::setupPage(Page *page)
 {
-    const QUrl url = page->view()->url().isEmpty()
-                         ? page->view()->page()->mainFrame()->requestedUrl()
-                         : page->view()->url();
+    const QUrl url
+        = page->view()->url().isEmpty() ? page->view()->requestedUrl() : page->view()->url();
     page->view()->setHomeUrl(m_home);
     const QString title = url.isValid() && !url.isEmpty() ? url.toString() : tr("New Page");
     m_pages.append(page);
@@ -238,7 +242,7 @@ void Browser::refreshTabBar()
 
 void Browser::hideToolbar()
 {
-    for (Page *page : qAsConst(m_pages))
+    for (Page *page : std::as_const(m_pages))
         page->navBar()->hide();
     refreshTabBar();
 }
@@ -274,15 +278,25 @@ void Browser::onPrintRequested()
     Page *page = currentPage();
     if (!page)
         return;
-    QPrinter printer(QPrinter::ScreenResolution);
+    // The page may print after this returns; the printer goes when it has.
+    auto *printer = new QPrinter(QPrinter::ScreenResolution);
     const QString name = m_settings->get(QStringLiteral("main/printer_name")).toString();
     if (!name.isEmpty())
-        printer.setPrinterName(name);
+        printer->setPrinterName(name);
     {
         // Built and dropped unopened: printing goes straight to the configured printer.
-        QPrintDialog dialog(&printer, this);
+        QPrintDialog dialog(printer, this);
     }
-    page->view()->print(&printer);
+    RestrictedWebView *view = page->view();
+    // Goes when printing has finished, or with the tab; the printer with it.
+    auto *job = new QObject(view);
+    connect(job, &QObject::destroyed, QCoreApplication::instance(), [printer] { delete printer; });
+    connect(view, &WebView::printFinished, job, [job](bool ok) {
+        if (!ok)
+            qWarning() << "Printing failed.";
+        job->deleteLater();
+    });
+    view->print(printer);
 }
 
 void Browser::onEnd()
@@ -317,7 +331,7 @@ void Browser::closeDialogs()
 
 void Browser::onDialogFinished()
 {
-    if (m_deleteWhenIdle && RestrictedWebPage::openDialogs() == 0) {
+    if (m_deleteWhenIdle && PageDialogs::openDialogs() == 0) {
         m_deleteWhenIdle = false;
         deleteLater();
     }
@@ -325,7 +339,7 @@ void Browser::onDialogFinished()
 
 bool Browser::event(QEvent *event)
 {
-    if (event->type() == QEvent::DeferredDelete && RestrictedWebPage::openDialogs() > 0) {
+    if (event->type() == QEvent::DeferredDelete && PageDialogs::openDialogs() > 0) {
         closeDialogs();
         m_deleteWhenIdle = true;
         return true;
@@ -338,8 +352,9 @@ bool Browser::stopImpl()
     if (m_stopped)
         return true;
     m_stopped = true;
+    m_probeTimer.stop();
     closeDialogs();
-    for (Page *page : qAsConst(m_pages)) {
+    for (Page *page : std::as_const(m_pages)) {
         page->view()->stop();
         page->removeEmbedElements();
     }
@@ -356,7 +371,41 @@ bool Browser::startImpl()
     if (m_pages.isEmpty())
         newPage(m_home);
     showRemaining();
+    m_probeTimer.start();
     return true;
+}
+
+void Browser::probeTabs()
+{
+    for (Page *page : std::as_const(m_pages)) {
+        RestrictedWebView *view = page->view();
+        const qint64 pid = view->renderProcessPid();
+        // Probed once at a time; the engine that runs scripts in this program answers at once.
+        if (pid <= 0 || view->property("probing").toBool())
+            continue;
+        view->setProperty("probing", true);
+        QPointer<Page> guard(page);
+        view->probeRenderer(FrozenPages::AnswerDeadlineMs, [this, guard, pid](bool answered) {
+            if (!guard)
+                return;
+            guard->view()->setProperty("probing", false);
+            if (!answered)
+                closeFrozenTab(guard, pid);
+        });
+    }
+}
+
+void Browser::closeFrozenTab(Page *page, qint64 pid)
+{
+    const QUrl url = page->view()->url();
+    if (!FrozenPages::endTab(pid, url))
+        return;
+    m_statusBar->showMessage(
+        tr("The page %1 stopped answering and was closed.").arg(url.toString()), deniedMessageMs);
+    // The session goes on: the last tab makes way for the home page.
+    if (m_tabs->count() < 2)
+        newPage(m_home);
+    onTabCloseRequested(m_tabs->indexOf(page));
 }
 
 bool Browser::onTimeoutImpl()

@@ -4,6 +4,7 @@
 #include "subprocessmanager.h"
 
 #include <QList>
+#include <QTimer>
 #include <QUrl>
 #include <QWidget>
 
@@ -81,6 +82,9 @@ private:
     void showRemaining();
     void closeDialogs();
     void onDialogFinished();
+    // Tabs whose renderer no longer answers (a script that never ends) are closed.
+    void probeTabs();
+    void closeFrozenTab(Page *page, qint64 pid);
 
     Settings *m_settings;
     QTabWidget *m_tabs;
@@ -97,6 +101,7 @@ private:
     bool m_hideToolbar;
     bool m_remoteControl;
     bool m_stopped = false;
+    QTimer m_probeTimer;
     // A deletion asked for while a dialog of this browser still runs its own event loop waits
     // until that loop has returned.
     bool m_deleteWhenIdle = false;

@@ -8,16 +8,16 @@
 #include <QFile>
 #include <QMouseEvent>
 #include <QRegularExpression>
-#include <QTextStream>
 #include <QUrl>
 
 Document::Document(PlaylistItem *item, QWidget *parent)
-    : QWebView(parent)
+    : WebView(parent)
     , Runnable(item->duration)
     , m_location(item->url)
 {
     connect(this, &Document::end, notifier(), &RunnableNotifier::end);
     setContextMenuPolicy(Qt::PreventContextMenu);
+    installInputFilter(this);
 }
 
 void Document::parseTemplate(QString &html, QString &base)
@@ -36,6 +36,16 @@ void Document::parseTemplate(QString &html, QString &base)
     }
 }
 
+bool Document::eventFilter(QObject *watched, QEvent *event)
+{
+    Q_UNUSED(watched)
+    // A press reaches no link: a document is not clicked through.
+    if (event->type() != QEvent::MouseButtonPress)
+        return false;
+    mousePressEvent(static_cast<QMouseEvent *>(event));
+    return true;
+}
+
 void Document::mousePressEvent(QMouseEvent *event)
 {
     if (event->button() == Qt::RightButton)
@@ -49,17 +59,17 @@ bool Document::stopImpl()
 
 bool Document::startImpl()
 {
-    QString base
-        = QLatin1String("file://") + StatePaths::dataDir() + QLatin1Char('/');
+    QString base = QLatin1String("file://") + StatePaths::dataDir() + QLatin1Char('/');
     QFile file(m_location.mid(7));
     if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) {
         qWarning() << "Cannot open document" << file.fileName();
         emit end();
         return false;
     }
-    QTextStream stream(&file);
-    stream.setCodec("UTF-8");
-    QString html = stream.readAll();
+    QString html = QString::fromUtf8(file.readAll());
+    // A byte-order mark is not part of the text.
+    if (html.startsWith(QChar(0xfeff)))
+        html.remove(0, 1);
     file.close();
 
     parseTemplate(html, base);

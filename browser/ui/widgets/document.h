@@ -1,15 +1,15 @@
 #pragma once
 
 #include "runnable.h"
+#include "webview.h"
 
 #include <QString>
-#include <QWebView>
 
 class PlaylistItem;
 class QMouseEvent;
 
 // An HTML document from the content cache; its <limage> tags name images of the cache.
-class Document : public QWebView, public Runnable
+class Document : public WebView, public Runnable
 {
     Q_OBJECT
 
@@ -17,6 +17,7 @@ public:
     Document(PlaylistItem *item, QWidget *parent);
 
     static void parseTemplate(QString &html, QString &base);
+    bool eventFilter(QObject *watched, QEvent *event) override;
 
 Q_SIGNALS:
     void end();

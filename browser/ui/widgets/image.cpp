@@ -65,6 +65,11 @@ QImage Image::readPicture(const QString &path, const QSize &area)
         qWarning() << "Cannot show picture" << path << ": not a readable regular file";
         return QImage();
     }
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+    // Qt 6 refuses decodes above a limit of its own, lower than this player's budget, which
+    // fitsDecodeBudget() keeps.
+    QImageReader::setAllocationLimit(MaxDecodeMegabytes);
+#endif
     QImageReader reader(path);
     QString tooLarge;
     if (!fitsDecodeBudget(reader, &tooLarge)) {

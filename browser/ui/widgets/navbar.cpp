@@ -1,7 +1,7 @@
 #include "navbar.h"
 
 #include "locationedit.h"
-#include "restrictedwebpage.h"
+#include "pagedialogs.h"
 #include "restrictedwebview.h"
 #include "settings.h"
 
@@ -9,7 +9,6 @@
 #include <QIcon>
 #include <QMessageBox>
 #include <QPointer>
-#include <QWebHistory>
 
 namespace {
 const char searchAddress[] = "https://www.mojeek.com/search?q=%1";
@@ -23,15 +22,15 @@ NavBar::NavBar(RestrictedWebView *view, QWidget *parent)
     Settings *settings = Settings::load(false, nullptr);
     QAction *home = addAction(QIcon::fromTheme(QStringLiteral("user-home")), tr("Home"));
     connect(home, &QAction::triggered, this, &NavBar::onGoHome);
-    addAction(view->pageAction(QWebPage::Back));
-    addAction(view->pageAction(QWebPage::Forward));
-    addAction(view->pageAction(QWebPage::Stop));
+    addAction(view->navigationAction(WebView::Action::Back));
+    addAction(view->navigationAction(WebView::Action::Forward));
+    addAction(view->navigationAction(WebView::Action::Stop));
     m_location->setSizePolicy(QSizePolicy::Expanding, m_location->sizePolicy().verticalPolicy());
     connect(m_location, &QLineEdit::returnPressed, this, &NavBar::onLocationChanged);
     addWidget(m_location);
     QAction *go = addAction(QIcon::fromTheme(QStringLiteral("stock_media-play")), tr("Go"));
     connect(go, &QAction::triggered, this, &NavBar::onLocationChanged);
-    addAction(view->pageAction(QWebPage::Reload));
+    addAction(view->navigationAction(WebView::Action::Reload));
     if (settings->get(QStringLiteral("main/can_print")).toBool()) {
         QAction *print = addAction(QIcon::fromTheme(QStringLiteral("gtk-print")), tr("Print"));
         connect(print, &QAction::triggered, this, &NavBar::onPrint);
@@ -41,10 +40,10 @@ NavBar::NavBar(RestrictedWebView *view, QWidget *parent)
         connect(clear, &QAction::triggered, this, &NavBar::onEnd);
     }
 
-    connect(view, &QWebView::loadFinished, this, &NavBar::adjustLocation);
-    connect(view, &QWebView::titleChanged, this, &NavBar::adjustTitle);
-    connect(view, &QWebView::loadProgress, this, &NavBar::setProgress);
-    connect(view, &QWebView::urlChanged, this, &NavBar::setHistoryStatus);
+    connect(view, &WebView::loadFinished, this, &NavBar::adjustLocation);
+    connect(view, &WebView::titleChanged, this, &NavBar::adjustTitle);
+    connect(view, &WebView::loadProgress, this, &NavBar::setProgress);
+    connect(view, &WebView::urlChanged, this, &NavBar::setHistoryStatus);
 }
 
 QString NavBar::searchTemplate()
@@ -88,8 +87,8 @@ void NavBar::setProgress(int progress)
 
 void NavBar::setHistoryStatus()
 {
-    m_view->pageAction(QWebPage::Back)->setEnabled(m_view->history()->canGoBack());
-    m_view->pageAction(QWebPage::Forward)->setEnabled(m_view->history()->canGoForward());
+    m_view->navigationAction(WebView::Action::Back)->setEnabled(m_view->canGoBack());
+    m_view->navigationAction(WebView::Action::Forward)->setEnabled(m_view->canGoForward());
 }
 
 void NavBar::onPrint()
@@ -104,7 +103,7 @@ void NavBar::onEnd()
                           tr("Your session will be terminated.\n\nDo you really want to continue?"),
                           QMessageBox::Yes | QMessageBox::No, this);
     QPointer<NavBar> self(this);
-    const int answer = RestrictedWebPage::runDialog(box);
+    const int answer = PageDialogs::runDialog(box);
     if (self && answer == QMessageBox::Yes)
         emit end();
 }

@@ -7,8 +7,6 @@
 
 #include <QAction>
 #include <QVBoxLayout>
-#include <QWebElement>
-#include <QWebFrame>
 
 namespace kiosk {
 
@@ -46,7 +44,7 @@ void Page::build()
 void Page::setup()
 {
     const double zoom = m_settings->zoomFactor();
-    connect(m_view, &QWebView::titleChanged, this, [this](const QString &title) {
+    connect(m_view, &WebView::titleChanged, this, [this](const QString &title) {
         QString text = title;
         adjustTitle(text);
     });
@@ -64,11 +62,11 @@ void Page::setup()
 void Page::setShortcut()
 {
     auto *plus = new QAction(this);
-    plus->setShortcut(QKeySequence(Qt::CTRL + Qt::Key_Plus));
+    plus->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Plus));
     connect(plus, &QAction::triggered, this, &Page::zoomPlus);
     addAction(plus);
     auto *minus = new QAction(this);
-    minus->setShortcut(QKeySequence(Qt::CTRL + Qt::Key_Minus));
+    minus->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Minus));
     connect(minus, &QAction::triggered, this, &Page::zoomMinus);
     addAction(minus);
 }
@@ -90,10 +88,7 @@ void Page::adjustTitle(QString &title)
 
 void Page::removeEmbedElements()
 {
-    const QWebElementCollection embeds
-        = m_view->page()->mainFrame()->findAllElements(QStringLiteral("embed"));
-    for (QWebElement embed : embeds)
-        embed.removeFromDocument();
+    m_view->removeEmbedElements();
 }
 
 void Page::onEnd()

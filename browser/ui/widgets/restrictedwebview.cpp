@@ -1,18 +1,17 @@
 #include "restrictedwebview.h"
 
 #include "authdialog.h"
+#include "pagedialogs.h"
 #include "restrictedwebpage.h"
 #include "settings.h"
 
 #include <QAuthenticator>
 #include <QLineEdit>
 #include <QMouseEvent>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
 #include <QPointer>
 
 RestrictedWebView::RestrictedWebView(QUrl url, QWidget *parent)
-    : QWebView(parent)
+    : WebView(parent)
     , m_page(new RestrictedWebPage(this))
     , m_home(Settings::load(false, nullptr)->defaultUrl())
 {
@@ -20,11 +19,11 @@ RestrictedWebView::RestrictedWebView(QUrl url, QWidget *parent)
     connect(m_page, &RestrictedWebPage::urlDenied, this, &RestrictedWebView::onUrlDenied);
     if (url.isValid())
         load(url);
-    connect(m_page->networkAccessManager(), &QNetworkAccessManager::authenticationRequired, this,
+    connect(m_page, &RestrictedWebPage::credentialsRequired, this,
             &RestrictedWebView::onAuthRequired);
     setContextMenuPolicy(Qt::NoContextMenu);
     setMouseTracking(true);
-    installEventFilter(this);
+    installInputFilter(this);
 }
 
 void RestrictedWebView::home()
@@ -40,12 +39,11 @@ bool RestrictedWebView::eventFilter(QObject *watched, QEvent *event)
     else if (event->type() == QEvent::MouseButtonPress
              && static_cast<QMouseEvent *>(event)->button() == Qt::RightButton)
         return true;
-    return QWebView::eventFilter(watched, event);
+    return WebView::eventFilter(watched, event);
 }
 
-QWebView *RestrictedWebView::createWindow(QWebPage::WebWindowType type)
+WebView *RestrictedWebView::newWindow()
 {
-    Q_UNUSED(type)
     auto *view = new RestrictedWebView(QUrl(), this);
     view->setHomeUrl(m_home);
     emit webViewCreated(view);
@@ -58,18 +56,18 @@ QWebView *RestrictedWebView::createWindow(QWebPage::WebWindowType type)
     return view;
 }
 
-void RestrictedWebView::onAuthRequired(QNetworkReply *reply, QAuthenticator *authenticator)
+void RestrictedWebView::onAuthRequired(const QUrl &url, QAuthenticator *authenticator)
 {
-    QPointer<QNetworkReply> replyGuard(reply);
+    Q_UNUSED(url)
     QPointer<RestrictedWebView> self(this);
     auto *dialog = new AuthDialog(this);
     QPointer<AuthDialog> dialogGuard(dialog);
     dialog->setModal(true);
-    RestrictedWebPage::runDialog(dialog);
+    PageDialogs::runDialog(dialog);
     // The session may have ended while the dialog was open.
     if (!self)
         return;
-    if (replyGuard && dialogGuard) {
+    if (dialogGuard) {
         authenticator->setUser(dialog->usernameEdit->text());
         authenticator->setPassword(dialog->passwordEdit->text());
     }

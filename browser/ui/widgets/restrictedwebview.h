@@ -1,15 +1,15 @@
 #pragma once
 
+#include "webview.h"
+
 #include <QUrl>
-#include <QWebView>
 
 class QAuthenticator;
-class QNetworkReply;
 class RestrictedWebPage;
 
 // A kiosk browser view: its page is filtered, the right button does nothing, mouse movement is
 // reported, windows that pages open become new tabs, and sites can ask for a password.
-class RestrictedWebView : public QWebView
+class RestrictedWebView : public WebView
 {
     Q_OBJECT
 
@@ -27,11 +27,11 @@ Q_SIGNALS:
 
 public Q_SLOTS:
     void home();
-    void onAuthRequired(QNetworkReply *reply, QAuthenticator *authenticator);
+    void onAuthRequired(const QUrl &url, QAuthenticator *authenticator);
     void onUrlDenied(QString &url);
 
 protected:
-    QWebView *createWindow(QWebPage::WebWindowType type) override;
+    WebView *newWindow() override;
 
 private:
     RestrictedWebPage *m_page;

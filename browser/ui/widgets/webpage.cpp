@@ -1,5 +1,7 @@
 #include "webpage.h"
 
+#include "customqwebpage.h"
+#include "frozenpages.h"
 #include "installpaths.h"
 #include "playlistitem.h"
 #include "settings.h"
@@ -7,18 +9,13 @@
 #include "statepaths.h"
 #include "watchdog.h"
 
-#include <QAction>
 #include <QDebug>
 #include <QDir>
 #include <QEvent>
 #include <QFile>
 #include <QFileInfo>
 #include <QMouseEvent>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QPalette>
-#include <QWebElement>
-#include <QWebFrame>
+#include <QPointer>
 
 namespace {
 const char templatePath[] = VORSANE_DATA_DIR "/template.html";
@@ -43,26 +40,25 @@ QString withBreaks(const QStringList &lines, int first, int last)
 } // namespace
 
 Webpage::Webpage(PlaylistItem *item, QWidget *parent)
-    : QWebView(parent)
+    : WebView(parent)
     , Runnable(item->duration)
+    , m_page(new CustomQWebPage(this))
     , m_settings(Settings::load(false, nullptr))
     , m_url(item->url, QUrl::TolerantMode)
     , m_options(item->parameters)
 {
     connect(this, &Webpage::end, notifier(), &RunnableNotifier::end);
-    setPage(&m_page);
+    setPage(m_page);
     // Nobody watches a slideshow page to answer its dialogs.
-    m_page.setUnattended(true);
-    installEventFilter(this);
+    m_page->setUnattended(true);
+    installInputFilter(this);
 
     m_cookieJar = new SqliteCookieJar(this);
-    QNetworkAccessManager *manager = m_page.networkAccessManager();
-    manager->setCookieJar(m_cookieJar);
-    connect(manager, &QNetworkAccessManager::finished, this, &Webpage::errorCheck);
-    connect(manager, &QNetworkAccessManager::sslErrors, this, &Webpage::sslErrorHandler);
+    m_page->setCookieJar(m_cookieJar);
+    connect(m_page, &CustomQWebPage::firstResponse, this, &Webpage::errorCheck);
+    connect(this, &WebView::rendererGone, this, &Webpage::onRendererGone);
 
-    m_page.mainFrame()->setScrollBarPolicy(Qt::Vertical, Qt::ScrollBarAlwaysOff);
-    m_page.mainFrame()->setScrollBarPolicy(Qt::Horizontal, Qt::ScrollBarAlwaysOff);
+    setScrollBarsVisible(false);
 
     if (item->url.endsWith(QLatin1String(".txt")))
         displayHTML(item);
@@ -73,9 +69,7 @@ Webpage::Webpage(PlaylistItem *item, QWidget *parent)
     bool autoScrollRequested = false;
     applyOptions(&autoScrollRequested);
 
-    QPalette black = palette();
-    black.setBrush(QPalette::Base, Qt::black);
-    m_page.setPalette(black);
+    setPageBackground(Qt::black);
 
     if (m_settings->autoScroll() || autoScrollRequested) {
         connect(&m_delayTimer, &QTimer::timeout, this, &Webpage::startScroll);
@@ -88,28 +82,24 @@ Webpage::Webpage(PlaylistItem *item, QWidget *parent)
 
 Webpage::~Webpage()
 {
-    // The page is a member and dies before the view; deleting it aborts any load in progress,
-    // whose replies must no longer reach this half-destroyed object.
-    m_page.networkAccessManager()->disconnect(this);
-    m_page.mainFrame()->disconnect(this);
-    setPage(nullptr);
+    // The page goes after this object, with the view; a load it aborts then must no longer reach
+    // this half-destroyed object.
+    m_page->disconnect(this);
+    disconnect(this, nullptr, this, nullptr);
 }
 
 void Webpage::applyOptions(bool *autoScrollRequested)
 {
-    QWebFrame *frame = m_page.mainFrame();
-    for (const QString &option : qAsConst(m_options)) {
+    for (const QString &option : std::as_const(m_options)) {
         if (option.contains(QLatin1String("zoom:")))
             setZoomFactor(option.split(QLatin1Char(':')).at(1).toDouble());
         if (option.contains(QLatin1String("x:"))) {
             m_scrollX = option.split(QLatin1Char(':')).at(1).toInt();
-            connect(frame, &QWebFrame::loadFinished, this, &Webpage::scrollToX,
-                    Qt::UniqueConnection);
+            connect(this, &WebView::loadFinished, this, &Webpage::scrollToX, Qt::UniqueConnection);
         }
         if (option.contains(QLatin1String("y:"))) {
             m_scrollY = option.split(QLatin1Char(':')).at(1).toInt();
-            connect(frame, &QWebFrame::loadFinished, this, &Webpage::scrollToY,
-                    Qt::UniqueConnection);
+            connect(this, &WebView::loadFinished, this, &Webpage::scrollToY, Qt::UniqueConnection);
         }
         if (option.contains(QLatin1String("autoscroll")))
             *autoScrollRequested = true;
@@ -152,29 +142,22 @@ void Webpage::displayHTML(PlaylistItem *item)
     m_url = QUrl::fromLocalFile(QFileInfo(output).absoluteFilePath());
 }
 
-void Webpage::errorCheck(QNetworkReply *reply)
+void Webpage::errorCheck(bool ok, const QString &error)
 {
     // Only the first reply that finishes is looked at, whichever resource it belongs to.
-    disconnect(m_page.networkAccessManager(), &QNetworkAccessManager::finished, this,
-               &Webpage::errorCheck);
+    disconnect(m_page, &CustomQWebPage::firstResponse, this, &Webpage::errorCheck);
     if (m_errorChecked)
         return;
     m_errorChecked = true;
-    if (reply->error() == QNetworkReply::NoError)
+    if (ok)
         return;
 
-    qWarning() << "Cannot load page" << m_url.toString() << reply->errorString();
+    qWarning() << "Cannot load page" << m_url.toString() << error;
     if (m_options.contains(QLatin1String("all_webpages"))) {
         setHtml(tr(networkErrorText), QUrl());
         return;
     }
     emit end();
-}
-
-void Webpage::sslErrorHandler(QNetworkReply *reply, const QList<QSslError> &errors)
-{
-    Q_UNUSED(errors)
-    reply->ignoreSslErrors();
 }
 
 void Webpage::startScroll()
@@ -186,23 +169,23 @@ void Webpage::startScroll()
 
 void Webpage::autoScroll()
 {
-    QWebFrame *frame = m_page.mainFrame();
-    const int before = frame->scrollPosition().y();
-    frame->scroll(0, m_scrollStep);
-    if (frame->scrollPosition().y() == before)
-        m_scrollStep = -m_scrollStep;
+    QPointer<Webpage> self(this);
+    scrollPageBy(0, m_scrollStep, [self](bool moved) {
+        if (self && !moved)
+            self->m_scrollStep = -self->m_scrollStep;
+    });
 }
 
 void Webpage::scrollToX()
 {
-    m_page.mainFrame()->scroll(m_scrollX, 0);
-    disconnect(m_page.mainFrame(), &QWebFrame::loadFinished, this, &Webpage::scrollToX);
+    scrollPageBy(m_scrollX, 0);
+    disconnect(this, &WebView::loadFinished, this, &Webpage::scrollToX);
 }
 
 void Webpage::scrollToY()
 {
-    m_page.mainFrame()->scroll(0, m_scrollY);
-    disconnect(m_page.mainFrame(), &QWebFrame::loadFinished, this, &Webpage::scrollToY);
+    scrollPageBy(0, m_scrollY);
+    disconnect(this, &WebView::loadFinished, this, &Webpage::scrollToY);
 }
 
 bool Webpage::eventFilter(QObject *watched, QEvent *event)
@@ -233,13 +216,19 @@ void Webpage::mousePressEvent(QMouseEvent *event)
 
 bool Webpage::stopImpl()
 {
-    Watchdog::leaveWebPage(m_url);
-    // The Stop action is only looked up: an unfinished load is left to complete on purpose.
-    pageAction(QWebPage::Stop);
-    const QWebElementCollection embeds
-        = m_page.mainFrame()->findAllElements(QStringLiteral("embed"));
-    for (QWebElement embed : embeds)
-        embed.removeAllChildren();
+    stopWatchingForStalls(m_url);
+    // An unfinished load is left to complete on purpose.
+    clearEmbedChildren();
+    // A script that never ends holds only the page's own renderer; it is ended here, after the
+    // page had its time.
+    const qint64 pid = renderProcessPid();
+    if (pid > 0) {
+        const QUrl url = m_url;
+        probeRenderer(FrozenPages::AnswerDeadlineMs, [pid, url](bool answered) {
+            if (!answered)
+                FrozenPages::endSlideshowPage(pid, url);
+        });
+    }
     return true;
 }
 
@@ -249,11 +238,21 @@ bool Webpage::startImpl()
         qWarning().noquote() << QStringLiteral("Showing %1 without scripts: they held the "
                                                "program the last time.")
                                     .arg(m_url.toString());
-        m_page.settings()->setAttribute(QWebSettings::JavascriptEnabled, false);
+        setScriptsEnabled(false);
     }
-    Watchdog::setWebPage(m_url);
+    watchForStalls(m_url);
     load(m_url);
     return true;
+}
+
+void Webpage::onRendererGone()
+{
+    // Another page's frozen renderer may have been this page's too; one fresh load brings it
+    // back.
+    if (!isActive() || m_reloadedAfterRendererLoss)
+        return;
+    m_reloadedAfterRendererLoss = true;
+    load(m_url);
 }
 
 bool Webpage::onTimeoutImpl()

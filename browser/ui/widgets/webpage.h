@@ -1,24 +1,21 @@
 #pragma once
 
-#include "customqwebpage.h"
 #include "runnable.h"
+#include "webview.h"
 
-#include <QList>
-#include <QSslError>
 #include <QStringList>
 #include <QTimer>
 #include <QUrl>
-#include <QWebView>
 
+class CustomQWebPage;
 class PlaylistItem;
-class QNetworkReply;
 class Settings;
 class SqliteCookieJar;
 
 // One web page, or a plain-text file laid into the HTML template, shown for the item's duration:
 // optionally zoomed, pre-scrolled or slowly scrolled up and down. It cannot be clicked or typed
 // into.
-class Webpage : public QWebView, public Runnable
+class Webpage : public WebView, public Runnable
 {
     Q_OBJECT
 
@@ -34,8 +31,7 @@ Q_SIGNALS:
     void rightclick();
 
 public Q_SLOTS:
-    void errorCheck(QNetworkReply *reply);
-    void sslErrorHandler(QNetworkReply *reply, const QList<QSslError> &errors);
+    void errorCheck(bool ok, const QString &error);
     void startScroll();
     void autoScroll();
     void scrollToX();
@@ -52,8 +48,9 @@ protected:
 
 private:
     void applyOptions(bool *autoScrollRequested);
+    void onRendererGone();
 
-    CustomQWebPage m_page;
+    CustomQWebPage *m_page;
     Settings *m_settings;
     QUrl m_url;
     SqliteCookieJar *m_cookieJar;
@@ -65,4 +62,5 @@ private:
     QStringList m_options;
     int m_scrollY = 0;
     int m_scrollX = 0;
+    bool m_reloadedAfterRendererLoss = false;
 };

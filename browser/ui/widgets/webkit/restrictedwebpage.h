@@ -1,22 +1,18 @@
 #pragma once
 
-#include <QList>
+#include "navigationfilter.h"
+
 #include <QPointer>
-#include <QSslError>
 #include <QWebPage>
 
-#include <memory>
-
-class QDialog;
-class QNetworkCookieJar;
+class QAuthenticator;
 class QNetworkReply;
 class QNetworkRequest;
-class Settings;
-class UrlPatternMatcher;
+class SqliteCookieJar;
 
-// The page of every kiosk browser view: each navigation is checked against the restriction file
-// and the list mode; it also sets the user agent, ignores certificate errors and turns file
-// downloads into RestrictedDownloads.
+// The page of every kiosk browser view: each navigation, sub-frames included, is checked by the
+// navigation filter; it also sets the user agent, accepts every certificate, runs the page's
+// dialogs for the visitor and turns file downloads into RestrictedDownloads.
 class RestrictedWebPage : public QWebPage
 {
     Q_OBJECT
@@ -28,22 +24,18 @@ public:
     bool urlIsAllowed(QUrl &url);
 
     // Pages built while a jar is set share it: one browsing session, one set of cookies.
-    static void setSessionCookieJar(QNetworkCookieJar *jar);
-    // Modal dialogs (alert, confirm, prompt, authentication) running right now, in any page.
-    static int openDialogs();
-    // Runs a dialog modally; it may be rejected from outside (end of session) at any time.
-    static int runDialog(QDialog *dialog);
+    static void setSessionCookieJar(SqliteCookieJar *jar);
 
 Q_SIGNALS:
     void urlDenied(QString &url);
     void downloadStarted();
     void downloadDone(QString &path, QString &mimeType);
     void dialogFinished();
+    // A site asks for a name and a password: whoever answers fills in answer (left untouched,
+    // nothing is sent).
+    void credentialsRequired(const QUrl &url, QAuthenticator *answer);
 
 public Q_SLOTS:
-    void sslErrorHandler(QNetworkReply *reply, const QList<QSslError> &errors);
-    void onDownloadRequested(const QNetworkRequest &request);
-    void onUnsupportedContent(QNetworkReply *reply);
     void onDownloadDone(QString &path, QString &mimeType);
 
 protected:
@@ -56,11 +48,12 @@ protected:
                           QString *result) override;
 
 private:
+    void onDownloadRequested(const QNetworkRequest &request);
+    void onUnsupportedContent(QNetworkReply *reply);
+    void onAuthenticationRequired(QNetworkReply *reply, QAuthenticator *authenticator);
     void startDownload(QNetworkReply *reply);
 
-    Settings *m_settings;
-    std::shared_ptr<const UrlPatternMatcher> m_patterns;
+    NavigationFilter m_filter;
 
-    static QPointer<QNetworkCookieJar> s_sessionJar;
-    static int s_openDialogs;
+    static QPointer<SqliteCookieJar> s_sessionJar;
 };

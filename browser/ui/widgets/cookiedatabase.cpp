@@ -1,7 +1,6 @@
-#include "sqlitecookiejar.h"
+#include "cookiedatabase.h"
 
 #include <QDateTime>
-#include <QNetworkCookie>
 #include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QVariant>
@@ -23,25 +22,28 @@ QString textOf(const QVariant &value)
 }
 } // namespace
 
-SqliteCookieJar::SqliteCookieJar(QObject *parent)
-    : QNetworkCookieJar(parent)
+namespace CookieDatabase {
+
+bool open(const QString &path)
 {
-    load();
+    QSqlDatabase cookies = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"));
+    cookies.setDatabaseName(path);
+    return cookies.open();
 }
 
-void SqliteCookieJar::load()
+QList<QNetworkCookie> read()
 {
-    // Without an open connection the jar simply starts empty, like a missing table.
+    QList<QNetworkCookie> cookies;
+    // Without an open connection there are simply no cookies, like with a missing table.
     QSqlDatabase db = QSqlDatabase::database(QLatin1String(QSqlDatabase::defaultConnection), false);
     if (!db.isOpen())
-        return;
+        return cookies;
 
     QSqlQuery query(db);
     if (!query.exec(QStringLiteral(
             "SELECT name,value,host,path,expiry,isSecure,isHttpOnly FROM moz_cookies")))
-        return;
+        return cookies;
 
-    QList<QNetworkCookie> cookies;
     while (query.next()) {
         QNetworkCookie cookie(bytesOf(query.value(0)), bytesOf(query.value(1)));
         cookie.setDomain(textOf(query.value(2)));
@@ -55,5 +57,7 @@ void SqliteCookieJar::load()
         cookie.setHttpOnly(query.value(6).toBool());
         cookies.append(cookie);
     }
-    setAllCookies(cookies);
+    return cookies;
 }
+
+} // namespace CookieDatabase

@@ -1,11 +1,10 @@
 #include "restricteddownload.h"
 
+#include "downloadfolder.h"
+
 #include <QDebug>
-#include <QDir>
 #include <QFileInfo>
 #include <QNetworkReply>
-
-#include <unistd.h>
 
 RestrictedDownload::RestrictedDownload(QNetworkReply *reply, QObject *parent)
     : QObject(parent)
@@ -32,14 +31,7 @@ RestrictedDownload::RestrictedDownload(QNetworkReply *reply, QObject *parent)
     }
     if (fileName.isEmpty())
         fileName = QFileInfo(reply->url().toString()).fileName();
-    // A name from the server must not leave the working folder.
-    fileName = QFileInfo(fileName).fileName();
-    if (fileName.isEmpty() || fileName == QLatin1String("..") || fileName == QLatin1String("."))
-        fileName = QStringLiteral("download");
-
-    // Another session may have removed the folder since this one began.
-    QDir().mkpath(workingFolder());
-    m_path = workingFolder() + QLatin1Char('/') + fileName;
+    m_path = DownloadFolder::target(fileName);
     m_file.setFileName(m_path);
     if (!m_file.open(QIODevice::WriteOnly | QIODevice::Truncate))
         qWarning() << "Cannot write download" << m_path << m_file.errorString();
@@ -55,7 +47,7 @@ RestrictedDownload::RestrictedDownload(QNetworkReply *reply, QObject *parent)
 
 QString RestrictedDownload::workingFolder()
 {
-    return QStringLiteral("/tmp/sitedeck-%1").arg(::getuid());
+    return DownloadFolder::path();
 }
 
 void RestrictedDownload::onReadyRead()

@@ -6,8 +6,8 @@
 
 class QNetworkReply;
 
-// Writes one file that a page offers into the session's working folder, then reports its path
-// and MIME type.
+// Writes one file that a kiosk page offers into the session's working folder, then reports its
+// path and MIME type.
 class RestrictedDownload : public QObject
 {
     Q_OBJECT
@@ -21,11 +21,10 @@ public:
 Q_SIGNALS:
     void finished(QString &path, QString &mimeType);
 
-public Q_SLOTS:
+private:
     void onReadyRead();
     void onFinished();
 
-private:
     QString m_path;
     QString m_mimeType;
     QFile m_file;

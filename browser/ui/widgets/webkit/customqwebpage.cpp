@@ -1,25 +1,36 @@
 #include "customqwebpage.h"
 
-#include "settings.h"
+#include "sqlitecookiejar.h"
+#include "useragent.h"
+#include "webview.h"
 
 #include <QAuthenticator>
 #include <QDebug>
-#include <QLocale>
 #include <QNetworkAccessManager>
 #include <QNetworkProxy>
 #include <QNetworkReply>
 #include <QWebFrame>
 #include <QWebSettings>
 
-#include <sys/utsname.h>
-
-namespace {
-const char kioskVersion[] = "16.04.a";
-}
-
 CustomQWebPage::CustomQWebPage(QObject *parent)
     : QWebPage(parent)
 {
+    QNetworkAccessManager *manager = networkAccessManager();
+    connect(manager, &QNetworkAccessManager::finished, this, &CustomQWebPage::onReplyFinished);
+    connect(manager, &QNetworkAccessManager::sslErrors, this,
+            [](QNetworkReply *reply, const QList<QSslError> &) { reply->ignoreSslErrors(); });
+}
+
+void CustomQWebPage::setCookieJar(SqliteCookieJar *jar)
+{
+    networkAccessManager()->setCookieJar(jar);
+}
+
+void CustomQWebPage::onReplyFinished(QNetworkReply *reply)
+{
+    disconnect(networkAccessManager(), &QNetworkAccessManager::finished, this,
+               &CustomQWebPage::onReplyFinished);
+    emit firstResponse(reply->error() == QNetworkReply::NoError, reply->errorString());
 }
 
 void CustomQWebPage::setUnattended(bool unattended)
@@ -48,19 +59,12 @@ void CustomQWebPage::setUnattended(bool unattended)
 QString CustomQWebPage::userAgentForUrl(const QUrl &url) const
 {
     Q_UNUSED(url)
-    const QString configured
-        = Settings::load(false, nullptr)->userAgent();
-    return configured.isEmpty() ? builtInUserAgent() : configured;
+    return UserAgent::forPages(WebView::engineVersion());
 }
 
 QString CustomQWebPage::builtInUserAgent()
 {
-    struct utsname system;
-    const QString systemName
-        = ::uname(&system) == 0 ? QString::fromLocal8Bit(system.sysname) : QString();
-    return QStringLiteral("Mozilla/5.0 (X11; %1; %2) AppleWebKit/%3 (KHTML, like Gecko) "
-                          "Chrome/36.0.1985.125 Safari/%3 VorsaneKiosk/%4")
-        .arg(systemName, QLocale().name(), qWebKitVersion(), QString::fromLatin1(kioskVersion));
+    return UserAgent::builtIn(WebView::engineVersion());
 }
 
 void CustomQWebPage::javaScriptAlert(QWebFrame *frame, const QString &message)
@@ -140,4 +144,12 @@ void CustomQWebPage::onProxyAuthenticationRequired(const QNetworkProxy &proxy,
     Q_UNUSED(proxy)
     Q_UNUSED(authenticator)
     qDebug() << "Suppressed proxy authentication request.";
+}
+
+void CustomQWebPage::javaScriptConsoleMessage(const QString &message, int lineNumber,
+                                              const QString &sourceID)
+{
+    // This engine reports a script's errors among its console messages, without a level.
+    emit scriptError(message, lineNumber);
+    QWebPage::javaScriptConsoleMessage(message, lineNumber, sourceID);
 }
