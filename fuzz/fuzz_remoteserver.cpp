@@ -50,7 +50,8 @@ bool walksLocalFiles(const QByteArray &input)
 {
     static const QRegularExpression local(QStringLiteral("file:(?!///proc/kmsg\\b)"),
                                           QRegularExpression::CaseInsensitiveOption);
-    return local.match(QString::fromLatin1(input)).hasMatch();
+    // With the size: a QByteArray alone would end the text at its first NUL.
+    return local.match(QString::fromLatin1(input.constData(), input.size())).hasMatch();
 }
 } // namespace
 

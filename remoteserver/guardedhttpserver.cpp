@@ -523,9 +523,12 @@ bool GuardedHttpServer::process_and_close_socket(socket_t sock)
 void GuardedHttpServer::serve(GuardedStream &stream, const std::string &address)
 {
     for (size_t left = keep_alive_max_count_; left > 0; --left) {
-        // An idle connection gives way at once to one of its address that waits for a turn.
-        if (!stream.awaitRequest(Clock::now() + std::chrono::seconds(keep_alive_timeout_sec_),
-                                 [this, &address] { return hasWaiting(address); }))
+        const Clock::time_point idleSince = Clock::now();
+        if (!stream.awaitRequest(idleSince + std::chrono::seconds(keep_alive_timeout_sec_),
+                                 [this, &address, idleSince] {
+                                     return Clock::now() - idleSince >= IdleYield
+                                            && hasWaiting(address);
+                                 }))
             break;
         stream.beginRequest();
         bool closed = false;

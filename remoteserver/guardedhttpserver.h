@@ -21,9 +21,14 @@ class GuardedHttpServer : public httplib::Server
 {
 public:
     static constexpr size_t Workers = 64;
-    static constexpr int ConnectionsPerAddress = 4;
+    // As many as a browser opens to one server, so that one browser never waits.
+    static constexpr int ConnectionsPerAddress = 6;
     // Connections of one address waiting for a turn; more are closed at once.
     static constexpr size_t WaitingPerAddress = 256;
+    // An idle connection gives way to a waiting one of its address after this long: not at
+    // once, since a browser reuses a connection the moment its answer is in, and closing it then
+    // would race with the next request.
+    static constexpr std::chrono::milliseconds IdleYield{300};
     static constexpr size_t MaxHeadBytes = 64 * 1024;
     static constexpr std::chrono::seconds HeadTimeout{10};
     // A body or an answer gets this long, and one second more for every MinPace bytes.
