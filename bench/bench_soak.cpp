@@ -129,8 +129,9 @@ int main(int argc, char *argv[])
     QGuiApplication app(argc, argv);
     int count = 10000;
     QString program = QCoreApplication::applicationDirPath() + QStringLiteral("/../vorsane-kiosk");
-    QMap<QString, QStringList> preferences{{QStringLiteral("main"), {"version=QFGLs6IVf1", "fullscreen=false"}},
-                                           {QStringLiteral("slideshow"), {"hide_pointer=false"}}};
+    QMap<QString, QStringList> preferences{
+        {QStringLiteral("main"), {"version=QFGLs6IVf1", "fullscreen=false"}},
+        {QStringLiteral("slideshow"), {"hide_pointer=false"}}};
     const QStringList arguments = app.arguments();
     for (int i = 1; i + 1 < arguments.size(); i += 2) {
         if (arguments.at(i) == QLatin1String("--count"))
@@ -138,7 +139,8 @@ int main(int argc, char *argv[])
         else if (arguments.at(i) == QLatin1String("--program"))
             program = arguments.at(i + 1);
         else if (arguments.at(i) == QLatin1String("--preference"))
-            preferences[arguments.at(i + 1).section('/', 0, 0)] << arguments.at(i + 1).section('/', 1);
+            preferences[arguments.at(i + 1).section('/', 0, 0)]
+                << arguments.at(i + 1).section('/', 1);
     }
 
     QTemporaryDir home;
@@ -149,8 +151,8 @@ int main(int argc, char *argv[])
     QDir().mkpath(media);
     QDir().mkpath(stubs);
     // Desktop commands the program runs are answered by stand-ins that do nothing.
-    for (const char *name : {"launchdock", "amixer", "pkill", "xmodmap", "xset",
-                             "gksu", "xscreensaver-command", "sudo", "chvt", "unzip", "pgrep"}) {
+    for (const char *name : {"launchdock", "amixer", "pkill", "xmodmap", "xset", "gksu",
+                             "xscreensaver-command", "sudo", "chvt", "unzip", "pgrep"}) {
         const QString path = stubs + QLatin1Char('/') + QLatin1String(name);
         write(path, "#!/bin/sh\nexit 0\n");
         QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
@@ -161,7 +163,8 @@ int main(int argc, char *argv[])
     const int warmAfter = 2 * int(playlist.count("<i "));
     QByteArray preferenceFile;
     for (auto group = preferences.cbegin(); group != preferences.cend(); ++group)
-        preferenceFile += '[' + group.key().toUtf8() + "]\n" + group.value().join('\n').toUtf8() + '\n';
+        preferenceFile
+            += '[' + group.key().toUtf8() + "]\n" + group.value().join('\n').toUtf8() + '\n';
     write(conf + QStringLiteral("/preferences"), preferenceFile);
 
     QProcess kiosk;

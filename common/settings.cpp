@@ -155,8 +155,7 @@ void Settings::populateDefaults()
     m_values[Prefs::RemoteEnabled] = false;
     m_values[Prefs::RemotePort] = 7575;
     m_values[QStringLiteral("remote/url")] = QString();
-    m_values[Prefs::RemoteLocalUrl]
-        = QStringLiteral("http://localhost:") + QString::number(7575);
+    m_values[Prefs::RemoteLocalUrl] = QStringLiteral("http://localhost:") + QString::number(7575);
     m_values[Prefs::RemoteKey] = QString();
     m_values[QStringLiteral("remote/tv")] = true;
     m_values[QStringLiteral("remote/localplaylist")] = true;

@@ -66,8 +66,8 @@ qint64 residentBytes()
     return read == 2 ? resident * ::sysconf(_SC_PAGESIZE) : 0;
 }
 
-// One line a page: "<seconds since 1970> <encoded address> <reason>"; the last day's stalls only, so the
-// file stays small over months.
+// One line a page: "<seconds since 1970> <encoded address> <reason>"; the last day's stalls only,
+// so the file stays small over months.
 void recordStalledPage(const QString &page, const QString &reason)
 {
     QFile file(stalledFile());
@@ -82,8 +82,8 @@ void recordStalledPage(const QString &page, const QString &reason)
         file.close();
     }
     if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        file.write(kept + QByteArray::number(now) + ' ' + QUrl(page).toEncoded() + ' ' + reason.toUtf8()
-                   + '\n');
+        file.write(kept + QByteArray::number(now) + ' ' + QUrl(page).toEncoded() + ' '
+                   + reason.toUtf8() + '\n');
 }
 
 // Runs on the watchdog thread while the GUI thread may still be running: nothing here touches

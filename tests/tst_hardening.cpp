@@ -159,9 +159,8 @@ void TestHardening::slowHookIsNoStall()
     const QString hook = kiosk.confDir() + "/hooks/session-start";
     QVERIFY(writeFile(hook, "#!/bin/sh\nsleep 9\ntouch '" + done.toUtf8() + "'\n"));
     QFile::setPermissions(hook, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
-    QVERIFY(kiosk.start("#Vorsane playlist\n",
-                        "mode=kiosk\nstart_with_session=true\ndefault_url="
-                            + server.url("/home").toEncoded() + "\n"));
+    QVERIFY(kiosk.start("#Vorsane playlist\n", "mode=kiosk\nstart_with_session=true\ndefault_url="
+                                                   + server.url("/home").toEncoded() + "\n"));
     QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(done), 20000);
     // The wait is the program's own: the web session goes on in the same process.
     QVERIFY(!kiosk.waitForLog("has held the program", 1500));
@@ -278,8 +277,8 @@ void TestHardening::hungryPageStopsAtItsCeiling()
                     200, {{"Content-Type", "text/html"}});
     const QByteArray hungry = server.url("/hungry.html").toEncoded();
     KioskProcess kiosk;
-    const QByteArray playlist = "#Vorsane playlist\n" + hungry + " 60\n"
-                                + picture(kiosk, "green.png", Qt::green, "3");
+    const QByteArray playlist
+        = "#Vorsane playlist\n" + hungry + " 60\n" + picture(kiosk, "green.png", Qt::green, "3");
     const QByteArray preferences = "fullscreen=true\n[webpage]\nmemory_limit_mb=256\n";
     QVERIFY(kiosk.start(playlist, preferences));
     const qint64 player = kiosk.process().processId();

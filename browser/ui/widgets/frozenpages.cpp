@@ -22,12 +22,12 @@ bool killRenderer(qint64 pid, const QString &why)
 
 bool endSlideshowPage(qint64 rendererPid, const QUrl &url)
 {
-    const bool ended
-        = killRenderer(rendererPid, QStringLiteral("Web page %1 did not answer (a script that never "
-                                           "ends?); its renderer %2 was ended, the page will be "
-                                           "shown without scripts.")
-                                .arg(url.toString())
-                                .arg(rendererPid));
+    const bool ended = killRenderer(
+        rendererPid, QStringLiteral("Web page %1 did not answer (a script that never "
+                                    "ends?); its renderer %2 was ended, the page will be "
+                                    "shown without scripts.")
+                         .arg(url.toString())
+                         .arg(rendererPid));
     if (ended)
         Watchdog::recordStall(url, QStringLiteral("script"));
     return ended;
@@ -35,10 +35,11 @@ bool endSlideshowPage(qint64 rendererPid, const QUrl &url)
 
 bool endTab(qint64 rendererPid, const QUrl &url)
 {
-    return killRenderer(rendererPid, QStringLiteral("Tab %1 did not answer (a script that never ends?); "
-                                            "its renderer %2 was ended and the tab closed.")
-                                 .arg(url.toString())
-                                 .arg(rendererPid));
+    return killRenderer(rendererPid,
+                        QStringLiteral("Tab %1 did not answer (a script that never ends?); "
+                                       "its renderer %2 was ended and the tab closed.")
+                            .arg(url.toString())
+                            .arg(rendererPid));
 }
 
 } // namespace FrozenPages
