@@ -16,6 +16,7 @@
 #include <memory>
 
 class Cleanser;
+class NextItem;
 class CommandLineParser;
 class ContentFactory;
 class LoopDownloads;
@@ -77,12 +78,12 @@ Q_SIGNALS:
 private:
     void execHook(const QString &name);
     void startRemote();
-    QWidget *nextWidget(PlaylistItemPtr &item);
 
     Settings *m_settings;
     const CommandLineParser *m_commandLine;
     Cleanser *m_cleanser;
     ContentFactory *m_content;
+    NextItem *m_next;
     LoopDownloads *m_downloads;
     ScreensaverBlocker *m_screensaver = nullptr;
     SetUpRetry *m_retry;

@@ -28,6 +28,7 @@
 #include <QScreen>
 #include <QSettings>
 #include <QShortcut>
+#include <QStackedLayout>
 
 namespace {
 const char textTemplateUrl[] = "file://" VORSANE_DATA_DIR "/text.html";
@@ -47,6 +48,9 @@ Viewer::Viewer(QWidget *parent)
     m_unlockTimer.setSingleShot(true);
     connect(&m_unlockTimer, &QTimer::timeout, this, &Viewer::unlockPlaylistEventFilter);
     connect(this, &QStackedWidget::currentChanged, this, &Viewer::on_currentChanged);
+    // Every widget of the stack stays shown, the current one on top: the next item waits
+    // underneath, rendered, and its turn only raises it.
+    static_cast<QStackedLayout *>(layout())->setStackingMode(QStackedLayout::StackAll);
 
     loadWindowSettings();
     setShortcuts();
@@ -127,9 +131,36 @@ bool Viewer::next(QWidget *w)
     return started;
 }
 
+bool Viewer::addLowered(QWidget *w)
+{
+    if (!currentWidget())
+        return false;
+    addWidget(w);
+    w->lower();
+    blacken(w);
+    w->show();
+    return true;
+}
+
+void Viewer::removeLowered(QWidget *w)
+{
+    w->hide();
+    removeWidget(w);
+}
+
+void Viewer::blacken(QWidget *w)
+{
+    QPalette palette = w->palette();
+    palette.setBrush(QPalette::All, QPalette::Window, QBrush(Qt::black));
+    w->setPalette(palette);
+    w->setAutoFillBackground(true);
+}
+
 bool Viewer::replace(QWidget *w)
 {
-    addWidget(w);
+    // Content prepared ahead is on the stack already.
+    if (indexOf(w) < 0)
+        addWidget(w);
     w->setMouseTracking(true);
 
     if (auto *browser = qobject_cast<Browser *>(w)) {
@@ -173,10 +204,7 @@ bool Viewer::replace(QWidget *w)
     m_unlockTimer.start(1000);
 
     setCurrentWidget(w);
-    QPalette palette = w->palette();
-    palette.setBrush(QPalette::All, QPalette::Window, QBrush(Qt::black));
-    w->setPalette(palette);
-    w->setAutoFillBackground(true);
+    blacken(w);
     w->show();
 
     const bool started = runnable && runnable->start();
@@ -269,6 +297,9 @@ Webpage *Viewer::startPage(const QString &url, int seconds)
     const int level = currentLoopLevel();
     connect(page, &Webpage::end, this, [this, page, level] {
         removeWidget(page);
+        // The stack would make any of its widgets current, the one prepared ahead included.
+        if (m_currentWidget && indexOf(m_currentWidget) >= 0)
+            setCurrentWidget(m_currentWidget);
         deleteAfterLoops(page, level);
     });
     page->start();
