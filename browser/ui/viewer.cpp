@@ -214,6 +214,8 @@ bool Viewer::replace(QWidget *w)
         if (Runnable *previous = Runnable::of(m_currentWidget))
             previous->stop();
         removeWidget(m_currentWidget);
+        // The stack leaves its widgets shown; a video's own window would stay over the next item.
+        m_currentWidget->hide();
     }
     m_currentWidget = w;
     return true;
