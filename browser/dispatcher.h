@@ -29,7 +29,8 @@ class Settings;
 class Viewer;
 
 // The controller: decides between web session and slideshow, fetches the playlist, has every
-// loop cached, picks the next item, builds its widget and hands it to the Viewer.
+// loop cached, picks the next item, has its widget built (ahead of its turn where it can, by
+// NextItem) and hands it to the Viewer.
 class Dispatcher : public QObject
 {
     Q_OBJECT

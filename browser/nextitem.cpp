@@ -74,9 +74,12 @@ QWidget *NextItem::nextWidget(LoopPositions &positions, PlaylistParser &parser, 
 
 void NextItem::prepareAfter(const LoopPositions &positions, PlaylistParser &parser)
 {
-    m_wanted = positions.upcoming(parser, &m_wantedLoop);
-    if (m_item && !sameContent(m_item, m_wanted))
+    PlaylistLoopPtr loop;
+    const PlaylistItemPtr wanted = positions.upcoming(parser, &loop);
+    if (m_item && !sameContent(m_item, wanted))
         discard();
+    m_wanted = wanted;
+    m_wantedLoop = loop;
     if (m_wanted && !m_item && m_content->preparable(m_wanted))
         m_delay.start();
 }

@@ -30,14 +30,48 @@ QColor centre()
 }
 
 // The program over the whole screen, in a frameless window of its own.
-QByteArray wholeScreen()
+QByteArray wholeScreen(const QByteArray &slideshow = QByteArray())
 {
     const QSize size = QGuiApplication::primaryScreen()->geometry().size();
     return QStringLiteral("fullscreen=false\nfixedscreen=true\nlargeur_edit=%1\nhauteur_edit=%2\n"
                           "[slideshow]\nhide_pointer=false\n")
-        .arg(size.width())
-        .arg(size.height())
-        .toUtf8();
+               .arg(size.width())
+               .arg(size.height())
+               .toUtf8()
+           + slideshow;
+}
+
+// Every colour the centre passes through from one colour to the other, polled as fast as the X
+// server answers; arrived tells whether the second one came.
+QList<QColor> coloursBetween(const QColor &from, const QColor &to, bool *arrived)
+{
+    QList<QColor> between;
+    QElapsedTimer clock;
+    clock.start();
+    QColor now = centre();
+    while (!sameColour(now, to) && clock.elapsed() < 10000) {
+        if (!sameColour(now, from) && !between.contains(now))
+            between << now;
+        QCoreApplication::processEvents();
+        now = centre();
+    }
+    *arrived = sameColour(now, to);
+    return between;
+}
+
+QString names(const QList<QColor> &colours)
+{
+    QStringList list;
+    for (const QColor &colour : colours)
+        list << colour.name();
+    return list.join(' ');
+}
+
+// A colour on the way from red to blue: as much less red as it has more blue.
+bool redBlueBlend(const QColor &colour)
+{
+    const double red = colour.redF();
+    return colour.green() <= 24 && qAbs(colour.blueF() - (1.0 - red)) <= 0.12;
 }
 
 bool screenShows(const QColor &colour, int timeoutMs = 15000)
@@ -74,6 +108,8 @@ private Q_SLOTS:
     void orderChange();
     void boundary_data();
     void boundary();
+    void fade_data();
+    void fade();
 };
 
 void TestGapless::orderChange_data()
@@ -143,20 +179,42 @@ void TestGapless::boundary()
     QVERIFY(kiosk.start(schedule(xmlLoop("id=\"0\"", items)), wholeScreen()));
     QVERIFY2(screenShows(red, 20000), kiosk.log().right(3000));
 
-    // Every colour the centre passes through on the way to the next item, polled as fast as the
-    // X server answers.
-    QStringList between;
-    QElapsedTimer clock;
-    clock.start();
-    QColor now = centre();
-    while (!sameColour(now, blue) && clock.elapsed() < 10000) {
-        if (!sameColour(now, red) && !between.contains(now.name()))
-            between << now.name();
-        QCoreApplication::processEvents();
-        now = centre();
-    }
-    QVERIFY2(sameColour(now, blue), kiosk.log().right(3000));
-    QVERIFY2(between.isEmpty(), qPrintable("seen between the items: " + between.join(' ')));
+    bool arrived = false;
+    const QList<QColor> between = coloursBetween(red, blue, &arrived);
+    QVERIFY2(arrived, kiosk.log().right(3000));
+    QVERIFY2(between.isEmpty(), qPrintable("seen between the items: " + names(between)));
+    QCOMPARE(kiosk.interrupt(), 2);
+}
+
+void TestGapless::fade_data()
+{
+    QTest::addColumn<QString>("from");
+    QTest::addColumn<QString>("to");
+
+    QTest::newRow("picture to picture") << "image" << "image";
+    QTest::newRow("picture to web page") << "image" << "url";
+    QTest::newRow("web page to PDF") << "url" << "pdf";
+}
+
+void TestGapless::fade()
+{
+    QFETCH(QString, from);
+    QFETCH(QString, to);
+
+    KioskProcess kiosk;
+    const QByteArray items = item(kiosk, "image", grey, 1) + item(kiosk, from, red, 2)
+                             + item(kiosk, to, blue, 60);
+    QVERIFY(kiosk.start(schedule(xmlLoop("id=\"0\"", items)),
+                        wholeScreen("transition=fade\ntransition_ms=1500\n")));
+    QVERIFY2(screenShows(red, 20000), kiosk.log().right(3000));
+
+    bool arrived = false;
+    const QList<QColor> between = coloursBetween(red, blue, &arrived);
+    QVERIFY2(arrived, kiosk.log().right(3000));
+    // Several steps of the way, and nothing that is not on it (black, white).
+    QVERIFY2(between.size() >= 3, qPrintable("seen between the items: " + names(between)));
+    for (const QColor &colour : between)
+        QVERIFY2(redBlueBlend(colour), qPrintable("seen between the items: " + names(between)));
     QCOMPARE(kiosk.interrupt(), 2);
 }
 

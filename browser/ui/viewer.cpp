@@ -2,11 +2,15 @@
 
 #include "browser.h"
 #include "browsereventfilter.h"
+#include "document.h"
 #include "deferreddelete.h"
 #include "exitpassworddialog.h"
+#include "gif.h"
+#include "image.h"
 #include "filemanagertakeover.h"
 #include "installpaths.h"
 #include "panelmanager.h"
+#include "pdf.h"
 #include "playlisteventfilter.h"
 #include "playlistitem.h"
 #include "pointerhider.h"
@@ -24,7 +28,10 @@
 #include <QCoreApplication>
 #include <QDebug>
 #include <QEventLoop>
+#include <QGraphicsOpacityEffect>
+#include <QLabel>
 #include <QMouseEvent>
+#include <QPropertyAnimation>
 #include <QScreen>
 #include <QSettings>
 #include <QShortcut>
@@ -32,6 +39,47 @@
 
 namespace {
 const char textTemplateUrl[] = "file://" VORSANE_DATA_DIR "/text.html";
+const int defaultTransitionMs = 500;
+
+// Content drawn in the program's own window, which a picture of it stands for.
+bool still(const QWidget *w)
+{
+    return qobject_cast<const Image *>(w) || qobject_cast<const Gif *>(w)
+           || qobject_cast<const PDF *>(w) || qobject_cast<const Webpage *>(w)
+           || qobject_cast<const Document *>(w);
+}
+
+// With slideshow/transition=fade, a picture of the outgoing item, to lay over the incoming one
+// and fade out; null for a hard cut.
+QLabel *fadeCover(QWidget *viewer, QWidget *outgoing, QWidget *incoming)
+{
+    Settings *settings = Settings::load(false, nullptr);
+    if (settings->get(QStringLiteral("slideshow/transition")).toString() != QLatin1String("fade")
+        || !outgoing || outgoing == incoming || !still(outgoing) || !still(incoming))
+        return nullptr;
+    auto *cover = new QLabel(viewer);
+    cover->setPixmap(outgoing->grab());
+    cover->setGeometry(outgoing->geometry());
+    return cover;
+}
+
+void fadeOut(QLabel *cover)
+{
+    bool ok = false;
+    int ms = Settings::load(false, nullptr)->get(QStringLiteral("slideshow/transition_ms")).toInt(&ok);
+    if (!ok || ms < 0)
+        ms = defaultTransitionMs;
+    auto *effect = new QGraphicsOpacityEffect(cover);
+    cover->setGraphicsEffect(effect);
+    cover->show();
+    cover->raise();
+    auto *animation = new QPropertyAnimation(effect, "opacity", cover);
+    animation->setDuration(ms);
+    animation->setStartValue(1.0);
+    animation->setEndValue(0.0);
+    QObject::connect(animation, &QPropertyAnimation::finished, cover, &QObject::deleteLater);
+    animation->start();
+}
 } // namespace
 
 Viewer::Viewer(QWidget *parent)
@@ -203,13 +251,18 @@ bool Viewer::replace(QWidget *w)
     m_playlistFilter->setLocked(true);
     m_unlockTimer.start(1000);
 
+    QLabel *cover = fadeCover(this, m_currentWidget, w);
     setCurrentWidget(w);
     blacken(w);
     w->show();
 
     const bool started = runnable && runnable->start();
-    if (!started)
+    if (!started) {
+        delete cover;
         return false;
+    }
+    if (cover)
+        fadeOut(cover);
     if (m_currentWidget && m_currentWidget != w) {
         if (Runnable *previous = Runnable::of(m_currentWidget))
             previous->stop();
