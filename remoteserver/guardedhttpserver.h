@@ -63,6 +63,17 @@ private:
 
     bool process_and_close_socket(socket_t sock) override;
     void serve(GuardedStream &stream, const std::string &address);
+    // One request of a connection. cpp-httplib 0.11 (Debian 12) reads the peer's addresses from
+    // the stream itself; later releases (Debian 13) take them as arguments: the overload that
+    // compiles against the installed one is taken.
+    using RequestSetup = std::function<void(httplib::Request &)>;
+    template<typename Server>
+    static auto processRequest(Server &server, GuardedStream &stream, bool last, bool &closed,
+                               const RequestSetup &setup, int)
+        -> decltype(server.process_request(stream, last, closed, setup));
+    template<typename Server>
+    static bool processRequest(Server &server, GuardedStream &stream, bool last, bool &closed,
+                               const RequestSetup &setup, long);
     bool hasWaiting(const std::string &address);
     bool stopping() const;
 
