@@ -520,28 +520,6 @@ bool GuardedHttpServer::process_and_close_socket(socket_t sock)
     }
 }
 
-template<typename Server>
-auto GuardedHttpServer::processRequest(Server &server, GuardedStream &stream, bool last,
-                                       bool &closed, const RequestSetup &setup, int)
-    -> decltype(server.process_request(stream, last, closed, setup))
-{
-    return server.process_request(stream, last, closed, setup);
-}
-
-template<typename Server>
-bool GuardedHttpServer::processRequest(Server &server, GuardedStream &stream, bool last,
-                                       bool &closed, const RequestSetup &setup, long)
-{
-    std::string remoteAddress;
-    std::string localAddress;
-    int remotePort = 0;
-    int localPort = 0;
-    stream.get_remote_ip_and_port(remoteAddress, remotePort);
-    stream.get_local_ip_and_port(localAddress, localPort);
-    return server.process_request(stream, remoteAddress, remotePort, localAddress, localPort, last,
-                                  closed, setup);
-}
-
 void GuardedHttpServer::serve(GuardedStream &stream, const std::string &address)
 {
     for (size_t left = keep_alive_max_count_; left > 0; --left) {
