@@ -2,6 +2,7 @@
 
 #include "flatplaylistparser.h"
 #include "statepaths.h"
+#include "utils.h"
 #include "xmlplaylistparser.h"
 
 #include <QApplication>
@@ -14,7 +15,6 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
-#include <QSaveFile>
 #include <QTextStream>
 #include <QTimer>
 #include <QUrl>
@@ -58,13 +58,7 @@ bool readUtf8(const QString &path, QString &text)
 bool writeUtf8(const QString &path, const QString &text)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly)) {
-        qWarning() << "Cannot write" << path << file.errorString();
-        return false;
-    }
-    file.write(text.toUtf8());
-    return file.commit();
+    return Utils::writeWhole(path, text.toUtf8());
 }
 
 const int fetchIdleTimeoutMs = 60000;

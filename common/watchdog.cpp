@@ -2,6 +2,7 @@
 
 #include "logger.h"
 #include "statepaths.h"
+#include "utils.h"
 
 #include <QDateTime>
 #include <QDebug>
@@ -48,24 +49,6 @@ qint64 nowMs()
 QString stalledFile()
 {
     return StatePaths::stalledPages();
-}
-
-// Keeps the last day's stalls only, so the file stays small over months.
-void recordStall(const QString &page)
-{
-    QFile file(stalledFile());
-    const qint64 now = QDateTime::currentSecsSinceEpoch();
-    QByteArray kept;
-    if (file.open(QIODevice::ReadOnly)) {
-        while (!file.atEnd()) {
-            const QByteArray line = file.readLine(64 * 1024);
-            if (line.left(line.indexOf(' ')).toLongLong() >= now - scriptsOffSeconds)
-                kept += line;
-        }
-        file.close();
-    }
-    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        file.write(kept + QByteArray::number(now) + ' ' + page.toUtf8() + '\n');
 }
 
 // Runs on the watchdog thread while the GUI thread may still be running: nothing here touches
@@ -132,7 +115,7 @@ struct Watchdog::Thread
             page = s_webPage;
         }
         if (!page.isEmpty() && s_ownWaits.load() == 0 && now - s_lastBeat.load() > stallLimitMs) {
-            recordStall(page);
+            recordStall(QUrl(page));
             endNow(0, QStringLiteral("Web page %1 has held the program for %2 s (a script that "
                                      "never ends?); ending the program, the page will be shown "
                                      "without scripts.")
@@ -203,6 +186,24 @@ bool Watchdog::stalledRecently(const QUrl &url)
             return true;
     }
     return false;
+}
+
+bool Watchdog::recordStall(const QUrl &url)
+{
+    // Only the last day's stalls are kept, so the file stays small over months.
+    const qint64 now = QDateTime::currentSecsSinceEpoch();
+    QByteArray kept;
+    QFile previous(stalledFile());
+    if (previous.open(QIODevice::ReadOnly)) {
+        while (!previous.atEnd()) {
+            const QByteArray line = previous.readLine(64 * 1024);
+            if (line.left(line.indexOf(' ')).toLongLong() >= now - scriptsOffSeconds)
+                kept += line;
+        }
+    }
+    kept += QByteArray::number(now) + ' ' + url.toString().toUtf8() + '\n';
+    // A full disk must not cost the pages recorded before.
+    return Utils::writeWhole(stalledFile(), kept);
 }
 
 void Watchdog::setGiveBack(const QString &what, const QList<QStringList> &commands)

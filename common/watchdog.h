@@ -33,6 +33,9 @@ public:
     static void leaveWebPage(const QUrl &url);
     // Whether this page stalled the program less than a day ago.
     static bool stalledRecently(const QUrl &url);
+    // Adds the page to the stalled pages, dropping those older than a day. The list is replaced
+    // whole or not at all; false, with a log line, when it cannot be written.
+    static bool recordStall(const QUrl &url);
     // The commands that give back what one part of the program changed on the desktop, run in
     // order only when the program must end at once; an empty list when there is nothing to give
     // back. A command that stays running must detach itself.
