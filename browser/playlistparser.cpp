@@ -116,6 +116,11 @@ PlaylistParser *PlaylistParser::get(int defaultDuration, const QUrl &url, QWidge
         QByteArray bytes;
         if (readLimited(path, bytes)) {
             QTextStream stream(bytes, QIODevice::ReadOnly | QIODevice::Text);
+            // UTF-8 whatever the locale, as Qt 6 reads it anyway: bytes that are no UTF-8 then
+            // show as such, whoever starts the player.
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
+            stream.setCodec("UTF-8");
+#endif
             text = stream.readAll();
         } else if (!QFileInfo(path).isFile()) {
             qWarning() << "Cannot read playlist" << path;
@@ -168,6 +173,7 @@ bool PlaylistParser::isPlaylist(const QString &text)
     case XmlPlaylistParser::Check::WellFormed:
         return loops > 0;
     case XmlPlaylistParser::Check::TooDeep:
+    case XmlPlaylistParser::Check::Doctype:
         return false;
     case XmlPlaylistParser::Check::NotXml:
         break;
@@ -244,10 +250,14 @@ QString PlaylistParser::fetch(const QUrl &url, QWidget *widget, bool &offlineCop
     if (text == QLatin1String(unavailableReply))
         text = emptySchedule();
     if (!isPlaylist(text)) {
+        const XmlPlaylistParser::Check check = XmlPlaylistParser::inspect(text);
+        const QString why = check == XmlPlaylistParser::Check::WellFormed
+                                ? QStringLiteral("not a playlist")
+                                : XmlPlaylistParser::refusal(check);
         qWarning().noquote()
-            << QStringLiteral("Playlist from %1 rejected: not a playlist (%2 characters, "
-                              "status %3); the kept copy is played")
-                   .arg(url.toString())
+            << QStringLiteral("Playlist from %1 rejected: %2 (%3 characters, "
+                              "status %4); the kept copy is played")
+                   .arg(url.toString(), why)
                    .arg(text.size())
                    .arg(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt());
         offlineCopy = true;
