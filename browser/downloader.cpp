@@ -4,11 +4,11 @@
 #include "playlistitem.h"
 #include "playlistloop.h"
 #include "statepaths.h"
+#include "utils.h"
 
 #include <QDebug>
 #include <QDir>
 #include <QFile>
-#include <QSaveFile>
 #include <QUrl>
 
 #include <memory>
@@ -217,13 +217,10 @@ void Downloader::restorePreviousPlaylist()
         qDebug() << "No previous playlist to restore";
         return;
     }
-    QSaveFile current(m_root + QStringLiteral("/playlist"));
-    if (!previous.open(QIODevice::ReadOnly) || !current.open(QIODevice::WriteOnly)) {
-        qWarning() << "Cannot restore the previous playlist:" << previous.errorString()
-                   << current.errorString();
+    if (!previous.open(QIODevice::ReadOnly)) {
+        qWarning() << "Cannot restore the previous playlist:" << previous.errorString();
         return;
     }
-    current.write(previous.readAll());
-    if (!current.commit())
-        qWarning() << "Cannot restore the previous playlist:" << current.errorString();
+    if (!Utils::writeWhole(m_root + QStringLiteral("/playlist"), previous.readAll()))
+        qWarning() << "Cannot restore the previous playlist";
 }

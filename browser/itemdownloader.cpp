@@ -3,6 +3,7 @@
 #include "cleanser.h"
 #include "settings.h"
 #include "statepaths.h"
+#include "utils.h"
 
 #include <QDateTime>
 #include <QDebug>
@@ -319,14 +320,9 @@ bool ItemDownloader::commitBody()
 
 void ItemDownloader::writeTag(const QString &tag)
 {
-    if (!m_tagFile.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        qWarning() << "Cannot write tag" << m_tagFile.fileName() << m_tagFile.errorString();
-        return;
-    }
-    const QByteArray bytes = tag.toUtf8();
-    if (m_tagFile.write(bytes) != bytes.size())
-        qWarning() << "Cannot write tag" << m_tagFile.fileName() << m_tagFile.errorString();
-    m_tagFile.close();
+    // The old tag describes a body that is gone: without a new one the copy is fetched again.
+    if (!Utils::writeWhole(m_tagFile.fileName(), tag.toUtf8()))
+        m_tagFile.remove();
 }
 
 void ItemDownloader::failStorage(const QString &reason)

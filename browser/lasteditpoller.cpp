@@ -2,6 +2,7 @@
 
 #include "settings.h"
 #include "statepaths.h"
+#include "utils.h"
 
 #include <QDebug>
 #include <QEventLoop>
@@ -37,14 +38,11 @@ void LastEditPoller::updateRevalidateFlag()
     if (!m_timestampFile.open(QIODevice::ReadWrite))
         return;
     const QString stamp = m_lastEdit.toString();
-    if (QString::fromUtf8(m_timestampFile.readAll()) == stamp) {
-        m_revalidate = false;
-    } else {
-        m_timestampFile.resize(0);
-        m_timestampFile.write(stamp.toUtf8());
-        m_revalidate = true;
-    }
+    const bool same = QString::fromUtf8(m_timestampFile.readAll()) == stamp;
     m_timestampFile.close();
+    m_revalidate = !same;
+    if (!same)
+        Utils::writeWhole(m_timestampFile.fileName(), stamp.toUtf8());
 }
 
 bool LastEditPoller::serverChanged()

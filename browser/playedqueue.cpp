@@ -185,7 +185,8 @@ bool PlayedQueue::rewrite()
         offset += text.size() + 1;
     }
     m_reader.close();
-    if (!file.commit()) {
+    // Flushed first: commit() alone misses a write that fails in its own flush (Qt 5.15).
+    if (!file.flush() || !file.commit()) {
         qWarning() << "Proof-of-play queue cannot be written:" << m_path << file.errorString();
         return false;
     }

@@ -8,6 +8,7 @@
 #include <QMap>
 #include <QMimeDatabase>
 #include <QUrl>
+#include <QXmlStreamAttributes>
 
 #include <utility>
 
@@ -64,9 +65,9 @@ PlaylistItem::Type guessType(const QString &text)
     return PlaylistItem::Webpage;
 }
 
-QString attribute(const QDomNamedNodeMap &attributes, const QString &name)
+QString attribute(const QXmlStreamAttributes &attributes, const QString &name)
 {
-    return attributes.namedItem(name).nodeValue();
+    return attributes.value(name).toString();
 }
 
 } // namespace
@@ -109,12 +110,20 @@ PlaylistItem::PlaylistItem(QString url, PlaylistItem::Type type, int duration, b
 
 PlaylistItem *PlaylistItem::fromXmlNode(QDomNode *node)
 {
-    const QDomNamedNodeMap attributes = node ? node->attributes() : QDomNamedNodeMap();
+    const QDomNamedNodeMap map = node ? node->attributes() : QDomNamedNodeMap();
+    QXmlStreamAttributes attributes;
+    for (int i = 0; i < map.count(); ++i)
+        attributes.append(map.item(i).nodeName(), map.item(i).nodeValue());
+    return fromXmlAttributes(attributes);
+}
+
+PlaylistItem *PlaylistItem::fromXmlAttributes(const QXmlStreamAttributes &attributes)
+{
     const QString url = attribute(attributes, QStringLiteral("uri"));
 
     QStringList parameters;
     QString parameterType;
-    if (attributes.contains(QStringLiteral("parameters"))) {
+    if (attributes.hasAttribute(QStringLiteral("parameters"))) {
         parameters = attribute(attributes, QStringLiteral("parameters")).split(QLatin1Char(';'));
         for (const QString &entry : std::as_const(parameters)) {
             if (entry.contains(QLatin1String("type:")))
@@ -124,7 +133,7 @@ PlaylistItem *PlaylistItem::fromXmlNode(QDomNode *node)
 
     Type type = Guess;
     // A "type:" parameter only overrides a type attribute that exists.
-    if (attributes.contains(QStringLiteral("type"))) {
+    if (attributes.hasAttribute(QStringLiteral("type"))) {
         const QString name = parameterType.isEmpty() ? attribute(attributes, QStringLiteral("type"))
                                                      : parameterType;
         if (name == QLatin1String("maintenance"))
@@ -146,7 +155,7 @@ PlaylistItem *PlaylistItem::fromXmlNode(QDomNode *node)
     }
 
     int duration = type == Video ? 0 : 5;
-    if (attributes.contains(QStringLiteral("time")))
+    if (attributes.hasAttribute(QStringLiteral("time")))
         duration = attribute(attributes, QStringLiteral("time")).toInt();
     const bool href = attribute(attributes, QStringLiteral("href")) == QLatin1String("1");
 

@@ -6,6 +6,7 @@
 #include <memory>
 
 class QDomNode;
+class QXmlStreamAttributes;
 
 // One entry of a slideshow loop. Loops share their items through PlaylistItemPtr, so an item
 // lives exactly as long as something still refers to it.
@@ -36,6 +37,8 @@ public:
                  QStringList parameters);
 
     static PlaylistItem *fromXmlNode(QDomNode *node);
+    // The same from the attributes of the item's element, as a stream reader gives them.
+    static PlaylistItem *fromXmlAttributes(const QXmlStreamAttributes &attributes);
     static PlaylistItem *idle();
     static QString typeToStr(PlaylistItem::Type type);
     // Whether a path lies on one of the kernel's own file systems (/proc, /sys...): no content,

@@ -6,12 +6,12 @@
 
 #include <QDebug>
 #include <QDir>
-#include <QDomElement>
 #include <QDomNode>
 #include <QFileInfo>
 #include <QProcess>
 #include <QCryptographicHash>
 #include <QUrl>
+#include <QXmlStreamAttributes>
 
 #include <algorithm>
 #include <cstdlib>
@@ -99,42 +99,95 @@ PlaylistLoop::PlaylistLoop(int defaultDuration, const QString &text, const QStri
     addDemoItems();
 }
 
+PlaylistLoop::PlaylistLoop(int defaultDuration, const QXmlStreamAttributes &attributes,
+                           const QString &tag)
+    : tag(tag)
+    , weekdays(7)
+    , defaultDuration(defaultDuration)
+{
+    readXmlAttributes(attributes);
+}
+
+void PlaylistLoop::endXml()
+{
+    endXmlChildren();
+    addDemoItems();
+}
+
 void PlaylistLoop::fromXmlNode(const QDomNode &node)
 {
-    const QDomElement element = node.toElement();
-    idle = element.attribute(QStringLiteral("idle")) == QLatin1String("1");
-    shuffle = element.attribute(QStringLiteral("shuffle")) == QLatin1String("1");
-    startTime = element.attribute(QStringLiteral("start"));
-    endTime = element.attribute(QStringLiteral("end"));
-    repeat = element.attribute(QStringLiteral("repeat"));
-    fromDate = element.attribute(QStringLiteral("from"));
-    toDate = element.attribute(QStringLiteral("to"));
-    id = element.attribute(QStringLiteral("id"));
+    const QDomNamedNodeMap map = node.attributes();
+    QXmlStreamAttributes attributes;
+    for (int i = 0; i < map.count(); ++i)
+        attributes.append(map.item(i).nodeName(), map.item(i).nodeValue());
+    readXmlAttributes(attributes);
+    const QDomNodeList children = node.childNodes();
+    for (int i = 0; i < children.count(); ++i) {
+        attributes.clear();
+        const QDomNamedNodeMap childMap = children.at(i).attributes();
+        for (int j = 0; j < childMap.count(); ++j)
+            attributes.append(childMap.item(j).nodeName(), childMap.item(j).nodeValue());
+        addXmlChild(attributes);
+    }
+    endXmlChildren();
+}
 
-    if (!validate())
-        return;
+void PlaylistLoop::readXmlAttributes(const QXmlStreamAttributes &attributes)
+{
+    const auto attribute = [&attributes](const char *name) {
+        return attributes.value(QLatin1String(name)).toString();
+    };
+    idle = attribute("idle") == QLatin1String("1");
+    shuffle = attribute("shuffle") == QLatin1String("1");
+    startTime = attribute("start");
+    endTime = attribute("end");
+    repeat = attribute("repeat");
+    fromDate = attribute("from");
+    toDate = attribute("to");
+    id = attribute("id");
 
-    if (idle) {
+    m_xmlValid = validate();
+    if (m_xmlValid && idle) {
         active = false;
         items.append(PlaylistItemPtr(PlaylistItem::idle()));
     }
+}
 
-    const QDomNodeList children = node.childNodes();
-    const int childCount = children.count();
-    int webpages = 0;
-    for (int i = 0; i < childCount; ++i) {
-        QDomNode child = children.at(i);
-        PlaylistItemPtr item(PlaylistItem::fromXmlNode(&child));
-        if (item->url.isEmpty())
-            continue;
-        if (item->type == PlaylistItem::Webpage)
-            ++webpages;
-        // Only reachable at the last child, and only when no child was dropped.
-        if (webpages == childCount)
-            item->parameters << QStringLiteral("all_webpages");
-        items.append(item);
+void PlaylistLoop::addXmlChild(const QXmlStreamAttributes &attributes)
+{
+    if (!m_xmlValid)
+        return;
+    ++m_xmlChildren;
+    PlaylistItemPtr item;
+    const QString uri = attributes.value(QLatin1String("uri")).toString();
+    if (uri.startsWith(QLatin1String("file:"), Qt::CaseInsensitive)
+        && uri.contains(QLatin1Char('%'))) {
+        QXmlStreamAttributes decoded;
+        for (const QXmlStreamAttribute &attribute : attributes) {
+            if (attribute.qualifiedName() == QLatin1String("uri"))
+                decoded.append(attribute.qualifiedName().toString(), playedFileAddress(uri));
+            else
+                decoded.append(attribute);
+        }
+        item.reset(PlaylistItem::fromXmlAttributes(decoded));
+    } else {
+        item.reset(PlaylistItem::fromXmlAttributes(attributes));
     }
+    if (item->url.isEmpty())
+        return;
+    if (item->type == PlaylistItem::Webpage)
+        ++m_xmlWebpages;
+    items.append(item);
+}
 
+void PlaylistLoop::endXmlChildren()
+{
+    if (!m_xmlValid)
+        return;
+    // Only when every child became a web page, none dropped: then the last one is marked.
+    if (m_xmlChildren > 0 && m_xmlWebpages == m_xmlChildren)
+        items.last()->parameters << QStringLiteral("all_webpages");
+    m_xmlValid = false;
     if (shuffle)
         shuffleItems();
 }
@@ -155,9 +208,16 @@ void PlaylistLoop::fromString(const QString &text)
     bool usbAdded = false;
     bool urlSeen = false;
     int lastDuration = defaultDuration;
-    for (const QString &line : lines) {
+    for (int number = 1; number <= lines.size(); ++number) {
+        const QString &line = lines.at(number - 1);
         if (line.startsWith(QLatin1Char('#')))
             continue;
+        // Bytes that were no UTF-8 arrive as replacement characters: whatever the line named
+        // cannot be found under that name.
+        if (line.contains(QChar::ReplacementCharacter)) {
+            qWarning() << "Playlist line" << number << "skipped: not valid UTF-8";
+            continue;
+        }
         const int blank = line.lastIndexOf(QLatin1Char(' '));
         if (blank < 0)
             continue;
@@ -194,7 +254,7 @@ void PlaylistLoop::fromString(const QString &text)
             if (info.isDir())
                 addDirectoryInItems(info.filePath(), duration);
             else if (info.exists())
-                items.append(makeItem(target, PlaylistItem::Guess, duration));
+                items.append(makeItem(playedFileAddress(target), PlaylistItem::Guess, duration));
             else if (const QString alias = aliasForEncoded(url); !alias.isEmpty())
                 items.append(
                     makeItem(QLatin1String("file://") + alias, PlaylistItem::Guess, duration));
@@ -319,6 +379,18 @@ QString PlaylistLoop::aliasForEncoded(const QUrl &url)
     return aliasFor(raw);
 }
 
+QString PlaylistLoop::playedFileAddress(const QString &written)
+{
+    if (!written.contains(QLatin1Char('%')))
+        return written;
+    const QUrl url(written, QUrl::TolerantMode);
+    if (!url.isLocalFile())
+        return written;
+    if (const QString alias = aliasForEncoded(url); !alias.isEmpty())
+        return QLatin1String("file://") + alias;
+    return QLatin1String("file://") + url.toLocalFile();
+}
+
 QString PlaylistLoop::aliasFor(const QByteArray &path)
 {
     const QByteArray name = path.mid(path.lastIndexOf('/') + 1);
@@ -350,12 +422,24 @@ QString PlaylistLoop::aliasFor(const QByteArray &path)
 
 void PlaylistLoop::addDemoItems()
 {
-    if (items.size() < 2)
+    const int count = items.size();
+    if (count < 2)
         return;
-    // The end of the list counts as a position too: four items get a demo at 1 and at 5.
-    for (int position = 1; position <= items.size(); position += demoSpacing)
-        items.insert(position,
-                     makeItem(QString::fromLatin1(demoUrl), PlaylistItem::Image, demoDuration));
+    // A demo at 1, 5, 9... of the grown list, the end of the list counting as a position too:
+    // four items get one at 1 and at 5. Built anew rather than inserted, which would move the
+    // rest of a long list once per demo.
+    const int demos = (count - 1) / (demoSpacing - 1) + 1;
+    const QString url = QString::fromLatin1(demoUrl);
+    QList<PlaylistItemPtr> merged;
+    merged.reserve(count + demos);
+    merged.append(items.first());
+    int next = 1;
+    for (int demo = 0; demo < demos; ++demo) {
+        merged.append(makeItem(url, PlaylistItem::Image, demoDuration));
+        for (int i = 1; i < demoSpacing && next < count; ++i)
+            merged.append(items.at(next++));
+    }
+    items.swap(merged);
 }
 
 void PlaylistLoop::shuffleItems()

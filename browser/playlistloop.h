@@ -11,6 +11,7 @@
 
 class QDomNode;
 class QUrl;
+class QXmlStreamAttributes;
 
 namespace detail {
 // Directory order: case-insensitive first, then plain code-unit order to break ties.
@@ -31,6 +32,12 @@ public:
 
     PlaylistLoop(int defaultDuration, const QDomNode &node, const QString &tag);
     PlaylistLoop(int defaultDuration, const QString &text, const QString &tag);
+    // An XML loop read as a stream, so that a long schedule is never held as a document tree:
+    // built from the loop element's attributes, then given each of its child nodes in document
+    // order (an element's attributes; none for text, a comment or an instruction), then ended.
+    PlaylistLoop(int defaultDuration, const QXmlStreamAttributes &attributes, const QString &tag);
+    void addXmlChild(const QXmlStreamAttributes &attributes);
+    void endXml();
 
     void fromXmlNode(const QDomNode &node);
     void fromString(const QString &text);
@@ -41,6 +48,10 @@ public:
     static QString aliasFor(const QByteArray &path);
     // The same for a file address whose percent-encoded path is not UTF-8; empty otherwise.
     static QString aliasForEncoded(const QUrl &url);
+    // The address a local file is played under. Widgets open what follows "file://" as it
+    // stands, so percent escapes ("%20") are decoded, and a path that is no UTF-8 once decoded
+    // is played through its alias. An address without escapes is kept as written.
+    static QString playedFileAddress(const QString &written);
     void addDemoItems();
 
     // The checks work on "today"; the overloads taking a date exist so that a caller holding a
@@ -84,6 +95,14 @@ public:
     QList<PlaylistItemPtr> items;
 
 private:
+    // While the children of an XML loop are read: whether the loop's schedule is valid, the
+    // children seen so far and those among them that became web pages.
+    bool m_xmlValid = false;
+    int m_xmlChildren = 0;
+    int m_xmlWebpages = 0;
+
+    void readXmlAttributes(const QXmlStreamAttributes &attributes);
+    void endXmlChildren();
     void shuffleItems();
     void addSmbShare(const QUrl &url, int duration);
     QDateTime readIdleTime(const QString &text, const QString &marker, const QDate &today);

@@ -2,6 +2,7 @@
 
 #include "flatplaylistparser.h"
 #include "statepaths.h"
+#include "utils.h"
 #include "xmlplaylistparser.h"
 
 #include <QApplication>
@@ -14,7 +15,6 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
-#include <QSaveFile>
 #include <QTextStream>
 #include <QTimer>
 #include <QUrl>
@@ -58,13 +58,7 @@ bool readUtf8(const QString &path, QString &text)
 bool writeUtf8(const QString &path, const QString &text)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly)) {
-        qWarning() << "Cannot write" << path << file.errorString();
-        return false;
-    }
-    file.write(text.toUtf8());
-    return file.commit();
+    return Utils::writeWhole(path, text.toUtf8());
 }
 
 const int fetchIdleTimeoutMs = 60000;
@@ -123,6 +117,11 @@ PlaylistParser *PlaylistParser::get(int defaultDuration, const QUrl &url, QWidge
         QByteArray bytes;
         if (readLimited(path, bytes)) {
             QTextStream stream(bytes, QIODevice::ReadOnly | QIODevice::Text);
+            // UTF-8 whatever the locale, as Qt 6 reads it anyway: bytes that are no UTF-8 then
+            // show as such, whoever starts the player.
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
+            stream.setCodec("UTF-8");
+#endif
             text = stream.readAll();
         } else if (!QFileInfo(path).isFile()) {
             qWarning() << "Cannot read playlist" << path;
@@ -175,6 +174,7 @@ bool PlaylistParser::isPlaylist(const QString &text)
     case XmlPlaylistParser::Check::WellFormed:
         return loops > 0;
     case XmlPlaylistParser::Check::TooDeep:
+    case XmlPlaylistParser::Check::Doctype:
         return false;
     case XmlPlaylistParser::Check::NotXml:
         break;
@@ -251,10 +251,14 @@ QString PlaylistParser::fetch(const QUrl &url, QWidget *widget, bool &offlineCop
     if (text == QLatin1String(unavailableReply))
         text = emptySchedule();
     if (!isPlaylist(text)) {
+        const XmlPlaylistParser::Check check = XmlPlaylistParser::inspect(text);
+        const QString why = check == XmlPlaylistParser::Check::WellFormed
+                                ? QStringLiteral("not a playlist")
+                                : XmlPlaylistParser::refusal(check);
         qWarning().noquote()
-            << QStringLiteral("Playlist from %1 rejected: not a playlist (%2 characters, "
-                              "status %3); the kept copy is played")
-                   .arg(url.toString())
+            << QStringLiteral("Playlist from %1 rejected: %2 (%3 characters, "
+                              "status %4); the kept copy is played")
+                   .arg(url.toString(), why)
                    .arg(text.size())
                    .arg(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt());
         offlineCopy = true;

@@ -34,6 +34,7 @@ void Screenshot::take(QWidget *window, QWidget *content)
     // Light compression: a screenshot is asked for often while a video plays, and the show's
     // own thread pays for it.
     QSaveFile file(QString::fromLatin1(screenshotPath));
-    if (file.open(QIODevice::WriteOnly) && picture.save(&file, "PNG", 80))
+    // The flush of its own: commit() misses a write that fails in its own flush (Qt 5.15).
+    if (file.open(QIODevice::WriteOnly) && picture.save(&file, "PNG", 80) && file.flush())
         file.commit();
 }

@@ -22,10 +22,13 @@ public:
     bool valid = false;
     QString scheduleAttribute;
 
-    enum class Check { WellFormed, NotXml, TooDeep };
+    enum class Check { WellFormed, NotXml, TooDeep, Doctype };
     // A pass over the text that builds nothing, so nesting of any depth cannot exhaust the
-    // stack: whether it is well-formed XML within the depth limit, and how many loops it has.
+    // stack: whether it is well-formed XML within the depth limit and without a document type
+    // declaration, and how many loops it has.
     static Check inspect(const QString &text, int *loopCount = nullptr);
-    // The document was XML but nested too deep to be parsed.
+    // Why a document of that kind is refused; empty for one that is read.
+    static QString refusal(Check check);
+    // The document was XML but refused: nested too deep or with a document type declaration.
     bool rejected = false;
 };

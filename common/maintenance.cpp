@@ -1,9 +1,9 @@
 #include "maintenance.h"
 
+#include "utils.h"
 #include "watchdog.h"
 
 #include <QDebug>
-#include <QFile>
 #include <QProcess>
 
 namespace {
@@ -78,11 +78,7 @@ void Maintenance::readyread()
 void Maintenance::reboot()
 {
     // The data directory ends in a slash already; the double slash is harmless.
-    QFile marker(m_dataDir + QStringLiteral("/maintenance.txt"));
-    if (marker.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        marker.write("Update succeed!");
-        marker.close();
-    }
+    Utils::writeWhole(m_dataDir + QStringLiteral("/maintenance.txt"), "Update succeed!");
     QProcess::startDetached(QStringLiteral("sudo"),
                             {QStringLiteral("reboot"), QStringLiteral("now")});
 }

@@ -9,6 +9,11 @@
 namespace {
 const int defaultProxyPort = 8080;
 
+pxProxyFactory *autoConfig(void *factory)
+{
+    return static_cast<pxProxyFactory *>(factory);
+}
+
 QNetworkProxy httpProxy(const QUrl &url, const QString &user, const QString &password)
 {
     return QNetworkProxy(QNetworkProxy::HttpProxy, url.host(),
@@ -36,7 +41,7 @@ ProxyFactory::ProxyFactory(const CommandLineParser *parser)
 ProxyFactory::~ProxyFactory()
 {
     if (m_autoConfig)
-        px_proxy_factory_free(m_autoConfig);
+        px_proxy_factory_free(autoConfig(m_autoConfig));
 }
 
 QList<QNetworkProxy> ProxyFactory::queryProxy(const QNetworkProxyQuery &query)
@@ -47,7 +52,7 @@ QList<QNetworkProxy> ProxyFactory::queryProxy(const QNetworkProxyQuery &query)
     if (m_proxyType == 1) {
         if (!m_autoConfig)
             return {};
-        char **proxies = px_proxy_factory_get_proxies(m_autoConfig,
+        char **proxies = px_proxy_factory_get_proxies(autoConfig(m_autoConfig),
                                                       query.url().toString().toUtf8().constData());
         if (!proxies)
             return {};

@@ -5,7 +5,6 @@
 
 class CommandLineParser;
 class Settings;
-struct pxProxyFactory_;
 
 // Chooses the proxy for every request from the network/... preferences.
 class ProxyFactory : public QNetworkProxyFactory
@@ -23,7 +22,9 @@ public:
 private:
     Settings *m_settings;
     int m_proxyType;
-    pxProxyFactory_ *m_autoConfig;
+    // libproxy's factory. Its struct is named differently from one libproxy release to the
+    // next (Debian 12 and 13), so it is kept untyped outside the one file that uses it.
+    void *m_autoConfig;
     QString m_user;
     QString m_password;
     QUrl m_proxyUrl;

@@ -499,7 +499,12 @@ bool Settings::writePreferences(const QString &path)
         file.setValue(name, it.value());
         file.endArray();
     }
+    // The file is replaced whole; on a full disk the previous one stays as it was.
     file.sync();
+    if (file.status() != QSettings::NoError) {
+        qDebug() << "Unable to write preference file.";
+        return false;
+    }
     return true;
 }
 
@@ -508,25 +513,20 @@ bool Settings::writePlaylist(const QString &path)
     const QString target = orDefault(path, playlistFilename());
     // Same words as the preference writer, kept as they always were.
     qDebug() << "Saving preference file at:" << target;
-    QFile file(target);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text))
-        return false;
-    file.write("#Vorsane playlist\n");
+    QByteArray text("#Vorsane playlist\n");
     for (const QString &entry : std::as_const(m_playlist))
-        file.write(entry.toUtf8() + '\n');
-    return true;
+        text += entry.toUtf8() + '\n';
+    return Utils::writeWhole(target, text);
 }
 
 bool Settings::writeRestrictions(const QString &path)
 {
     const QString target = orDefault(path, whileListFilename());
     qDebug() << "Saving restriction file at:" << target;
-    QFile file(target);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text))
-        return false;
+    QByteArray text;
     for (const QString &entry : std::as_const(m_restrictions))
-        file.write(entry.toUtf8() + '\n');
-    return true;
+        text += entry.toUtf8() + '\n';
+    return Utils::writeWhole(target, text);
 }
 
 bool Settings::writeCookies(const QString &path)

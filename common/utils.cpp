@@ -3,7 +3,9 @@
 #include "settings.h"
 #include "watchdog.h"
 
+#include <QDebug>
 #include <QProcess>
+#include <QSaveFile>
 
 #include <crypt.h>
 #include <cstdlib>
@@ -83,4 +85,17 @@ QString Utils::getIconTheme()
         output.truncate(nul);
     const QString theme = QString::fromLatin1(output).simplified();
     return theme.isEmpty() ? QStringLiteral("elementary-xfce") : theme;
+}
+
+bool Utils::writeWhole(const QString &path, const QByteArray &bytes)
+{
+    QSaveFile file(path);
+    // The flush of its own: commit() in Qt 5.15 does not see a write that fails in the flush it
+    // does itself, and puts an empty or cut file in place on a full disk.
+    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size() || !file.flush()
+        || !file.commit()) {
+        qWarning() << "Cannot write" << path << file.errorString();
+        return false;
+    }
+    return true;
 }

@@ -19,4 +19,8 @@ public:
     // could not start, crashed or did not end in time; its standard output goes to output.
     static int runAndWait(const QString &program, const QStringList &arguments,
                           QByteArray *output = nullptr);
+    // Replaces a file whole or not at all, through a temporary file renamed over it: a full
+    // disk or a power cut leaves the previous file. False, with a log line naming the file and
+    // the reason, when it cannot be written.
+    static bool writeWhole(const QString &path, const QByteArray &bytes);
 };

@@ -2,6 +2,7 @@
 
 #include "logger.h"
 #include "statepaths.h"
+#include "utils.h"
 
 #include <QDateTime>
 #include <QDebug>
@@ -64,26 +65,6 @@ qint64 residentBytes()
     const int read = std::fscanf(statm, "%lld %lld", &size, &resident);
     std::fclose(statm);
     return read == 2 ? resident * ::sysconf(_SC_PAGESIZE) : 0;
-}
-
-// One line a page: "<seconds since 1970> <encoded address> <reason>"; the last day's stalls only,
-// so the file stays small over months.
-void recordStalledPage(const QString &page, const QString &reason)
-{
-    QFile file(stalledFile());
-    const qint64 now = QDateTime::currentSecsSinceEpoch();
-    QByteArray kept;
-    if (file.open(QIODevice::ReadOnly)) {
-        while (!file.atEnd()) {
-            const QByteArray line = file.readLine(64 * 1024);
-            if (line.left(line.indexOf(' ')).toLongLong() >= now - scriptsOffSeconds)
-                kept += line;
-        }
-        file.close();
-    }
-    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        file.write(kept + QByteArray::number(now) + ' ' + QUrl(page).toEncoded() + ' '
-                   + reason.toUtf8() + '\n');
 }
 
 // Runs on the watchdog thread while the GUI thread may still be running: nothing here touches
@@ -152,7 +133,7 @@ struct Watchdog::Thread
         const qint64 ceiling = s_memoryCeiling.load();
         if (!page.isEmpty() && ceiling > 0 && s_sizeBeforePage.load() > 0
             && residentBytes() > s_sizeBeforePage.load() + ceiling) {
-            recordStalledPage(page, QStringLiteral("memory"));
+            recordStall(QUrl(page), QStringLiteral("memory"));
             endNow(0, QStringLiteral("Web page %1 passed its memory ceiling of %2 MB; ending the "
                                      "program before the system does, the page will be shown "
                                      "without scripts.")
@@ -160,7 +141,7 @@ struct Watchdog::Thread
                           .arg(ceiling / (1024 * 1024)));
         }
         if (!page.isEmpty() && s_ownWaits.load() == 0 && now - s_lastBeat.load() > stallLimitMs) {
-            recordStalledPage(page, QStringLiteral("script"));
+            recordStall(QUrl(page), QStringLiteral("script"));
             endNow(0, QStringLiteral("Web page %1 has held the program for %2 s (a script that "
                                      "never ends?); ending the program, the page will be shown "
                                      "without scripts.")
@@ -233,9 +214,23 @@ bool Watchdog::stalledRecently(const QUrl &url)
     return false;
 }
 
-void Watchdog::recordStall(const QUrl &url, const QString &reason)
+bool Watchdog::recordStall(const QUrl &url, const QString &reason)
 {
-    recordStalledPage(url.toString(), reason);
+    // One line a page, "<seconds since 1970> <encoded address> <reason>"; only the last day's
+    // stalls are kept, so the file stays small over months.
+    const qint64 now = QDateTime::currentSecsSinceEpoch();
+    QByteArray kept;
+    QFile previous(stalledFile());
+    if (previous.open(QIODevice::ReadOnly)) {
+        while (!previous.atEnd()) {
+            const QByteArray line = previous.readLine(64 * 1024);
+            if (line.left(line.indexOf(' ')).toLongLong() >= now - scriptsOffSeconds)
+                kept += line;
+        }
+    }
+    kept += QByteArray::number(now) + ' ' + url.toEncoded() + ' ' + reason.toUtf8() + '\n';
+    // A full disk must not cost the pages recorded before.
+    return Utils::writeWhole(stalledFile(), kept);
 }
 
 void Watchdog::setMemoryCeiling(qint64 bytes)

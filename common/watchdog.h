@@ -33,9 +33,10 @@ public:
     static void leaveWebPage(const QUrl &url);
     // Whether this page stalled the program less than a day ago.
     static bool stalledRecently(const QUrl &url);
-    // Adds the page to the stalled-pages list with why in a word ("script", "memory"), also for
-    // a page that was ended without ending the program.
-    static void recordStall(const QUrl &url, const QString &reason);
+    // Adds the page to the stalled pages with why in a word ("script", "memory"), also for a
+    // page that was ended without ending the program; those older than a day are dropped. The
+    // list is replaced whole or not at all; false, with a log line, when it cannot be written.
+    static bool recordStall(const QUrl &url, const QString &reason);
     // While a web page is shown the program may grow by this many bytes over its size when the
     // page came; past that the page is recorded and the program ended before the system kills
     // it. 0: no ceiling. For a web engine that runs pages inside the program.

@@ -533,10 +533,12 @@ void GuardedHttpServer::serve(GuardedStream &stream, const std::string &address)
         stream.beginRequest();
         bool closed = false;
         s_current = &stream;
-        const bool answered = process_request(
-            stream, left == 1, closed, [this, &stream](httplib::Request &request) {
+        const bool answered = processRequest(
+            *this, stream, left == 1, closed,
+            [this, &stream](httplib::Request &request) {
                 stream.beginBody(m_bodyLimit ? m_bodyLimit(request) : 0);
-            });
+            },
+            0);
         s_current = nullptr;
         logFailure(stream.failure(), address);
         if (!answered || closed || stream.mustClose())

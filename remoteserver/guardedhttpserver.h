@@ -63,6 +63,30 @@ private:
 
     bool process_and_close_socket(socket_t sock) override;
     void serve(GuardedStream &stream, const std::string &address);
+    // One request of a connection. cpp-httplib 0.11 (Debian 12) reads the peer's addresses from
+    // the stream itself; later releases (Debian 13) take them as arguments: the overload that
+    // compiles against the installed one is taken.
+    using RequestSetup = std::function<void(httplib::Request &)>;
+    template<typename Server, typename Stream>
+    static auto processRequest(Server &server, Stream &stream, bool last, bool &closed,
+                               const RequestSetup &setup, int)
+        -> decltype(server.process_request(stream, last, closed, setup))
+    {
+        return server.process_request(stream, last, closed, setup);
+    }
+    template<typename Server, typename Stream>
+    static bool processRequest(Server &server, Stream &stream, bool last, bool &closed,
+                               const RequestSetup &setup, long)
+    {
+        std::string remoteAddress;
+        std::string localAddress;
+        int remotePort = 0;
+        int localPort = 0;
+        stream.get_remote_ip_and_port(remoteAddress, remotePort);
+        stream.get_local_ip_and_port(localAddress, localPort);
+        return server.process_request(stream, remoteAddress, remotePort, localAddress, localPort,
+                                      last, closed, setup);
+    }
     bool hasWaiting(const std::string &address);
     bool stopping() const;
 

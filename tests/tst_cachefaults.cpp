@@ -5,9 +5,12 @@
 #include "httpserver.h"
 #include "itemdownloader.h"
 #include "kioskprocess.h"
+#include "playedqueue.h"
 #include "playlistparser.h"
 #include "settings.h"
+#include "statepaths.h"
 #include "testsupport.h"
+#include "watchdog.h"
 #include "xmlplaylistparser.h"
 
 #include <QDateTime>
@@ -33,6 +36,8 @@ private Q_SLOTS:
     void faults_data();
     void faults();
     void fullDisk();
+    void stateFilesOnAFullDisk_data();
+    void stateFilesOnAFullDisk();
     void fetchedPlaylistMustBeAPlaylist_data();
     void fetchedPlaylistMustBeAPlaylist();
     void signalMidDownloadThenRestart();
@@ -162,6 +167,64 @@ void TestCacheFaults::fullDisk()
     QCOMPARE(loop->items.last()->url, QString("file://:/image/nothing_to_display.png"));
     QVERIFY(!QFile::exists(dataPath(big)));
     QCOMPARE(incompleteFiles(), QStringList());
+}
+
+void TestCacheFaults::stateFilesOnAFullDisk_data()
+{
+    // The file in the state folder that the player tries to replace once the disk is full.
+    QTest::addColumn<QString>("name");
+    QTest::newRow("stalled pages") << "stalled-pages";
+    QTest::newRow("kept playlist copy") << "playlist";
+    QTest::newRow("offline backup, not made before") << "playlist-old";
+    QTest::newRow("proof-of-play journal") << "played-queue";
+}
+
+void TestCacheFaults::stateFilesOnAFullDisk()
+{
+    QFETCH(QString, name);
+    const QString state = m_home->stateDir();
+    const QString file = state + QLatin1Char('/') + name;
+    SmallDisk disk;
+    const QString why = disk.mount(state);
+    if (!why.isEmpty())
+        QSKIP(qPrintable(why));
+    const QUrl stalled(QStringLiteral("http://stalled.example/"));
+    QVERIFY(Watchdog::recordStall(stalled, QStringLiteral("script")));
+    QVERIFY(writeFile(PlaylistParser::localCopyPath(), "#Vorsane playlist\nhttp://copy/ 5\n"));
+    {
+        PlayedQueue queue(StatePaths::playedQueue());
+        QVERIFY(queue.open());
+        queue.append(QJsonObject{{QStringLiteral("item"), QStringLiteral("a.png")}});
+    }
+    const QByteArray before = QFile::exists(file) ? readFile(file) : QByteArray();
+    QStringList files = QDir(state).entryList(QDir::Files | QDir::Hidden);
+    QVERIFY(disk.fill());
+
+    LogCapture log;
+    if (name == QLatin1String("stalled-pages")) {
+        QVERIFY(!Watchdog::recordStall(QUrl(QStringLiteral("http://later.example/")),
+                                       QStringLiteral("memory")));
+        QVERIFY(Watchdog::stalledRecently(stalled));
+    } else if (name == QLatin1String("played-queue")) {
+        PlayedQueue queue(file);
+        QVERIFY(!queue.open());
+    } else {
+        // The show goes on with what was fetched; only keeping it fails.
+        m_server->setRoute("/playlist", "#Vorsane playlist\nhttp://new/ 5\n");
+        std::unique_ptr<PlaylistParser> parser(
+            PlaylistParser::get(5, m_server->url("/playlist"), nullptr));
+        QCOMPARE(parser->getLoops().value(0)->items.value(0)->url, QString("http://new/"));
+    }
+    // The file as it was, or still none: nothing cut short, no temporary file beside it, and a
+    // line that names it.
+    QCOMPARE(QFile::exists(file), !before.isEmpty());
+    QCOMPARE(readFile(file), before);
+    files << QStringLiteral("filler");
+    files.sort();
+    QCOMPARE(QDir(state).entryList(QDir::Files | QDir::Hidden), files);
+    const QRegularExpression failed("(Cannot write|cannot be written).*\""
+                                    + QRegularExpression::escape(file) + '"');
+    QVERIFY2(!log.lines().filter(failed).isEmpty(), qPrintable(log.lines().join('\n')));
 }
 
 void TestCacheFaults::fetchedPlaylistMustBeAPlaylist_data()
@@ -301,9 +364,9 @@ void TestCacheFaults::keptPlaylistPlaysWhateverTheServer()
         picture.save(&buffer, "PNG");
     }
     m_server->setRoute("/red.png", png, 200, {{"Last-Modified", "Mon, 02 Nov 2026 10:00:00 GMT"}});
-    m_server->setRoute("/p/screen/list",
-                       schedule(xmlLoop("id='0'", xmlItem(m_server->url("/red.png").toString(),
-                                                          "image", 600))));
+    m_server->setRoute(
+        "/p/screen/list",
+        schedule(xmlLoop("id='0'", xmlItem(m_server->url("/red.png").toString(), "image", 600))));
     m_server->setRoute("/webapp/db/getEdit/screen/playlist/", "2026;11;02;10;00;00;");
     const QByteArray preferences = "[slideshow]\nplaylist_update_mode=serverVorsaneTV\npages="
                                    + m_server->url("/p/screen/list").toEncoded() + "\n";

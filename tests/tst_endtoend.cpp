@@ -53,6 +53,7 @@ class TestEndToEnd : public QObject
 private Q_SLOTS:
     void scheduledMixedMedia();
     void remoteControl();
+    void longSchedulePlays();
 };
 
 void TestEndToEnd::scheduledMixedMedia()
@@ -136,6 +137,20 @@ void TestEndToEnd::remoteControl()
     QVERIFY(kiosk.log().contains("Caught signal 2"));
     // Screen power asks xset about the display beside it.
     QVERIFY(kiosk.fakes().callLines("xset").contains(QStringLiteral("dpms 0 0 0")));
+}
+
+void TestEndToEnd::longSchedulePlays()
+{
+    KioskProcess kiosk;
+    // The first picture's address carries an escape: only the decoded path shows it.
+    const QString first = kiosk.picture("first picture.png", Qt::red).replace(' ', "%20");
+    // Short items: 200,000 must stay within the 16 MB a playlist may have.
+    const QByteArray other
+        = "<i uri='file://" + kiosk.picture("o.png", Qt::green).toUtf8() + "' type='image'/>";
+    const QByteArray items = xmlItem("file://" + first, "image") + other.repeated(199999);
+    QVERIFY(kiosk.start(schedule(xmlLoop("id=\"0\"", items)), "fullscreen=false\n"));
+    QVERIFY2(kiosk.screenShows(Qt::red), kiosk.log().right(3000));
+    QCOMPARE(kiosk.interrupt(), 2);
 }
 
 QTEST_GUILESS_MAIN(TestEndToEnd)

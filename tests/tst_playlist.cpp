@@ -85,8 +85,8 @@ private Q_SLOTS:
     void cleanup();
     void selectLoop_data();
     void selectLoop();
-    void flatLoop_data();
-    void flatLoop();
+    void loopItems_data();
+    void loopItems();
     void getNetwork_data();
     void getNetwork();
     void settingsReloadKeepsOldInstances();
@@ -209,7 +209,7 @@ void TestPlaylist::selectLoop()
     QCOMPARE(parser.selectLoop(since, instant), selected);
 }
 
-void TestPlaylist::flatLoop_data()
+void TestPlaylist::loopItems_data()
 {
     QTest::addColumn<QString>("text");
     QTest::addColumn<QStringList>("files");
@@ -253,9 +253,27 @@ void TestPlaylist::flatLoop_data()
     QTest::newRow("usb-auto empty next to a web page")
         << head + "usb-auto 10\nhttp://a/ 7\n"
         << QStringList() << QStringList{"http://a/|6|7|"};
+    // Widgets open the path after "file://" as it stands.
+    QTest::newRow("escapes in a file address are decoded")
+        << head + "file://$HOME/my%20p.png 5\n"
+        << QStringList{"my p.png"} << QStringList{"file://$HOME/my p.png|3|5|"};
+
+    const QString url = "<i uri='http://%1/' type='url'/>";
+    QTest::newRow("schedule: escapes in a file address are decoded")
+        << "<schedule><loop id='0'><i uri='file://$HOME/my%20p.png' type='image' time='5'/>"
+           "</loop></schedule>"
+        << QStringList{"my p.png"} << QStringList{"file://$HOME/my p.png|3|5|"};
+    QTest::newRow("schedule: white space between web pages is no item, the last one is marked")
+        << "<schedule><loop id='0'>\n  " + url.arg("a") + "\n  " + url.arg("b")
+               + "\n</loop></schedule>"
+        << QStringList() << QStringList{"http://a/|6|5|", demo, "http://b/|6|5|all_webpages"};
+    QTest::newRow("schedule: a comment among web pages counts as a child, none is marked")
+        << "<schedule><loop id='0'>" + url.arg("a") + "<!-- lunch -->" + url.arg("b")
+               + "</loop></schedule>"
+        << QStringList() << QStringList{"http://a/|6|5|", demo, "http://b/|6|5|"};
 }
 
-void TestPlaylist::flatLoop()
+void TestPlaylist::loopItems()
 {
     QFETCH(QString, text);
     QFETCH(QStringList, files);
@@ -267,9 +285,14 @@ void TestPlaylist::flatLoop()
         QVERIFY(file.endsWith(".pdf") ? makePdf(path, {Qt::gray})
                                       : makeImage(path, QSize(4, 4), Qt::gray));
     }
-    FlatPlaylistParser parser(5, QString(text).replace("$HOME", home));
+    text.replace("$HOME", home);
+    std::unique_ptr<PlaylistParser> parser;
+    if (text.startsWith('<'))
+        parser = std::make_unique<XmlPlaylistParser>(5, text, "http://server/playlist");
+    else
+        parser = std::make_unique<FlatPlaylistParser>(5, text);
     expected.replaceInStrings("$HOME", home);
-    QCOMPARE(summaries(parser.loop), expected);
+    QCOMPARE(summaries(parser->getLoops().value(0)), expected);
 }
 
 void TestPlaylist::getNetwork_data()

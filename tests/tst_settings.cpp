@@ -99,51 +99,74 @@ void TestSettings::writers_data()
 {
     QTest::addColumn<QString>("writer");
     QTest::addColumn<QStringList>("entries");
-    // Under a regular file: the folder cannot exist, whoever runs the test.
-    QTest::addColumn<bool>("unwritable");
+    // "under a file": the folder cannot exist, whoever runs the test; "full disk": the previous
+    // file lies on a disk with no room left.
+    QTest::addColumn<QString>("where");
     QTest::addColumn<bool>("result");
     // The file's text, or for cookies the rows "name=value" read back.
     QTest::addColumn<QStringList>("expected");
 
     QTest::newRow("preferences: sections, a size entry from the array interface")
-        << "preferences" << QStringList{"main/size=7"} << false << true
+        << "preferences" << QStringList{"main/size=7"} << QString() << true
         << QStringList{"[main]", "mode=display", "size=0"};
-    QTest::newRow("preferences: unwritable path") << "preferences" << QStringList() << true
-                                                  << false << QStringList();
+    QTest::newRow("preferences: unwritable path")
+        << "preferences" << QStringList() << "under a file" << false << QStringList();
+    QTest::newRow("preferences: full disk keeps the previous file")
+        << "preferences" << QStringList() << "full disk" << false << QStringList();
     QTest::newRow("playlist: empty list holds the header only")
-        << "playlist" << QStringList() << false << true << QStringList{"#Vorsane playlist", ""};
+        << "playlist" << QStringList() << QString() << true << QStringList{"#Vorsane playlist", ""};
     QTest::newRow("playlist: entries in order")
-        << "playlist" << QStringList{"file:///a.jpg 5", "https://e.org 30"} << false << true
+        << "playlist" << QStringList{"file:///a.jpg 5", "https://e.org 30"} << QString() << true
         << QStringList{"#Vorsane playlist", "file:///a.jpg 5", "https://e.org 30", ""};
     QTest::newRow("playlist: unwritable path")
-        << "playlist" << QStringList{"x 1"} << true << false << QStringList();
+        << "playlist" << QStringList{"x 1"} << "under a file" << false << QStringList();
+    QTest::newRow("playlist: full disk keeps the previous file")
+        << "playlist" << QStringList{"http://new.example/ 5"} << "full disk" << false
+        << QStringList();
     QTest::newRow("restrictions: empty list, empty file")
-        << "restrictions" << QStringList() << false << true << QStringList{""};
+        << "restrictions" << QStringList() << QString() << true << QStringList{""};
     QTest::newRow("restrictions: patterns, no header")
-        << "restrictions" << QStringList{"*.org", "bad"} << false << true
+        << "restrictions" << QStringList{"*.org", "bad"} << QString() << true
         << QStringList{"*.org", "bad", ""};
     QTest::newRow("restrictions: unwritable path")
-        << "restrictions" << QStringList{"x"} << true << false << QStringList();
+        << "restrictions" << QStringList{"x"} << "under a file" << false << QStringList();
+    QTest::newRow("restrictions: full disk keeps the previous file")
+        << "restrictions" << QStringList{"*.new"} << "full disk" << false << QStringList();
     QTest::newRow("cookies: rows kept")
-        << "cookies" << QStringList{"a=1", "b=2"} << false << true << QStringList{"a=1", "b=2"};
+        << "cookies" << QStringList{"a=1", "b=2"} << QString() << true << QStringList{"a=1", "b=2"};
     QTest::newRow("cookies: a quote in a value loses only that row")
-        << "cookies" << QStringList{"a=it's", "b=2"} << false << true << QStringList{"b=2"};
+        << "cookies" << QStringList{"a=it's", "b=2"} << QString() << true << QStringList{"b=2"};
     QTest::newRow("cookies: unwritable path")
-        << "cookies" << QStringList{"a=1"} << true << false << QStringList();
+        << "cookies" << QStringList{"a=1"} << "under a file" << false << QStringList();
 }
 
 void TestSettings::writers()
 {
     QFETCH(QString, writer);
     QFETCH(QStringList, entries);
-    QFETCH(bool, unwritable);
+    QFETCH(QString, where);
+    const bool unwritable = where == QLatin1String("under a file");
+    const bool fullDisk = where == QLatin1String("full disk");
 
     Settings *settings = loadWith(QByteArray());
     writeFile(m_home->filePath(QStringLiteral("blocker")), "a file, not a folder");
-    const QString path = m_home->filePath(unwritable ? QStringLiteral("blocker/out")
-                                                     : QStringLiteral("out/") + writer);
+    const QString out = m_home->filePath(QStringLiteral("out"));
+    const QString path = unwritable ? m_home->filePath(QStringLiteral("blocker/out"))
+                                    : out + QLatin1Char('/') + writer;
     if (!unwritable)
-        QVERIFY(QDir().mkpath(m_home->filePath(QStringLiteral("out"))));
+        QVERIFY(QDir().mkpath(out));
+    SmallDisk disk;
+    const QByteArray previous = writer == QLatin1String("preferences")
+                                    ? QByteArray("[main]\nmode=kiosk\n")
+                                    : QByteArray("#Vorsane playlist\nhttp://old.example/ 5\n");
+    if (fullDisk) {
+        const QString why = disk.mount(out);
+        if (!why.isEmpty())
+            QSKIP(qPrintable(why));
+        QVERIFY(writeFile(path, previous));
+        QVERIFY(disk.fill());
+    }
+    LogCapture log;
 
     bool result = false;
     if (writer == QLatin1String("preferences")) {
@@ -171,6 +194,16 @@ void TestSettings::writers()
     QTEST(result, "result");
     if (unwritable)
         return;
+    if (fullDisk) {
+        // Neither a shortened file nor a temporary one beside it, and a line that says so.
+        QCOMPARE(readFile(path), previous);
+        QCOMPARE(QDir(out).entryList(QDir::Files | QDir::Hidden),
+                 QStringList({QStringLiteral("filler"), writer}));
+        QVERIFY(log.contains(writer == QLatin1String("preferences")
+                                 ? QStringLiteral("Unable to write preference file.")
+                                 : QStringLiteral("Cannot write \"%1\"").arg(path)));
+        return;
+    }
 
     QFETCH(QStringList, expected);
     if (writer == QLatin1String("cookies")) {

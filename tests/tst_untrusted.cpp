@@ -64,6 +64,10 @@ void TestUntrusted::documentLimits_data()
         << "<schedule>" + QByteArray("<a>").repeated(61) + loop + QByteArray("</a>").repeated(61)
                + "</schedule>"
         << 1 << QString();
+    QTest::newRow("schedule nested 65 deep")
+        << "<schedule>" + QByteArray("<a>").repeated(62) + loop + QByteArray("</a>").repeated(62)
+               + "</schedule>"
+        << 0 << "nested deeper than 64 levels";
     QTest::newRow("playlist larger than 16 MB")
         << "#Vorsane playlist\n#" + QByteArray(17 * 1024 * 1024, 'x') + "\nhttp://x/ 5\n"
         << 0 << "larger than 16 MB";
@@ -74,7 +78,16 @@ void TestUntrusted::documentLimits_data()
                       "&a;&a;'><!ENTITY c '&b;&b;&b;&b;&b;&b;&b;&b;&b;&b;'><!ENTITY d '&c;&c;&c;"
                       "&c;&c;&c;&c;&c;&c;&c;'><!ENTITY e '&d;&d;&d;&d;&d;&d;&d;&d;&d;&d;'>]>"
                       "<schedule><loop id='&e;&e;&e;&e;&e;'/></schedule>")
-        << 1 << QString();
+        << 0 << "rejected: it declares a document type";
+    QTest::newRow("entity naming a local file")
+        << QByteArray("<?xml version='1.0'?><!DOCTYPE schedule [<!ENTITY f SYSTEM "
+                      "'file:///etc/passwd'>]><schedule><loop id='0'><i uri='http://x/&f;' "
+                      "type='url'/></loop></schedule>")
+        << 0 << "rejected: it declares a document type";
+    // The line names something that cannot be found under that name; the others play.
+    QTest::newRow("flat line that is not UTF-8")
+        << QByteArray("#Vorsane playlist\nhttp://x/caf\xe9 5\nhttp://y/ 5\n") << 1
+        << "Playlist line 2 skipped: not valid UTF-8";
 }
 
 void TestUntrusted::documentLimits()
@@ -194,6 +207,12 @@ void TestUntrusted::hiddenFilesAndOddNames()
     QStringList urls;
     for (const PlaylistItemPtr &item : parser.loop->items)
         urls << item->url;
+    // A schedule naming it the same way plays it the same way.
+    XmlPlaylistParser schedule(5,
+                               "<schedule><loop id='0'><i uri='file://" + dir
+                                   + "/caf%E9.png' type='image'/></loop></schedule>",
+                               QStringLiteral("schedule"));
+    const QString scheduled = schedule.getLoops().value(0)->items.value(0)->url;
     ::unlink(odd.constData());
     // The name that is not valid UTF-8 is played through a link to it, found in the folder and
     // named on its own line.
@@ -203,6 +222,7 @@ void TestUntrusted::hiddenFilesAndOddNames()
     QCOMPARE(aliases.size(), 2);
     QVERIFY(aliases.first().endsWith(".png"));
     QVERIFY(!QFileInfo(stale).isSymLink());
+    QVERIFY2(aliases.contains(scheduled), qPrintable(scheduled));
     urls = urls.filter(QRegularExpression("/(photo|b)\\.png$"));
     QCOMPARE(urls, QStringList({"file://" + dir + "/photo.png", "file://" + dir + "/sub/b.png"}));
 }

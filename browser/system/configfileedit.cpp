@@ -1,13 +1,13 @@
 #include "configfileedit.h"
 
 #include "statepaths.h"
+#include "utils.h"
 
 #include <QCryptographicHash>
 #include <QDebug>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QSaveFile>
 
 namespace {
 QByteArray readAll(const QString &path, bool *ok = nullptr)
@@ -63,8 +63,7 @@ bool ConfigFileEdit::write()
         return false;
     }
     QDir().mkpath(QFileInfo(m_file).absolutePath());
-    QSaveFile file(m_file);
-    if (!file.open(QIODevice::WriteOnly) || file.write(changed) < 0 || !file.commit()) {
+    if (!Utils::writeWhole(m_file, changed)) {
         qDebug() << "Unable to write" << m_file;
         return false;
     }

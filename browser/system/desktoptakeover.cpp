@@ -11,7 +11,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSaveFile>
 
 #include <algorithm>
 #include <atomic>
@@ -107,9 +106,7 @@ void DesktopTakeover::registerGiveBack()
     if (m_takenAt == 0)
         m_takenAt = nextTakeover();
     QDir().mkpath(StatePaths::giveBackDir());
-    QSaveFile record(recordPath(m_what));
-    if (!record.open(QIODevice::WriteOnly) || record.write(toJson(m_takenAt, commands)) < 0
-        || !record.commit())
+    if (!Utils::writeWhole(recordPath(m_what), toJson(m_takenAt, commands)))
         qDebug() << "Unable to record how to give back:" << m_what;
 }
 

@@ -37,12 +37,10 @@ bool XmodmapShortcutManager::disableImpl()
         qDebug() << "Unable to read the key map; system shortcuts stay enabled.";
         return false;
     }
-    QFile backup(m_backup);
-    if (!backup.open(QIODevice::WriteOnly | QIODevice::Truncate) || backup.write(keymap) < 0) {
+    if (!Utils::writeWhole(m_backup, keymap)) {
         qDebug() << "Unable to save the key map to" << m_backup;
         return false;
     }
-    backup.close();
     // From here on the map may be changed, so it is always restored.
     runXmodmap({QStringLiteral("-e"), QStringLiteral("clear mod4")});
     runXmodmap({QStringLiteral("-e"), QStringLiteral("keysym Super_L =")});

@@ -13,6 +13,11 @@
 #include <QProcess>
 #include <QTcpServer>
 
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <unistd.h>
 #include <utility>
 
 namespace testsupport {
@@ -161,6 +166,40 @@ void LogCapture::clear()
 {
     QMutexLocker locker(&s_logMutex);
     s_logLines.clear();
+}
+
+SmallDisk::~SmallDisk()
+{
+    if (!m_folder.isEmpty())
+        ::umount2(QFile::encodeName(m_folder).constData(), MNT_DETACH);
+}
+
+QString SmallDisk::mount(const QString &folder, int kilobytes)
+{
+    if (::geteuid() != 0)
+        return QStringLiteral("mounting a small tmpfs needs root");
+    QDir().mkpath(folder);
+    const QByteArray options = "size=" + QByteArray::number(kilobytes) + "k";
+    if (::mount("tmpfs", QFile::encodeName(folder).constData(), "tmpfs", 0, options.constData())
+        != 0)
+        return QStringLiteral("cannot mount a tmpfs: %1")
+            .arg(QString::fromLocal8Bit(std::strerror(errno)));
+    m_folder = folder;
+    return QString();
+}
+
+bool SmallDisk::fill()
+{
+    const QByteArray path = QFile::encodeName(m_folder + QStringLiteral("/filler"));
+    const int fd = ::open(path.constData(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    if (fd < 0)
+        return false;
+    const QByteArray page(4096, 'f');
+    while (::write(fd, page.constData(), size_t(page.size())) > 0) {
+    }
+    const bool full = errno == ENOSPC;
+    ::close(fd);
+    return full;
 }
 
 bool makeImage(const QString &path, const QSize &size, const QColor &color, const char *format)

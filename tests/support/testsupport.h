@@ -68,6 +68,21 @@ public:
     void clear();
 };
 
+// A small tmpfs mounted over a folder while the object lives, to be filled up on purpose.
+// Mounting needs root.
+class SmallDisk
+{
+public:
+    ~SmallDisk();
+    // Empty when the folder now lies on the small disk, otherwise why it does not.
+    QString mount(const QString &folder, int kilobytes = 256);
+    // Takes the room that is left with one file; true when not one more page fits.
+    bool fill();
+
+private:
+    QString m_folder;
+};
+
 // Media files made on the spot.
 bool makeImage(const QString &path, const QSize &size, const QColor &color,
                const char *format = nullptr);

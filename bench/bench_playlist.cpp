@@ -1,0 +1,175 @@
+// A long XML schedule played by the real program, on the X server of DISPLAY. Run by hand:
+//   bench_playlist [--program PATH] [--items N] [--rounds N]
+// For each round the program starts on a schedule of N local pictures (200,000 by default) and
+// the bench prints the time from the start to the first picture on the screen, polling the
+// screen's centre pixel, and the program's peak resident memory (VmHWM) at that moment.
+// The first picture is the only red one.
+
+#include <QColor>
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QGuiApplication>
+#include <QImage>
+#include <QPixmap>
+#include <QProcess>
+#include <QScreen>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+
+const QColor first(220, 0, 0);
+const QColor others[] = {QColor(0, 0, 220), QColor(0, 200, 0), QColor(220, 220, 0)};
+
+bool write(const QString &path, const QByteArray &bytes)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
+}
+
+bool near(QRgb pixel, const QColor &colour)
+{
+    return qAbs(qRed(pixel) - colour.red()) < 40 && qAbs(qGreen(pixel) - colour.green()) < 40
+           && qAbs(qBlue(pixel) - colour.blue()) < 40;
+}
+
+QRgb centre(QScreen *screen)
+{
+    const QRect area = screen->geometry();
+    return screen->grabWindow(0, area.center().x(), area.center().y(), 1, 1).toImage().pixel(0, 0);
+}
+
+QByteArray picture(const QString &path, const QColor &colour)
+{
+    QImage image(640, 480, QImage::Format_RGB32);
+    image.fill(colour);
+    image.save(path);
+    return "file://" + path.toUtf8();
+}
+
+QByteArray makeSchedule(const QString &dir, int count)
+{
+    const QByteArray firstAddress = picture(dir + "/first.png", first);
+    QList<QByteArray> addresses;
+    for (int i = 0; i < int(sizeof(others) / sizeof(others[0])); ++i)
+        addresses << picture(dir + QString("/p%1.png").arg(i), others[i]);
+    QByteArray text = "<?xml version=\"1.0\"?>\n<schedule name=\"bench\">\n<loop id=\"0\">\n";
+    text += "<item uri=\"" + firstAddress + "\" type=\"image\" time=\"60\"/>\n";
+    for (int i = 1; i < count; ++i)
+        text += "<i uri=\"" + addresses.at(i % addresses.size()) + "\" type=\"image\"/>\n";
+    return text + "</loop>\n</schedule>\n";
+}
+
+// kB, or -1 when the process is gone.
+qint64 peakResident(qint64 pid)
+{
+    QFile status(QString("/proc/%1/status").arg(pid));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith("VmHWM:"))
+            return line.mid(6).trimmed().split(' ').value(0).toLongLong();
+    }
+    return -1;
+}
+
+qint64 median(QList<qint64> values)
+{
+    std::sort(values.begin(), values.end());
+    return values.isEmpty() ? -1 : values.at(values.size() / 2);
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QGuiApplication app(argc, argv);
+    QString program = QCoreApplication::applicationDirPath() + QStringLiteral("/../vorsane-kiosk");
+    int count = 200000;
+    int rounds = 3;
+    const QStringList arguments = app.arguments();
+    for (int i = 1; i + 1 < arguments.size(); i += 2) {
+        if (arguments.at(i) == QLatin1String("--program"))
+            program = arguments.at(i + 1);
+        else if (arguments.at(i) == QLatin1String("--items"))
+            count = qMax(2, arguments.at(i + 1).toInt());
+        else if (arguments.at(i) == QLatin1String("--rounds"))
+            rounds = qMax(1, arguments.at(i + 1).toInt());
+    }
+    QScreen *screen = QGuiApplication::primaryScreen();
+    const QSize size = screen->geometry().size();
+
+    QTemporaryDir home;
+    // Short names: the items must stay within the 16 MB a playlist may have.
+    const QString conf = home.path() + "/c";
+    const QString media = home.path() + "/m";
+    const QString stubs = home.path() + "/bin";
+    for (const QString &dir : {conf, media, stubs})
+        QDir().mkpath(dir);
+    for (const char *name : {"launchdock", "amixer", "unclutter", "pkill", "xmodmap", "xset",
+                             "gksu", "xscreensaver-command", "sudo", "unzip", "pgrep"}) {
+        const QString path = stubs + '/' + name;
+        write(path, "#!/bin/sh\nexit 0\n");
+        QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
+    }
+    const QByteArray schedule = makeSchedule(media, count);
+    write(conf + "/playlist", schedule);
+    write(conf + "/preferences",
+          QString("[main]\nversion=QFGLs6IVf1\nfullscreen=false\nfixedscreen=true\n"
+                  "largeur_edit=%1\nhauteur_edit=%2\n[slideshow]\nhide_pointer=false\n")
+              .arg(size.width())
+              .arg(size.height())
+              .toUtf8());
+    std::printf("%d items, %.1f MB of schedule, %s\n", count, schedule.size() / 1048576.0,
+                qPrintable(program));
+
+    QList<qint64> times;
+    QList<qint64> peaks;
+    for (int round = 0; round < rounds; ++round) {
+        QDir(home.path() + "/.vorsane-kiosk").removeRecursively();
+        QProcess kiosk;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("HOME", home.path());
+        env.insert("PATH", stubs + ':' + env.value("PATH"));
+        env.insert("XDG_CURRENT_DESKTOP", "none");
+        kiosk.setProcessEnvironment(env);
+        // Where a session sends it: a file, not a terminal.
+        kiosk.setStandardErrorFile(home.path() + "/log");
+
+        QElapsedTimer clock;
+        clock.start();
+        kiosk.start(program, {"--basepath", conf});
+        if (!kiosk.waitForStarted(10000)) {
+            std::fprintf(stderr, "cannot start %s\n", qPrintable(program));
+            return 1;
+        }
+        bool shown = false;
+        while (!shown && clock.elapsed() < 60000 && kiosk.state() == QProcess::Running) {
+            shown = near(centre(screen), first);
+            if (!shown)
+                QThread::usleep(500);
+        }
+        const qint64 elapsed = clock.elapsed();
+        const qint64 peak = peakResident(kiosk.processId());
+        kiosk.terminate();
+        kiosk.waitForFinished(10000);
+        if (!shown) {
+            home.setAutoRemove(false);
+            std::fprintf(stderr, "the first picture never showed (log in %s/log)\n",
+                         qPrintable(home.path()));
+            return 1;
+        }
+        std::printf("round %d: start to first picture %lld ms, peak resident %lld MB\n", round + 1,
+                    elapsed, peak / 1024);
+        times << elapsed;
+        peaks << peak;
+    }
+    std::printf("median: start to first picture %lld ms, peak resident %lld MB\n", median(times),
+                median(peaks) / 1024);
+    return 0;
+}
