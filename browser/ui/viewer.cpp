@@ -39,7 +39,6 @@
 
 namespace {
 const char textTemplateUrl[] = "file://" VORSANE_DATA_DIR "/text.html";
-const int defaultTransitionMs = 500;
 
 // Content drawn in the program's own window, which a picture of it stands for.
 bool still(const QWidget *w)
@@ -53,9 +52,8 @@ bool still(const QWidget *w)
 // and fade out; null for a hard cut.
 QLabel *fadeCover(QWidget *viewer, QWidget *outgoing, QWidget *incoming)
 {
-    Settings *settings = Settings::load(false, nullptr);
-    if (settings->get(QStringLiteral("slideshow/transition")).toString() != QLatin1String("fade")
-        || !outgoing || outgoing == incoming || !still(outgoing) || !still(incoming))
+    if (Settings::load(false, nullptr)->fadeMs() <= 0 || !outgoing || outgoing == incoming
+        || !still(outgoing) || !still(incoming))
         return nullptr;
     auto *cover = new QLabel(viewer);
     cover->setPixmap(outgoing->grab());
@@ -65,16 +63,12 @@ QLabel *fadeCover(QWidget *viewer, QWidget *outgoing, QWidget *incoming)
 
 void fadeOut(QLabel *cover)
 {
-    bool ok = false;
-    int ms = Settings::load(false, nullptr)->get(QStringLiteral("slideshow/transition_ms")).toInt(&ok);
-    if (!ok || ms < 0)
-        ms = defaultTransitionMs;
     auto *effect = new QGraphicsOpacityEffect(cover);
     cover->setGraphicsEffect(effect);
     cover->show();
     cover->raise();
     auto *animation = new QPropertyAnimation(effect, "opacity", cover);
-    animation->setDuration(ms);
+    animation->setDuration(Settings::load(false, nullptr)->fadeMs());
     animation->setStartValue(1.0);
     animation->setEndValue(0.0);
     QObject::connect(animation, &QPropertyAnimation::finished, cover, &QObject::deleteLater);
