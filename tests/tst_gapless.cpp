@@ -164,7 +164,6 @@ void TestGapless::boundary_data()
     QTest::newRow("picture to web page") << "image" << "url";
     QTest::newRow("picture to text document") << "image" << "document";
     QTest::newRow("web page to PDF") << "url" << "pdf";
-    QTest::newRow("PDF to picture") << "pdf" << "image";
 }
 
 void TestGapless::boundary()
@@ -191,7 +190,6 @@ void TestGapless::fade_data()
     QTest::addColumn<QString>("from");
     QTest::addColumn<QString>("to");
 
-    QTest::newRow("picture to picture") << "image" << "image";
     QTest::newRow("picture to web page") << "image" << "url";
     QTest::newRow("web page to PDF") << "url" << "pdf";
 }
