@@ -129,6 +129,23 @@ QWidget *ContentFactory::widgetFor(const PlaylistItemPtr &item, const PlaylistLo
     }
 }
 
+bool ContentFactory::preparable(const PlaylistItemPtr &item) const
+{
+    if (item->url.contains(QLatin1String("Screen OFF")))
+        return false;
+    switch (item->type) {
+    case PlaylistItem::Image:
+    case PlaylistItem::Gif:
+    case PlaylistItem::PDF:
+    case PlaylistItem::Document:
+        return true;
+    case PlaylistItem::Webpage:
+        return !m_settings->get(QStringLiteral("slideshow/external_browser")).toBool();
+    default:
+        return false;
+    }
+}
+
 void ContentFactory::startMaintenance(const QString &url)
 {
     qDebug() << "Replace maintenance file";

@@ -25,6 +25,9 @@ public:
     // loop is the item's loop, which knows the span of its screen-off periods. While downloads
     // still run, an item whose cache file is missing is passed over.
     QWidget *widgetFor(const PlaylistItemPtr &item, const PlaylistLoopPtr &loop, bool downloading);
+    // Whether the item's widget can be built ahead of its turn: still content and pages shown in
+    // the program's own window, whose building changes nothing else.
+    bool preparable(const PlaylistItemPtr &item) const;
     QWidget *nothingToDisplay();
     static bool isPlaceholder(const QWidget *widget);
     static QString nothingToDisplayUrl();

@@ -8,6 +8,7 @@
 #include "idle.h"
 #include "logger.h"
 #include "loopdownloads.h"
+#include "nextitem.h"
 #include "playlistparser.h"
 #include "remote.h"
 #include "remoteserverprocess.h"
@@ -44,6 +45,7 @@ Dispatcher::Dispatcher(Viewer *viewer, const CommandLineParser *parser, QObject 
     m_downloads = new LoopDownloads(this);
     m_retry = new SetUpRetry(this);
     m_screensaver = new ScreensaverBlocker(this);
+    m_next = new NextItem(m_viewer, m_content, m_downloads, this);
     connect(m_downloads, &LoopDownloads::failedBehindShow, m_retry, &SetUpRetry::failed);
     connect(m_retry, &SetUpRetry::retry, this, &Dispatcher::startSlideshow);
     connect(m_remote, &Remote::restart, this, &Dispatcher::startSlideshow);
@@ -182,6 +184,8 @@ void Dispatcher::startSlideshow()
     qDebug() << "NB LOOPS : " << m_parser->getLoops().size();
     if (!behindShow)
         showLoopNext();
+    else if (m_state == 3)
+        m_next->prepareAfter(m_positions, *m_parser);
 
     const QList<std::function<void()>> pending = std::exchange(m_pending, {});
     for (const std::function<void()> &action : pending)
@@ -237,7 +241,7 @@ void Dispatcher::showLoopNext()
     m_endedBySelf = false;
 
     PlaylistItemPtr item;
-    QWidget *widget = nextWidget(item);
+    QWidget *widget = m_next->nextWidget(m_positions, *m_parser, m_failedStarts, item);
     if (m_shownWidget && qobject_cast<Idle *>(m_shownWidget)
         && (!item || item->type != PlaylistItem::Idle)) {
         qDebug() << "Stopping idle";
@@ -248,32 +252,7 @@ void Dispatcher::showLoopNext()
     const int loop = m_parser->getLoops().indexOf(m_positions.currentLoop());
     if (view_next())
         Q_EMIT itemShown(shown, shown ? loop : -1);
-}
-
-QWidget *Dispatcher::nextWidget(PlaylistItemPtr &item)
-{
-    // Items that are passed over are skipped here in a loop rather than by recursion; a loop
-    // with nothing showable shows the "nothing to display" picture instead of spinning.
-    const int maxAttempts = 2 * (m_parser->getLoops().size() + 1);
-    int attempts = 0;
-    for (;;) {
-        // A whole pass in which nothing could start: rest on the placeholder before trying again.
-        const PlaylistLoopPtr loop = m_positions.currentLoop();
-        if (loop && m_failedStarts > loop->items.size()) {
-            m_failedStarts = 0;
-            return m_content->nothingToDisplay();
-        }
-        const LoopPositions::Step step = m_positions.step(*m_parser);
-        if (step == LoopPositions::ForcedLoopOver)
-            continue;
-        if (step == LoopPositions::NothingToShow
-            || (step == LoopPositions::LoopStartedOver && ++attempts > maxAttempts))
-            return m_content->nothingToDisplay();
-        item = m_positions.item();
-        if (QWidget *widget
-            = m_content->widgetFor(item, m_positions.currentLoop(), m_downloads->downloading()))
-            return widget;
-    }
+    m_next->prepareAfter(m_positions, *m_parser);
 }
 
 bool Dispatcher::view_next()
@@ -365,6 +344,7 @@ void Dispatcher::onMouseEvent()
 
 bool Dispatcher::startBrowser(QUrl url)
 {
+    m_next->discard();
     m_nextWidget = m_content->sessionWidget(url);
     const bool started = view_next();
     execHook(QStringLiteral("session-start"));
@@ -416,6 +396,7 @@ void Dispatcher::startInlineRemote()
         return;
     // It replaces the current item; its end comes back through next(), which goes on with the
     // show.
+    m_next->discard();
     m_nextWidget = m_content->inlineRemote();
     view_next();
 }

@@ -16,6 +16,7 @@
 #include <memory>
 
 class Cleanser;
+class NextItem;
 class CommandLineParser;
 class ContentFactory;
 class LoopDownloads;
@@ -28,7 +29,8 @@ class Settings;
 class Viewer;
 
 // The controller: decides between web session and slideshow, fetches the playlist, has every
-// loop cached, picks the next item, builds its widget and hands it to the Viewer.
+// loop cached, picks the next item, has its widget built (ahead of its turn where it can, by
+// NextItem) and hands it to the Viewer.
 class Dispatcher : public QObject
 {
     Q_OBJECT
@@ -77,12 +79,12 @@ Q_SIGNALS:
 private:
     void execHook(const QString &name);
     void startRemote();
-    QWidget *nextWidget(PlaylistItemPtr &item);
 
     Settings *m_settings;
     const CommandLineParser *m_commandLine;
     Cleanser *m_cleanser;
     ContentFactory *m_content;
+    NextItem *m_next;
     LoopDownloads *m_downloads;
     ScreensaverBlocker *m_screensaver = nullptr;
     SetUpRetry *m_retry;

@@ -85,6 +85,28 @@ PlaylistItemPtr LoopPositions::item() const
     return m_currentLoop->items.at(m_position);
 }
 
+PlaylistItemPtr LoopPositions::upcoming(PlaylistParser &parser, PlaylistLoopPtr *loop) const
+{
+    if (m_forcedLoop) {
+        const int position = (m_forcedHasOwnPosition ? m_forcedPosition
+                                                     : positionOf(loopKey(m_forcedLoop)))
+                             + 1;
+        *loop = m_forcedLoop;
+        return position < m_forcedLoop->items.size() ? m_forcedLoop->items.at(position)
+                                                     : PlaylistItemPtr();
+    }
+    *loop = parser.selectLoop(m_reference);
+    if (!*loop)
+        return PlaylistItemPtr();
+    const int position = positionOf(loopKey(*loop)) + 1;
+    if (position < (*loop)->items.size())
+        return (*loop)->items.at(position);
+    *loop = parser.selectLoop(QDateTime::currentDateTime());
+    if (!*loop || (*loop)->items.isEmpty())
+        return PlaylistItemPtr();
+    return (*loop)->items.first();
+}
+
 int LoopPositions::positionOf(int key) const
 {
     return m_positions.value(key, -1);

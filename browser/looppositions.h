@@ -36,6 +36,9 @@ public:
     PlaylistLoopPtr currentLoop() const { return m_currentLoop; }
     // The item stepped to by the last step that found one.
     PlaylistItemPtr item() const;
+    // What the next step will most likely find, and its loop, without stepping: null when the
+    // schedule decides afresh (a forced loop ending). A loop at its end starts over.
+    PlaylistItemPtr upcoming(PlaylistParser &parser, PlaylistLoopPtr *loop) const;
 
 private:
     int positionOf(int key) const;

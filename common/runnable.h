@@ -29,6 +29,8 @@ Q_SIGNALS:
     void end();
     // Content that changes in place (a PDF turning a page).
     void pageChanged();
+    // Content prepared ahead of its turn is ready to be shown at once.
+    void ready();
 };
 
 // Life cycle shared by every piece of content: start, stop, pause/resume toggle, restart, and an
@@ -51,6 +53,12 @@ public:
     void stop();
     bool pause();
     bool restart(bool stopFirst);
+
+    // Content built ahead of its turn gets ready off screen (decoded, rendered, loaded and
+    // painted), so that its start shows it at once. Content that gets ready later than its
+    // prepare() says so with notifier()->ready().
+    virtual void prepare() {}
+    virtual bool isReady() const { return true; }
 
 protected:
     virtual bool stopImpl() = 0;

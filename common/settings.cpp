@@ -35,6 +35,7 @@ const char currentVersion[] = "QFGLs6IVf1";
 const char makerHomePage[] = "https://www.vorsane.com/";
 const char launchdockConfig[] = "/home/pi/.config/launchdockrc";
 constexpr int DefaultFleetStatusInterval = 60;
+constexpr int DefaultTransitionMs = 500;
 
 // The broker's credentials never reach a log line.
 QVariant loggable(const QString &key, const QVariant &value)
@@ -169,6 +170,8 @@ void Settings::populateDefaults()
     m_values[QStringLiteral("slideshow/hide_pointer")] = true;
     m_values[Prefs::Mute] = false;
     m_values[Prefs::TvControl] = QStringLiteral("auto");
+    m_values[Prefs::Transition] = QStringLiteral("none");
+    m_values[Prefs::TransitionMs] = DefaultTransitionMs;
     m_values[QStringLiteral("slideshow/refresh_after_minutes")] = 30;
     m_values[QStringLiteral("slideshow/save_modifications")] = false;
     m_values[QStringLiteral("slideshow/stop_on_event")] = true;
@@ -351,6 +354,15 @@ qint64 Settings::webMemoryLimitMb() const
 bool Settings::webLowMemory() const
 {
     return get(Prefs::WebLowMemory).toBool();
+}
+
+int Settings::fadeMs() const
+{
+    if (get(Prefs::Transition).toString().trimmed().toLower() != QLatin1String("fade"))
+        return 0;
+    bool ok = false;
+    const int ms = get(Prefs::TransitionMs).toInt(&ok);
+    return ok && ms > 0 ? ms : DefaultTransitionMs;
 }
 
 int Settings::webDiskCacheMb() const

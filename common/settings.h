@@ -36,6 +36,8 @@ inline const QString Resize = QStringLiteral("slideshow/resize");
 inline const QString Stretch = QStringLiteral("slideshow/stretch");
 inline const QString PlaylistUrl = QStringLiteral("slideshow/url");
 inline const QString TvControl = QStringLiteral("slideshow/tv_control");
+inline const QString Transition = QStringLiteral("slideshow/transition");
+inline const QString TransitionMs = QStringLiteral("slideshow/transition_ms");
 inline const QString WebMemoryLimitMb = QStringLiteral("webpage/memory_limit_mb");
 inline const QString WebLowMemory = QStringLiteral("webpage/low_memory");
 inline const QString WebDiskCacheMb = QStringLiteral("webpage/disk_cache_mb");
@@ -91,6 +93,8 @@ public:
     bool autoScroll() const;
     bool cleanAfter() const;
     bool mute() const;
+    // Milliseconds a still item takes to fade into the next; 0 for the hard cut.
+    int fadeMs() const;
     bool resize() const;
     bool stretch() const;
     // Seconds an item without a time of its own is shown; 5 when the value is not a number.

@@ -2,11 +2,15 @@
 
 #include "browser.h"
 #include "browsereventfilter.h"
+#include "document.h"
 #include "deferreddelete.h"
 #include "exitpassworddialog.h"
+#include "gif.h"
+#include "image.h"
 #include "filemanagertakeover.h"
 #include "installpaths.h"
 #include "panelmanager.h"
+#include "pdf.h"
 #include "playlisteventfilter.h"
 #include "playlistitem.h"
 #include "pointerhider.h"
@@ -24,13 +28,52 @@
 #include <QCoreApplication>
 #include <QDebug>
 #include <QEventLoop>
+#include <QGraphicsOpacityEffect>
+#include <QLabel>
 #include <QMouseEvent>
+#include <QPropertyAnimation>
 #include <QScreen>
 #include <QSettings>
 #include <QShortcut>
+#include <QStackedLayout>
 
 namespace {
 const char textTemplateUrl[] = "file://" VORSANE_DATA_DIR "/text.html";
+
+// Content drawn in the program's own window, which a picture of it stands for.
+bool still(const QWidget *w)
+{
+    return qobject_cast<const Image *>(w) || qobject_cast<const Gif *>(w)
+           || qobject_cast<const PDF *>(w) || qobject_cast<const Webpage *>(w)
+           || qobject_cast<const Document *>(w);
+}
+
+// With slideshow/transition=fade, a picture of the outgoing item, to lay over the incoming one
+// and fade out; null for a hard cut.
+QLabel *fadeCover(QWidget *viewer, QWidget *outgoing, QWidget *incoming)
+{
+    if (Settings::load(false, nullptr)->fadeMs() <= 0 || !outgoing || outgoing == incoming
+        || !still(outgoing) || !still(incoming))
+        return nullptr;
+    auto *cover = new QLabel(viewer);
+    cover->setPixmap(outgoing->grab());
+    cover->setGeometry(outgoing->geometry());
+    return cover;
+}
+
+void fadeOut(QLabel *cover)
+{
+    auto *effect = new QGraphicsOpacityEffect(cover);
+    cover->setGraphicsEffect(effect);
+    cover->show();
+    cover->raise();
+    auto *animation = new QPropertyAnimation(effect, "opacity", cover);
+    animation->setDuration(Settings::load(false, nullptr)->fadeMs());
+    animation->setStartValue(1.0);
+    animation->setEndValue(0.0);
+    QObject::connect(animation, &QPropertyAnimation::finished, cover, &QObject::deleteLater);
+    animation->start();
+}
 } // namespace
 
 Viewer::Viewer(QWidget *parent)
@@ -47,6 +90,9 @@ Viewer::Viewer(QWidget *parent)
     m_unlockTimer.setSingleShot(true);
     connect(&m_unlockTimer, &QTimer::timeout, this, &Viewer::unlockPlaylistEventFilter);
     connect(this, &QStackedWidget::currentChanged, this, &Viewer::on_currentChanged);
+    // Every widget of the stack stays shown, the current one on top: the next item waits
+    // underneath, rendered, and its turn only raises it.
+    static_cast<QStackedLayout *>(layout())->setStackingMode(QStackedLayout::StackAll);
 
     loadWindowSettings();
     setShortcuts();
@@ -127,9 +173,36 @@ bool Viewer::next(QWidget *w)
     return started;
 }
 
+bool Viewer::addLowered(QWidget *w)
+{
+    if (!currentWidget())
+        return false;
+    addWidget(w);
+    w->lower();
+    blacken(w);
+    w->show();
+    return true;
+}
+
+void Viewer::removeLowered(QWidget *w)
+{
+    w->hide();
+    removeWidget(w);
+}
+
+void Viewer::blacken(QWidget *w)
+{
+    QPalette palette = w->palette();
+    palette.setBrush(QPalette::All, QPalette::Window, QBrush(Qt::black));
+    w->setPalette(palette);
+    w->setAutoFillBackground(true);
+}
+
 bool Viewer::replace(QWidget *w)
 {
-    addWidget(w);
+    // Content prepared ahead is on the stack already.
+    if (indexOf(w) < 0)
+        addWidget(w);
     w->setMouseTracking(true);
 
     if (auto *browser = qobject_cast<Browser *>(w)) {
@@ -172,20 +245,24 @@ bool Viewer::replace(QWidget *w)
     m_playlistFilter->setLocked(true);
     m_unlockTimer.start(1000);
 
+    QLabel *cover = fadeCover(this, m_currentWidget, w);
     setCurrentWidget(w);
-    QPalette palette = w->palette();
-    palette.setBrush(QPalette::All, QPalette::Window, QBrush(Qt::black));
-    w->setPalette(palette);
-    w->setAutoFillBackground(true);
+    blacken(w);
     w->show();
 
     const bool started = runnable && runnable->start();
-    if (!started)
+    if (!started) {
+        delete cover;
         return false;
+    }
+    if (cover)
+        fadeOut(cover);
     if (m_currentWidget && m_currentWidget != w) {
         if (Runnable *previous = Runnable::of(m_currentWidget))
             previous->stop();
         removeWidget(m_currentWidget);
+        // The stack leaves its widgets shown; a video's own window would stay over the next item.
+        m_currentWidget->hide();
     }
     m_currentWidget = w;
     return true;
@@ -269,6 +346,9 @@ Webpage *Viewer::startPage(const QString &url, int seconds)
     const int level = currentLoopLevel();
     connect(page, &Webpage::end, this, [this, page, level] {
         removeWidget(page);
+        // The stack would make any of its widgets current, the one prepared ahead included.
+        if (m_currentWidget && indexOf(m_currentWidget) >= 0)
+            setCurrentWidget(m_currentWidget);
         deleteAfterLoops(page, level);
     });
     page->start();

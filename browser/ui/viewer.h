@@ -33,6 +33,10 @@ public:
     bool sessionTimerActive() const { return m_sessionTimer.isActive(); }
     // Clicks on content are swallowed for a moment after every change of content.
     bool playlistFilterLocked() const;
+    // Content made ready ahead of its turn waits on the stack under the current content, shown
+    // (a web view renders only while shown). False when there is no current content to hide it.
+    bool addLowered(QWidget *w);
+    void removeLowered(QWidget *w);
 
 Q_SIGNALS:
     void end();
@@ -77,6 +81,7 @@ private:
     bool displayMode() const;
     Webpage *startPage(const QString &url, int seconds);
     bool replace(QWidget *w);
+    void blacken(QWidget *w);
 
     Settings *m_settings;
     QTimer m_sessionTimer;

@@ -10,6 +10,8 @@
 #include <QRegularExpression>
 #include <QUrl>
 
+#include <utility>
+
 Document::Document(PlaylistItem *item, QWidget *parent)
     : WebView(parent)
     , Runnable(item->duration)
@@ -57,7 +59,26 @@ bool Document::stopImpl()
     return true;
 }
 
+void Document::prepare()
+{
+    if (m_prepared)
+        return;
+    whenShowable([this] {
+        m_ready = true;
+        emit notifier()->ready();
+    });
+    m_prepared = loadDocument();
+}
+
 bool Document::startImpl()
+{
+    // A document prepared ahead is laid out already.
+    if (std::exchange(m_prepared, false))
+        return true;
+    return loadDocument();
+}
+
+bool Document::loadDocument()
 {
     QString base = QLatin1String("file://") + StatePaths::dataDir() + QLatin1Char('/');
     QFile file(m_location.mid(7));

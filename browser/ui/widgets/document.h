@@ -26,6 +26,8 @@ Q_SIGNALS:
 protected:
     void mousePressEvent(QMouseEvent *event) override;
 
+    void prepare() override;
+    bool isReady() const override { return m_ready; }
     bool stopImpl() override;
     bool startImpl() override;
     bool onTimeoutImpl() override;
@@ -33,5 +35,9 @@ protected:
     bool resumeImpl() override;
 
 private:
+    bool loadDocument();
+
     QString m_location;
+    bool m_prepared = false;
+    bool m_ready = false;
 };

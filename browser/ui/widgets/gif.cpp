@@ -62,6 +62,13 @@ void Gif::displayGif()
     setMovie(m_movie);
 }
 
+void Gif::prepare()
+{
+    // A movie that has not started shows nothing: its first frame is read ahead.
+    if (m_movie && m_movie->isValid())
+        m_movie->jumpToFrame(0);
+}
+
 bool Gif::stopImpl()
 {
     if (QMovie *movie = m_movie.data()) {

@@ -26,6 +26,7 @@ Q_SIGNALS:
     void rightclick();
 
 protected:
+    void prepare() override;
     bool stopImpl() override;
     bool startImpl() override;
     bool onTimeoutImpl() override;

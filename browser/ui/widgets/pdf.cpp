@@ -17,6 +17,7 @@
 
 #include <cmath>
 #include <memory>
+#include <utility>
 
 namespace {
 const double renderDpi = 100.0;
@@ -128,8 +129,16 @@ bool PDF::stopImpl()
     return true;
 }
 
+void PDF::prepare()
+{
+    if (m_page < 0)
+        m_firstPageReady = nextPage();
+}
+
 bool PDF::startImpl()
 {
+    if (std::exchange(m_firstPageReady, false))
+        return true;
     return nextPage();
 }
 

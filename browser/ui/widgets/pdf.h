@@ -35,6 +35,7 @@ Q_SIGNALS:
 protected:
     void mousePressEvent(QMouseEvent *event) override;
 
+    void prepare() override;
     bool stopImpl() override;
     bool startImpl() override;
     bool onTimeoutImpl() override;
@@ -45,6 +46,8 @@ private:
     QString m_path;
     std::unique_ptr<Poppler::Document> m_document;
     int m_page = -1;
+    // The first page is rendered ahead, while another item shows.
+    bool m_firstPageReady = false;
     QPixmap m_pixmap;
     float m_areaWidth = 0;
     float m_areaHeight = 0;

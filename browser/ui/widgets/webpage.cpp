@@ -18,6 +18,8 @@
 #include <QMouseEvent>
 #include <QPointer>
 
+#include <utility>
+
 namespace {
 const char templatePath[] = VORSANE_DATA_DIR "/template.html";
 const char networkErrorText[] = QT_TRANSLATE_NOOP(
@@ -79,12 +81,12 @@ Webpage::Webpage(PlaylistItem *item, QWidget *parent)
 
     setPageBackground(Qt::black);
 
-    if (m_settings->autoScroll() || autoScrollRequested) {
+    m_autoScroll = m_settings->autoScroll() || autoScrollRequested;
+    if (m_autoScroll) {
         connect(&m_delayTimer, &QTimer::timeout, this, &Webpage::startScroll);
         connect(&m_scrollTimer, &QTimer::timeout, this, &Webpage::autoScroll);
         // A coarse timer may fire early; the page must stay still for the whole delay.
         m_delayTimer.setTimerType(Qt::PreciseTimer);
-        m_delayTimer.start(scrollDelayMs);
     }
 }
 
@@ -240,7 +242,21 @@ bool Webpage::stopImpl()
     return true;
 }
 
-bool Webpage::startImpl()
+void Webpage::prepare()
+{
+    if (m_prepared)
+        return;
+    m_prepared = true;
+    // Loaded while another item shows: its sound waits for its turn.
+    setAudioMuted(true);
+    whenShowable([this] {
+        m_ready = true;
+        emit notifier()->ready();
+    });
+    startLoad();
+}
+
+void Webpage::startLoad()
 {
     if (Watchdog::stalledRecently(m_url)) {
         qWarning().noquote() << QStringLiteral("Showing %1 without scripts: they held the "
@@ -250,6 +266,17 @@ bool Webpage::startImpl()
     }
     watchForStalls(m_url);
     load(m_url);
+}
+
+bool Webpage::startImpl()
+{
+    // A page prepared ahead is loaded already; any other start loads it afresh.
+    if (std::exchange(m_prepared, false))
+        setAudioMuted(false);
+    else
+        startLoad();
+    if (m_autoScroll && !m_scrollTimer.isActive())
+        m_delayTimer.start(scrollDelayMs);
     return true;
 }
 

@@ -25,6 +25,8 @@ public:
 
     void displayHTML(PlaylistItem *item);
     bool eventFilter(QObject *watched, QEvent *event) override;
+    void prepare() override;
+    bool isReady() const override { return m_ready; }
 
 Q_SIGNALS:
     void end();
@@ -49,6 +51,7 @@ protected:
 private:
     void applyOptions(bool *autoScrollRequested);
     void onRendererGone();
+    void startLoad();
 
     CustomQWebPage *m_page;
     Settings *m_settings;
@@ -63,4 +66,7 @@ private:
     int m_scrollY = 0;
     int m_scrollX = 0;
     bool m_reloadedAfterRendererLoss = false;
+    bool m_autoScroll = false;
+    bool m_prepared = false;
+    bool m_ready = false;
 };

@@ -16,6 +16,12 @@
 #include <QWebEngineSettings>
 
 namespace {
+// A page's frame is drawn once two animation frames have run in it; the compositor takes a
+// little longer to put it on the screen.
+const int paintPollMs = 16;
+const int paintPolls = 120;
+const int compositorMarginMs = 50;
+
 QWebEnginePage::WebAction webAction(WebView::Action action)
 {
     switch (action) {
@@ -145,6 +151,42 @@ void WebView::runScript(const QString &source, const std::function<void(const QV
         page()->runJavaScript(source, QWebEngineScript::ApplicationWorld, done);
     else
         page()->runJavaScript(source, QWebEngineScript::ApplicationWorld);
+}
+
+void WebView::whenShowable(const std::function<void()> &done)
+{
+    auto connection = std::make_shared<QMetaObject::Connection>();
+    *connection = connect(this, &QWebEngineView::loadFinished, this, [this, connection, done] {
+        disconnect(*connection);
+        runScript(QStringLiteral("window.vorsanePainted = false; requestAnimationFrame(function() {"
+                                 " requestAnimationFrame(function() { window.vorsanePainted = true; });"
+                                 " });"));
+        pollPainted(paintPolls, done);
+    });
+}
+
+void WebView::pollPainted(int pollsLeft, const std::function<void()> &done)
+{
+    QPointer<WebView> self(this);
+    runScript(QStringLiteral("window.vorsanePainted === true"),
+              [self, pollsLeft, done](const QVariant &painted) {
+                  if (!self)
+                      return;
+                  // A page that never gets a frame drawn is not waited for forever.
+                  if (painted.toBool() || pollsLeft <= 0) {
+                      QTimer::singleShot(compositorMarginMs, self, done);
+                      return;
+                  }
+                  QTimer::singleShot(paintPollMs, self, [self, pollsLeft, done] {
+                      if (self)
+                          self->pollPainted(pollsLeft - 1, done);
+                  });
+              });
+}
+
+void WebView::setAudioMuted(bool muted)
+{
+    page()->setAudioMuted(muted);
 }
 
 void WebView::setScriptsEnabled(bool enabled)

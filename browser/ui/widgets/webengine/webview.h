@@ -51,6 +51,11 @@ public:
     void setScrollBarsVisible(bool visible);
     // The colour of a page that paints no background of its own.
     void setPageBackground(const QColor &colour);
+    // done() once the load under way has finished and its first frames are on the screen (the
+    // view shown, possibly under other widgets); not at all once the view is gone.
+    void whenShowable(const std::function<void()> &done);
+    // Silences the page's sound (a page made ready before its turn), or gives it back.
+    void setAudioMuted(bool muted);
 
     // Events that reach the page (mouse, keys, touch) go through this filter first, also on
     // widgets the engine puts inside the view.
@@ -83,6 +88,7 @@ private:
     struct Probe;
 
     void filterChild(QObject *child);
+    void pollPainted(int pollsLeft, const std::function<void()> &done);
 
     QList<QPointer<QObject>> m_inputFilters;
     QList<QPointer<QObject>> m_filteredChildren;

@@ -13,6 +13,8 @@
 #include <QWebHistory>
 #include <QWebSettings>
 
+#include <memory>
+
 namespace {
 QWebPage::WebAction webAction(WebView::Action action)
 {
@@ -33,6 +35,10 @@ QWebPage::WebAction webAction(WebView::Action action)
 WebView::WebView(QWidget *parent)
     : QWebView(parent)
 {
+    connect(this, &QWebView::loadFinished, this, [this] {
+        if (m_audioMuted)
+            applyAudioMuted();
+    });
 }
 
 WebView::~WebView() = default;
@@ -93,6 +99,34 @@ void WebView::runScript(const QString &source, const std::function<void(const QV
     const QVariant result = page()->mainFrame()->evaluateJavaScript(source);
     if (done)
         done(result);
+}
+
+void WebView::whenShowable(const std::function<void()> &done)
+{
+    // The page is painted in this process, from its layout, whenever the view is.
+    auto connection = std::make_shared<QMetaObject::Connection>();
+    *connection = connect(this, &QWebView::loadFinished, this, [connection, done] {
+        QObject::disconnect(*connection);
+        done();
+    });
+}
+
+void WebView::setAudioMuted(bool muted)
+{
+    m_audioMuted = muted;
+    applyAudioMuted();
+}
+
+void WebView::applyAudioMuted()
+{
+    // The engine has no switch for a page's sound: its media elements are muted one by one, and
+    // only those muted here are given their sound back.
+    page()->mainFrame()->evaluateJavaScript(
+        QStringLiteral("Array.prototype.forEach.call(document.querySelectorAll('audio, video'),"
+                       " function(e) {"
+                       " if (%1) { if (!e.muted) { e.muted = true; e.vorsaneMuted = true; } }"
+                       " else if (e.vorsaneMuted) { e.muted = false; e.vorsaneMuted = false; } });")
+            .arg(m_audioMuted ? QStringLiteral("true") : QStringLiteral("false")));
 }
 
 void WebView::setScriptsEnabled(bool enabled)

@@ -43,6 +43,11 @@ public:
     void setScrollBarsVisible(bool visible);
     // The colour of a page that paints no background of its own.
     void setPageBackground(const QColor &colour);
+    // done() once the load under way has finished and its first frames are on the screen (the
+    // view shown, possibly under other widgets); not at all once the view is gone.
+    void whenShowable(const std::function<void()> &done);
+    // Silences the page's sound (a page made ready before its turn), or gives it back.
+    void setAudioMuted(bool muted);
     // Prints the page; printFinished() follows.
     void print(QPrinter *printer);
 
@@ -76,5 +81,8 @@ protected:
     void changeEvent(QEvent *event) override;
 
 private:
+    void applyAudioMuted();
+
     QColor m_pageBackground;
+    bool m_audioMuted = false;
 };

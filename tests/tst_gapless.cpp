@@ -1,0 +1,220 @@
+#include "kioskprocess.h"
+#include "testsupport.h"
+
+#include <QElapsedTimer>
+#include <QGuiApplication>
+#include <QScreen>
+#include <QtTest>
+
+using namespace testsupport;
+
+namespace {
+const QColor grey(128, 128, 128);
+const QColor red(Qt::red);
+const QColor green(Qt::green);
+const QColor blue(Qt::blue);
+const QColor yellow(Qt::yellow);
+
+bool sameColour(const QColor &a, const QColor &b)
+{
+    return a.isValid() && qAbs(a.red() - b.red()) <= 24 && qAbs(a.green() - b.green()) <= 24
+           && qAbs(a.blue() - b.blue()) <= 24;
+}
+
+// The centre of the real screen, as a viewer sees it now.
+QColor centre()
+{
+    QScreen *screen = QGuiApplication::primaryScreen();
+    const QPoint point = screen->geometry().center();
+    return screen->grabWindow(0, point.x(), point.y(), 1, 1).toImage().pixelColor(0, 0);
+}
+
+// The program over the whole screen, in a frameless window of its own.
+QByteArray wholeScreen(const QByteArray &slideshow = QByteArray())
+{
+    const QSize size = QGuiApplication::primaryScreen()->geometry().size();
+    return QStringLiteral("fullscreen=false\nfixedscreen=true\nlargeur_edit=%1\nhauteur_edit=%2\n"
+                          "[slideshow]\nhide_pointer=false\n")
+               .arg(size.width())
+               .arg(size.height())
+               .toUtf8()
+           + slideshow;
+}
+
+// Every colour the centre passes through from one colour to the other, polled as fast as the X
+// server answers; arrived tells whether the second one came.
+QList<QColor> coloursBetween(const QColor &from, const QColor &to, bool *arrived)
+{
+    QList<QColor> between;
+    QElapsedTimer clock;
+    clock.start();
+    QColor now = centre();
+    while (!sameColour(now, to) && clock.elapsed() < 10000) {
+        if (!sameColour(now, from) && !between.contains(now))
+            between << now;
+        QCoreApplication::processEvents();
+        now = centre();
+    }
+    *arrived = sameColour(now, to);
+    return between;
+}
+
+QString names(const QList<QColor> &colours)
+{
+    QStringList list;
+    for (const QColor &colour : colours)
+        list << colour.name();
+    return list.join(' ');
+}
+
+// A colour on the way from red to blue: as much less red as it has more blue.
+bool redBlueBlend(const QColor &colour)
+{
+    const double red = colour.redF();
+    return colour.green() <= 24 && qAbs(colour.blueF() - (1.0 - red)) <= 0.12;
+}
+
+bool screenShows(const QColor &colour, int timeoutMs = 15000)
+{
+    return QTest::qWaitFor([&] { return sameColour(centre(), colour); }, timeoutMs);
+}
+
+// An item of that kind showing one colour for that long; its files go to HOME/media.
+QByteArray item(KioskProcess &kiosk, const QString &kind, const QColor &colour, int seconds)
+{
+    const QString base = kiosk.home().filePath("media/" + kind + colour.name().mid(1));
+    const QByteArray page = "<html><body style=\"margin:0;background:" + colour.name().toLatin1()
+                            + "\"><p>Opening hours</p></body></html>\n";
+    if (kind == "image")
+        return xmlItem("file://" + kiosk.picture(kind + colour.name().mid(1) + ".png", colour),
+                       kind, seconds);
+    if (kind == "pdf") {
+        makePdf(base + ".pdf", {colour});
+        return xmlItem("file://" + base + ".pdf", kind, seconds);
+    }
+    writeFile(base + ".html", page);
+    return xmlItem("file://" + base + ".html", kind, seconds);
+}
+} // namespace
+
+// The real program under Xvfb, its screen read pixel by pixel: the item after the current one
+// is made ready ahead, and the show passes from one to the other with nothing in between.
+class TestGapless : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void orderChange_data();
+    void orderChange();
+    void boundary_data();
+    void boundary();
+    void fade_data();
+    void fade();
+};
+
+void TestGapless::orderChange_data()
+{
+    QTest::addColumn<QByteArray>("command");
+    QTest::addColumn<QColor>("shown");
+    QTest::addColumn<bool>("preparedUsed");
+
+    // Positions count the demo picture after the first item: red, demo, green, blue, yellow.
+    QTest::newRow("next") << QByteArray(R"({"action": 1})") << blue << true;
+    QTest::newRow("go to the prepared item")
+        << QByteArray(R"({"action": 2, "data": {"index": 3, "loop": 0}})") << blue << true;
+    QTest::newRow("go to a later item")
+        << QByteArray(R"({"action": 2, "data": {"index": 4, "loop": 0}})") << yellow << false;
+    QTest::newRow("go to an earlier item")
+        << QByteArray(R"({"action": 2, "data": {"index": 0, "loop": 0}})") << red << false;
+}
+
+void TestGapless::orderChange()
+{
+    QFETCH(QByteArray, command);
+    QFETCH(QColor, shown);
+    QFETCH(bool, preparedUsed);
+
+    KioskProcess kiosk;
+    const QByteArray items = item(kiosk, "image", red, 60) + item(kiosk, "image", green, 60)
+                             + item(kiosk, "image", blue, 60) + item(kiosk, "image", yellow, 60);
+    QVERIFY(kiosk.start(schedule(xmlLoop("id=\"0\"", items)), wholeScreen()));
+    QVERIFY2(screenShows(red), kiosk.log().right(3000));
+
+    kiosk.sendDatagram(R"({"action": 2, "data": {"index": 2, "loop": 0}})");
+    QVERIFY2(screenShows(green, 5000), kiosk.log().right(3000));
+    const QByteArray blueFile = kiosk.home().filePath("pics/image0000ff.png").toUtf8();
+    QVERIFY2(kiosk.waitForLog("Preparing \"file://" + blueFile), kiosk.log().right(3000));
+
+    kiosk.sendDatagram(command);
+    QVERIFY2(screenShows(shown, 5000), kiosk.log().right(3000));
+    const bool used = kiosk.waitForLog("Showing the item prepared ahead", 2000);
+    if (used != preparedUsed)
+        qWarning().noquote() << kiosk.log().right(3000);
+    QCOMPARE(used, preparedUsed);
+    // The right item stays: nothing else takes the screen after it.
+    QVERIFY(!QTest::qWaitFor([&] { return !sameColour(centre(), shown); }, 1500));
+    QCOMPARE(kiosk.interrupt(), 2);
+}
+
+void TestGapless::boundary_data()
+{
+    QTest::addColumn<QString>("from");
+    QTest::addColumn<QString>("to");
+
+    QTest::newRow("picture to web page") << "image" << "url";
+    QTest::newRow("picture to text document") << "image" << "document";
+    QTest::newRow("web page to PDF") << "url" << "pdf";
+}
+
+void TestGapless::boundary()
+{
+    QFETCH(QString, from);
+    QFETCH(QString, to);
+
+    KioskProcess kiosk;
+    // The demo picture comes after the first item: the second and third follow each other.
+    const QByteArray items = item(kiosk, "image", grey, 1) + item(kiosk, from, red, 2)
+                             + item(kiosk, to, blue, 60);
+    QVERIFY(kiosk.start(schedule(xmlLoop("id=\"0\"", items)), wholeScreen()));
+    QVERIFY2(screenShows(red, 20000), kiosk.log().right(3000));
+
+    bool arrived = false;
+    const QList<QColor> between = coloursBetween(red, blue, &arrived);
+    QVERIFY2(arrived, kiosk.log().right(3000));
+    QVERIFY2(between.isEmpty(), qPrintable("seen between the items: " + names(between)));
+    QCOMPARE(kiosk.interrupt(), 2);
+}
+
+void TestGapless::fade_data()
+{
+    QTest::addColumn<QString>("from");
+    QTest::addColumn<QString>("to");
+
+    QTest::newRow("picture to web page") << "image" << "url";
+    QTest::newRow("web page to PDF") << "url" << "pdf";
+}
+
+void TestGapless::fade()
+{
+    QFETCH(QString, from);
+    QFETCH(QString, to);
+
+    KioskProcess kiosk;
+    const QByteArray items = item(kiosk, "image", grey, 1) + item(kiosk, from, red, 2)
+                             + item(kiosk, to, blue, 60);
+    QVERIFY(kiosk.start(schedule(xmlLoop("id=\"0\"", items)),
+                        wholeScreen("transition=fade\ntransition_ms=1500\n")));
+    QVERIFY2(screenShows(red, 20000), kiosk.log().right(3000));
+
+    bool arrived = false;
+    const QList<QColor> between = coloursBetween(red, blue, &arrived);
+    QVERIFY2(arrived, kiosk.log().right(3000));
+    // Several steps of the way, and nothing that is not on it (black, white).
+    QVERIFY2(between.size() >= 3, qPrintable("seen between the items: " + names(between)));
+    for (const QColor &colour : between)
+        QVERIFY2(redBlueBlend(colour), qPrintable("seen between the items: " + names(between)));
+    QCOMPARE(kiosk.interrupt(), 2);
+}
+
+QTEST_MAIN(TestGapless)
+#include "tst_gapless.moc"
