@@ -152,8 +152,7 @@ void Cleanser::check()
 
 void Cleanser::clean()
 {
-    const bool expire
-        = m_settings && m_settings->cleanAfter();
+    const bool expire = m_settings && m_settings->cleanAfter();
     // What the kept playlists still name stays, however old: while the server cannot be reached
     // it is all the show has.
     const QSet<QString> inUse = expire ? namesInUse() : QSet<QString>();
@@ -240,8 +239,8 @@ QSet<QString> Cleanser::namesInUse() const
         QFile file(path);
         if (!file.open(QIODevice::ReadOnly))
             continue;
-        const QByteArray bytes = file.read(PlaylistParser::MaxDocumentBytes + 1);
-        if (bytes.size() > PlaylistParser::MaxDocumentBytes)
+        const QByteArray bytes = file.read(PlaylistParser::maxDocumentBytes() + 1);
+        if (bytes.size() > PlaylistParser::maxDocumentBytes())
             continue;
         const QStringList addresses = addressesIn(QString::fromUtf8(bytes));
         for (const QString &address : addresses)

@@ -1,6 +1,7 @@
 #include "playlistparser.h"
 
 #include "flatplaylistparser.h"
+#include "settings.h"
 #include "statepaths.h"
 #include "utils.h"
 #include "xmlplaylistparser.h"
@@ -35,10 +36,11 @@ bool readLimited(const QString &path, QByteArray &bytes)
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return false;
-    bytes = file.read(PlaylistParser::MaxDocumentBytes + 1);
-    if (bytes.size() > PlaylistParser::MaxDocumentBytes) {
-        qWarning() << "Playlist" << path << "rejected: larger than"
-                   << PlaylistParser::MaxDocumentBytes / (1024 * 1024) << "MB";
+    const qint64 limit = PlaylistParser::maxDocumentBytes();
+    bytes = file.read(limit + 1);
+    if (bytes.size() > limit) {
+        qWarning() << "Playlist" << path << "rejected: larger than" << limit / (1024 * 1024)
+                   << "MB";
         bytes.clear();
         return false;
     }
@@ -68,13 +70,12 @@ void showOffline(QWidget *widget)
     if (widget)
         widget->hide();
     if (qobject_cast<QApplication *>(QCoreApplication::instance())) {
-        QMessageBox::critical(nullptr,
-                              QCoreApplication::translate("PlaylistParser", "Network unreachable"),
-                              QCoreApplication::translate(
-                                  "PlaylistParser",
-                                  "Vorsane Kiosk is Offline.\nPlease select local playlist "
-                                  "option or connect the system to a network."),
-                              QMessageBox::Ok);
+        QMessageBox::critical(
+            nullptr, QCoreApplication::translate("PlaylistParser", "Network unreachable"),
+            QCoreApplication::translate("PlaylistParser",
+                                        "Vorsane Kiosk is Offline.\nPlease select local playlist "
+                                        "option or connect the system to a network."),
+            QMessageBox::Ok);
     }
     // Queued, so that it also ends an event loop that has not started yet. exit(), not quit():
     // Qt 6's quit() is ignored until the application's own loop runs.
@@ -165,9 +166,14 @@ PlaylistParser *PlaylistParser::fromKeptCopy(int defaultDuration)
     return nullptr;
 }
 
+qint64 PlaylistParser::maxDocumentBytes()
+{
+    return Settings::load(false, nullptr)->playlistMaxBytes();
+}
+
 bool PlaylistParser::isPlaylist(const QString &text)
 {
-    if (text.size() > MaxDocumentBytes)
+    if (text.size() > maxDocumentBytes())
         return false;
     int loops = 0;
     switch (XmlPlaylistParser::inspect(text, &loops)) {
@@ -195,13 +201,14 @@ QString PlaylistParser::fetch(const QUrl &url, QWidget *widget, bool &offlineCop
     QNetworkReply *reply = manager.get(request);
     // A body beyond the limit is not held in memory: the transfer stops as soon as it is known.
     bool tooLarge = false;
-    connect(reply, &QNetworkReply::downloadProgress, reply, [reply, &tooLarge](qint64 received,
-                                                                                qint64 total) {
-        if (!tooLarge && (received > MaxDocumentBytes || total > MaxDocumentBytes)) {
-            tooLarge = true;
-            reply->abort();
-        }
-    });
+    const qint64 limit = maxDocumentBytes();
+    connect(reply, &QNetworkReply::downloadProgress, reply,
+            [reply, &tooLarge, limit](qint64 received, qint64 total) {
+                if (!tooLarge && (received > limit || total > limit)) {
+                    tooLarge = true;
+                    reply->abort();
+                }
+            });
     QEventLoop loop;
     connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
     // The idle limit alone lets a server that sends a byte now and then hold the fetch for good.
@@ -226,7 +233,7 @@ QString PlaylistParser::fetch(const QUrl &url, QWidget *widget, bool &offlineCop
     QString text;
     if (tooLarge) {
         qWarning() << "Playlist from" << url.toString() << "rejected: larger than"
-                   << MaxDocumentBytes / (1024 * 1024) << "MB";
+                   << limit / (1024 * 1024) << "MB";
         offlineCopy = true;
         if (!readUtf8(oldPath, text) || text.isEmpty())
             text = emptySchedule();

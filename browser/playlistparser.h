@@ -33,7 +33,7 @@ public:
     static QString offlineCopyPath();
 
     // Limits on a playlist document: larger or deeper documents are rejected, not parsed.
-    static constexpr qint64 MaxDocumentBytes = 16 * 1024 * 1024;
+    static qint64 maxDocumentBytes();
     static constexpr int MaxDocumentDepth = 64;
     // A content server's playlist must have arrived whole within this, however it trickles.
     static constexpr int FetchDeadlineMs = 120000;

@@ -35,6 +35,7 @@ const char currentVersion[] = "QFGLs6IVf1";
 const char makerHomePage[] = "https://www.vorsane.com/";
 const char launchdockConfig[] = "/home/pi/.config/launchdockrc";
 constexpr int DefaultFleetStatusInterval = 60;
+constexpr int DefaultPlaylistMaxMb = 16;
 constexpr int DefaultTransitionMs = 500;
 
 // The broker's credentials never reach a log line.
@@ -177,6 +178,7 @@ void Settings::populateDefaults()
     m_values[QStringLiteral("slideshow/stop_on_event")] = true;
     m_values[QStringLiteral("slideshow/show_address")] = true;
     m_values[Prefs::CleanAfter] = false;
+    m_values[Prefs::PlaylistMaxMb] = DefaultPlaylistMaxMb;
     m_values[QStringLiteral("slideshow/usb_auto")] = false;
     m_values[QStringLiteral("slideshow/shuffle")] = false;
     m_values[QStringLiteral("slideshow/use_remote")] = false;
@@ -333,6 +335,13 @@ bool Settings::autoScroll() const
 bool Settings::cleanAfter() const
 {
     return get(Prefs::CleanAfter).toBool();
+}
+
+qint64 Settings::playlistMaxBytes() const
+{
+    bool ok = false;
+    const int mb = get(Prefs::PlaylistMaxMb).toInt(&ok);
+    return qint64(ok && mb > 0 ? mb : DefaultPlaylistMaxMb) * 1024 * 1024;
 }
 
 bool Settings::mute() const

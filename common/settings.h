@@ -31,6 +31,7 @@ inline const QString AutoScroll = QStringLiteral("slideshow/auto_scroll");
 inline const QString CleanAfter = QStringLiteral("slideshow/clean_after");
 inline const QString Mute = QStringLiteral("slideshow/mute");
 inline const QString Pages = QStringLiteral("slideshow/pages");
+inline const QString PlaylistMaxMb = QStringLiteral("slideshow/playlist_max_mb");
 inline const QString PlaylistUpdateMode = QStringLiteral("slideshow/playlist_update_mode");
 inline const QString Resize = QStringLiteral("slideshow/resize");
 inline const QString Stretch = QStringLiteral("slideshow/stretch");
@@ -93,6 +94,8 @@ public:
     bool autoScroll() const;
     bool cleanAfter() const;
     bool mute() const;
+    // The largest playlist document read, in bytes.
+    qint64 playlistMaxBytes() const;
     // Milliseconds a still item takes to fade into the next; 0 for the hard cut.
     int fadeMs() const;
     bool resize() const;

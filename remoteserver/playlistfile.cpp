@@ -25,7 +25,7 @@ enum class Shape { NotXml, Xml, TooLarge, Doctype, TooDeep };
 // passes whole as XML is parsed as XML.
 Shape shape(const QByteArray &text)
 {
-    if (text.size() > PlaylistParser::MaxDocumentBytes)
+    if (text.size() > PlaylistParser::maxDocumentBytes())
         return Shape::TooLarge;
     QXmlStreamReader reader(text);
     reader.setNamespaceProcessing(false);
@@ -54,9 +54,9 @@ QString refusal(Shape shape, const QString &source)
     switch (shape) {
     case Shape::TooLarge:
         qWarning().noquote() << "Remote server: playlist" << source << "refused: larger than"
-                             << PlaylistParser::MaxDocumentBytes << "bytes";
+                             << PlaylistParser::maxDocumentBytes() << "bytes";
         return PlaylistFile::tr("The playlist is refused: it is larger than %1 MiB.")
-            .arg(PlaylistParser::MaxDocumentBytes / (1024 * 1024));
+            .arg(PlaylistParser::maxDocumentBytes() / (1024 * 1024));
     case Shape::Doctype:
         qWarning().noquote() << "Remote server: playlist" << source
                              << "refused: it has a document type declaration (DOCTYPE)";

@@ -410,7 +410,7 @@ void RemoteServer::getLoops(const httplib::Request &, httplib::Response &respons
     QByteArray text;
     // Read up to one piece over the limit, which is enough to refuse it.
     if (file.open(QIODevice::ReadOnly)) {
-        while (text.size() <= PlaylistParser::MaxDocumentBytes && !file.atEnd()) {
+        while (text.size() <= PlaylistParser::maxDocumentBytes() && !file.atEnd()) {
             const QByteArray piece = file.read(64 * 1024);
             if (piece.isEmpty())
                 break;

@@ -57,37 +57,45 @@ void TestUntrusted::documentLimits_data()
     QTest::addColumn<QByteArray>("document");
     QTest::addColumn<int>("items");
     QTest::addColumn<QString>("logged");
+    // slideshow/playlist_max_mb; 0 leaves the default.
+    QTest::addColumn<int>("maxMb");
     const QByteArray loop = "<loop id='0'><i uri='http://x/' type='url'/></loop>";
     QTest::newRow("schedule nested 50,000 deep")
-        << "<schedule>" + QByteArray("<a>").repeated(50000) + loop << 0 << "nested deeper";
+        << "<schedule>" + QByteArray("<a>").repeated(50000) + loop << 0 << "nested deeper" << 0;
     QTest::newRow("schedule nested 64 deep is read")
         << "<schedule>" + QByteArray("<a>").repeated(61) + loop + QByteArray("</a>").repeated(61)
                + "</schedule>"
-        << 1 << QString();
+        << 1 << QString() << 0;
     QTest::newRow("schedule nested 65 deep")
         << "<schedule>" + QByteArray("<a>").repeated(62) + loop + QByteArray("</a>").repeated(62)
                + "</schedule>"
-        << 0 << "nested deeper than 64 levels";
+        << 0 << "nested deeper than 64 levels" << 0;
     QTest::newRow("playlist larger than 16 MB")
         << "#Vorsane playlist\n#" + QByteArray(17 * 1024 * 1024, 'x') + "\nhttp://x/ 5\n"
-        << 0 << "larger than 16 MB";
+        << 0 << "larger than 16 MB" << 0;
+    QTest::newRow("playlist larger than a limit of 1 MB")
+        << "#Vorsane playlist\n#" + QByteArray(2 * 1024 * 1024, 'x') + "\nhttp://x/ 5\n"
+        << 0 << "larger than 1 MB" << 1;
+    QTest::newRow("playlist of 17 MB under a limit of 32 MB")
+        << "#Vorsane playlist\n#" + QByteArray(17 * 1024 * 1024, 'x') + "\nhttp://x/ 5\n"
+        << 1 << QString() << 32;
     // Half a schedule is no XML: read as a flat list, it has nothing but the USB notice.
-    QTest::newRow("half a schedule") << "<schedule>" + loop.left(30) << 1 << QString();
+    QTest::newRow("half a schedule") << "<schedule>" + loop.left(30) << 1 << QString() << 0;
     QTest::newRow("entities expanding to half a million characters")
         << QByteArray("<!DOCTYPE s [<!ENTITY a 'aaaaaaaaaa'><!ENTITY b '&a;&a;&a;&a;&a;&a;&a;&a;"
                       "&a;&a;'><!ENTITY c '&b;&b;&b;&b;&b;&b;&b;&b;&b;&b;'><!ENTITY d '&c;&c;&c;"
                       "&c;&c;&c;&c;&c;&c;&c;'><!ENTITY e '&d;&d;&d;&d;&d;&d;&d;&d;&d;&d;'>]>"
                       "<schedule><loop id='&e;&e;&e;&e;&e;'/></schedule>")
-        << 0 << "rejected: it declares a document type";
+        << 0 << "rejected: it declares a document type" << 0;
     QTest::newRow("entity naming a local file")
         << QByteArray("<?xml version='1.0'?><!DOCTYPE schedule [<!ENTITY f SYSTEM "
                       "'file:///etc/passwd'>]><schedule><loop id='0'><i uri='http://x/&f;' "
                       "type='url'/></loop></schedule>")
-        << 0 << "rejected: it declares a document type";
+        << 0 << "rejected: it declares a document type" << 0;
     // The line names something that cannot be found under that name; the others play.
     QTest::newRow("flat line that is not UTF-8")
         << QByteArray("#Vorsane playlist\nhttp://x/caf\xe9 5\nhttp://y/ 5\n") << 1
-        << "Playlist line 2 skipped: not valid UTF-8";
+        << "Playlist line 2 skipped: not valid UTF-8" << 0;
 }
 
 void TestUntrusted::documentLimits()
@@ -95,6 +103,9 @@ void TestUntrusted::documentLimits()
     QFETCH(QByteArray, document);
     QFETCH(int, items);
     QFETCH(QString, logged);
+    QFETCH(int, maxMb);
+    if (maxMb > 0)
+        Settings::load(false, nullptr)->set(Prefs::PlaylistMaxMb, maxMb);
     const QString path = m_home->filePath("playlist");
     QVERIFY(writeFile(path, document));
 

@@ -1,7 +1,6 @@
 #include "navigationfilter.h"
 
 #include "logger.h"
-#include "playlistparser.h"
 #include "settings.h"
 #include "urlpatternmatcher.h"
 
@@ -11,6 +10,9 @@
 #include <QFileInfo>
 
 namespace {
+// A pattern file this large would take minutes to compile.
+constexpr qint64 MaxRestrictionFileBytes = 16 * 1024 * 1024;
+
 struct LoadedPatterns
 {
     QString path;
@@ -36,13 +38,12 @@ void NavigationFilter::setupRegexList()
     // Opening a FIFO would wait for a writer; a huge file would take minutes to compile. Either
     // way the browser goes on with the patterns it had.
     const bool irregular = info.exists() && !info.isFile();
-    if (irregular || info.size() > PlaylistParser::MaxDocumentBytes) {
+    if (irregular || info.size() > MaxRestrictionFileBytes) {
         qWarning().noquote() << QStringLiteral("Restriction file %1 rejected: %2.")
                                     .arg(file.fileName(),
-                                         irregular
-                                             ? QStringLiteral("not a regular file")
-                                             : QStringLiteral("larger than %1 MB")
-                                                   .arg(PlaylistParser::MaxDocumentBytes >> 20));
+                                         irregular ? QStringLiteral("not a regular file")
+                                                   : QStringLiteral("larger than %1 MB")
+                                                         .arg(MaxRestrictionFileBytes >> 20));
         m_patterns = loaded.matcher && loaded.path == info.absoluteFilePath()
                          ? loaded.matcher
                          : std::make_shared<const UrlPatternMatcher>();
