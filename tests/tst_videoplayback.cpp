@@ -62,6 +62,7 @@ class TestVideoPlayback : public QObject
 
 private Q_SLOTS:
     void videoBetweenPictures();
+    void videoAfterWebPageGivesTheScreenBack();
 };
 
 // Current systems have no omxplayer, the default external player: the built-in player takes
@@ -128,6 +129,39 @@ void TestVideoPlayback::videoBetweenPictures()
              3);
     QVERIFY(!log.contains("Launching command:"));
     QVERIFY(!log.contains("Video did not start in time"));
+    QCOMPARE(kiosk.interrupt(), 2);
+}
+
+// Once a web view has been shown, the window is composed differently; a video's own window must
+// not stop it from updating. Watched on the X screen alone: a screenshot redraws the window.
+void TestVideoPlayback::videoAfterWebPageGivesTheScreenBack()
+{
+    KioskProcess kiosk;
+    // Composed with OpenGL, as on a player, not with the software scene graph other tests use.
+    kiosk.setEnvironment(QStringLiteral("QT_QUICK_BACKEND"), QString());
+    const QString page = kiosk.home().filePath(QStringLiteral("page.html"));
+    QVERIFY(writeFile(page, "<html><body style='background:#ffff00'></body></html>"));
+    const QString video = kiosk.home().filePath(QStringLiteral("video.mp4"));
+    QCOMPARE(QProcess::execute(QStringLiteral("ffmpeg"),
+                               QStringLiteral("-y -loglevel error -f lavfi -i "
+                                              "color=c=0x0000ff:size=160x120:rate=25:duration=1.5 "
+                                              "-c:v libx264 -pix_fmt yuv420p")
+                                       .split(QLatin1Char(' '))
+                                   << video),
+             0);
+    const QByteArray playlist = schedule(xmlLoop(
+        "id=\"0\"", xmlItem("file://" + page, "url", 2) + xmlItem("file://" + video, "video", 0)
+                        + xmlItem("file://" + kiosk.picture("after.png", Qt::red), "image")));
+    QVERIFY(kiosk.start(playlist, "fullscreen=true\n[slideshow]\nexternal_player=false\n"));
+
+    QStringList onXScreen;
+    const bool shown = QTest::qWaitFor(
+        [&] {
+            note(onXScreen, colourName(xScreenCentre()));
+            return showsInOrder(onXScreen, {"yellow", "blue", "red"});
+        },
+        30000);
+    QVERIFY2(shown, qPrintable(onXScreen.join(' ') + '\n' + kiosk.log().right(3000)));
     QCOMPARE(kiosk.interrupt(), 2);
 }
 

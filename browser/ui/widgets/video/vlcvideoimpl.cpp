@@ -10,6 +10,8 @@
 #include <QFileInfo>
 #include <QGuiApplication>
 #include <QMetaObject>
+#include <QMouseEvent>
+#include <QWindow>
 
 #include <utility>
 #include <vector>
@@ -68,6 +70,44 @@ Output videoOutput()
     return output;
 }
 
+// libVLC's X window. A native child widget would do, but once a web view has made the program's
+// window compose its content with OpenGL, Qt also flushes that composition into every native
+// child; a window libVLC draws into cannot take it, and the program's window stops updating
+// (the last video frame stays on the screen). A bare child window is left alone by that flush.
+// Clicks on it belong to the widget under it (right click, stop on event).
+class VideoSurface : public QWindow
+{
+public:
+    VideoSurface(QWindow *parent, QWidget *owner)
+        : QWindow(parent)
+        , m_owner(owner)
+    {
+    }
+
+protected:
+    void mousePressEvent(QMouseEvent *event) override { forward(event); }
+    void mouseReleaseEvent(QMouseEvent *event) override { forward(event); }
+    void mouseMoveEvent(QMouseEvent *event) override { forward(event); }
+
+private:
+    void forward(QMouseEvent *event)
+    {
+        if (!m_owner)
+            return;
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+        QMouseEvent copy(event->type(), event->position(), event->scenePosition(),
+                         event->globalPosition(), event->button(), event->buttons(),
+                         event->modifiers());
+#else
+        QMouseEvent copy(event->type(), event->localPos(), event->windowPos(), event->screenPos(),
+                         event->button(), event->buttons(), event->modifiers());
+#endif
+        QCoreApplication::sendEvent(m_owner, &copy);
+    }
+
+    QPointer<QWidget> m_owner;
+};
+
 // One libVLC instance serves every video for the life of the process: loading the plugins for
 // each item costs seconds on a small board, and unloading them leaves allocations behind.
 libvlc_instance_t *sharedInstance()
@@ -98,13 +138,6 @@ VLCVideoImpl::VLCVideoImpl(Video *video, PlaylistItem *item)
     Settings *settings = Settings::load(false, nullptr);
     m_stretch = settings->stretch();
     m_mute = settings->mute();
-    if (videoOutput() == Output::XWindow) {
-        // libVLC draws into a window of its own inside this widget's X window; the ancestors
-        // stay as they are.
-        video->setAttribute(Qt::WA_DontCreateNativeAncestors);
-        video->setAttribute(Qt::WA_NativeWindow);
-    }
-
     m_instance = sharedInstance();
     if (!m_instance) {
         qWarning() << "Cannot start libVLC:" << libvlc_errmsg();
@@ -142,6 +175,7 @@ VLCVideoImpl::~VLCVideoImpl()
         libvlc_media_player_release(m_player);
     }
     releaseMedia();
+    delete m_surface.data();
 }
 
 QUrl VLCVideoImpl::mediaAddress(const QString &location)
@@ -212,6 +246,7 @@ bool VLCVideoImpl::stop()
     if (m_player)
         libvlc_media_player_stop(m_player);
     releaseMedia();
+    hideSurface();
     return true;
 }
 
@@ -269,7 +304,15 @@ void VLCVideoImpl::embedInto()
 {
     if (!m_video->isVisible())
         m_video->show();
-    libvlc_media_player_set_xwindow(m_player, quint32(m_video->winId()));
+    QWidget *top = m_video->window();
+    QWindow *topWindow = top->windowHandle();
+    if (!topWindow)
+        return;
+    if (!m_surface)
+        m_surface = new VideoSurface(topWindow, m_video);
+    m_surface->setGeometry(QRect(m_video->mapTo(top, QPoint(0, 0)), m_video->size()));
+    m_surface->show();
+    libvlc_media_player_set_xwindow(m_player, quint32(m_surface->winId()));
     // Stretched, the picture takes the widget's shape; otherwise it keeps its own, fitted inside.
     const QSize area = m_video->size();
     const QByteArray aspect = m_stretch && !area.isEmpty() ? QByteArray::number(area.width()) + ':'
@@ -277,6 +320,12 @@ void VLCVideoImpl::embedInto()
                                                            : QByteArray();
     libvlc_video_set_aspect_ratio(m_player, aspect.isEmpty() ? nullptr : aspect.constData());
     libvlc_video_set_scale(m_player, 0);
+}
+
+void VLCVideoImpl::hideSurface()
+{
+    if (m_surface)
+        m_surface->hide();
 }
 
 void VLCVideoImpl::releaseMedia()

@@ -2,6 +2,7 @@
 
 #include "videoimpl.h"
 
+#include <QPointer>
 #include <QString>
 #include <QTimer>
 #include <QUrl>
@@ -10,6 +11,7 @@
 
 class PlaylistItem;
 class Video;
+class QWindow;
 struct libvlc_event_t;
 struct libvlc_instance_t;
 struct libvlc_media_player_t;
@@ -40,6 +42,7 @@ private:
     void onPlaybackOver(quint64 generation, bool failed);
     void onOpeningTimeout();
     void embedInto();
+    void hideSurface();
     void releaseMedia();
 
     Video *m_video;
@@ -47,6 +50,8 @@ private:
     libvlc_instance_t *m_instance = nullptr;
     libvlc_media_player_t *m_player = nullptr;
     libvlc_media_t *m_media = nullptr;
+    // The X window libVLC draws into: a window of its own over the widget, not the widget's.
+    QPointer<QWindow> m_surface;
 
     // Counts starts and stops, so that an event of an earlier playback is recognised as stale.
     std::atomic<quint64> m_generation{0};
