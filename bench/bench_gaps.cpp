@@ -8,25 +8,24 @@
 // are laid out so that each pair still follows directly somewhere, and a boundary that passes
 // through the demo is not counted.
 
+#include "kioskrun.h"
+
 #include <QColor>
-#include <QCoreApplication>
-#include <QDir>
 #include <QElapsedTimer>
-#include <QFile>
 #include <QGuiApplication>
 #include <QImage>
 #include <QMap>
 #include <QPainter>
 #include <QPdfWriter>
-#include <QPixmap>
 #include <QProcess>
 #include <QScreen>
-#include <QTemporaryDir>
 #include <QThread>
 
 #include <algorithm>
 #include <cstdio>
 #include <vector>
+
+using namespace kioskrun;
 
 namespace {
 
@@ -37,25 +36,12 @@ struct Kind
 };
 
 const Kind kinds[] = {
-    {"picture", QColor(220, 0, 0)},  {"GIF", QColor(0, 0, 255)},
-    {"PDF", QColor(220, 220, 0)},    {"web page", QColor(0, 200, 0)},
-    {"text", QColor(0, 200, 200)},   {"video", QColor(200, 0, 200)},
+    {"picture", QColor(220, 0, 0)},  {"GIF", QColor(0, 0, 255)},    {"PDF", QColor(220, 220, 0)},
+    {"web page", QColor(0, 200, 0)}, {"text", QColor(0, 200, 200)}, {"video", QColor(200, 0, 200)},
 };
 const int kindCount = int(sizeof(kinds) / sizeof(kinds[0]));
 // A span of another colour longer than this is the demo picture, not a gap.
 const qint64 demoSpanMs = 1500;
-
-bool write(const QString &path, const QByteArray &bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
-}
-
-bool near(QRgb pixel, const QColor &colour)
-{
-    return qAbs(qRed(pixel) - colour.red()) < 40 && qAbs(qGreen(pixel) - colour.green()) < 40
-           && qAbs(qBlue(pixel) - colour.blue()) < 40;
-}
 
 int kindOf(QRgb pixel)
 {
@@ -64,12 +50,6 @@ int kindOf(QRgb pixel)
             return i;
     }
     return -1;
-}
-
-QRgb centre(QScreen *screen)
-{
-    const QRect area = screen->geometry();
-    return screen->grabWindow(0, area.center().x(), area.center().y(), 1, 1).toImage().pixel(0, 0);
 }
 
 bool ffmpeg(const QStringList &arguments)
@@ -109,8 +89,8 @@ std::vector<int> everyPair()
 // One file per kind; the playlist entry of an item of that kind.
 QString entry(const QString &dir, int kind)
 {
-    static const char *const files[] = {"picture.png", "anim.gif", "doc.pdf",
-                                        "page.html",   "text.html", "clip.mp4"};
+    static const char *const files[]
+        = {"picture.png", "anim.gif", "doc.pdf", "page.html", "text.html", "clip.mp4"};
     static const char *const types[] = {"image", "gif", "pdf", "url", "document", "video"};
     return QString("<i uri='file://%1/%2' type='%3' time='1'/>")
         .arg(dir, QLatin1String(files[kind]), QLatin1String(types[kind]));
@@ -132,13 +112,13 @@ bool makeContent(const QString &dir, QByteArray *playlist)
     }
     write(dir + "/page.html", "<html><body style='margin:0;background:"
                                   + kinds[3].colour.name().toLatin1() + "'></body></html>");
-    write(dir + "/text.html", "<html><body style='margin:0;background:"
-                                  + kinds[4].colour.name().toLatin1()
-                                  + "'><p>Opening hours: 9 to 5.</p></body></html>");
-    if (!ffmpeg({"-f", "lavfi", "-i",
-                 QString("color=c=%1:size=640x360:rate=25:duration=1.5").arg(kinds[5].colour.name()),
-                 "-c:v", "libx264", "-preset", "veryfast", "-pix_fmt", "yuv420p",
-                 dir + "/clip.mp4"}))
+    write(dir + "/text.html",
+          "<html><body style='margin:0;background:" + kinds[4].colour.name().toLatin1()
+              + "'><p>Opening hours: 9 to 5.</p></body></html>");
+    if (!ffmpeg(
+            {"-f", "lavfi", "-i",
+             QString("color=c=%1:size=640x360:rate=25:duration=1.5").arg(kinds[5].colour.name()),
+             "-c:v", "libx264", "-preset", "veryfast", "-pix_fmt", "yuv420p", dir + "/clip.mp4"}))
         return false;
 
     // The demo picture comes after the first item and after every third one from there: the
@@ -154,20 +134,12 @@ bool makeContent(const QString &dir, QByteArray *playlist)
     return true;
 }
 
-qint64 percentile(QList<qint64> values, double share)
-{
-    if (values.isEmpty())
-        return -1;
-    std::sort(values.begin(), values.end());
-    return values.at(qMin(int(values.size() * share), int(values.size()) - 1));
-}
-
 } // namespace
 
 int main(int argc, char *argv[])
 {
     QGuiApplication app(argc, argv);
-    QString program = QCoreApplication::applicationDirPath() + QStringLiteral("/../vorsane-kiosk");
+    QString program = builtProgram();
     int rounds = 1;
     QStringList preferences;
     const QStringList arguments = app.arguments();
@@ -182,18 +154,9 @@ int main(int argc, char *argv[])
     QScreen *screen = QGuiApplication::primaryScreen();
     const QSize size = screen->geometry().size();
 
-    QTemporaryDir home;
-    const QString conf = home.path() + "/conf";
-    const QString media = home.path() + "/media";
-    const QString stubs = home.path() + "/bin";
-    for (const QString &dir : {conf, media, stubs})
-        QDir().mkpath(dir);
-    for (const char *name : {"launchdock", "amixer", "unclutter", "pkill", "xmodmap", "xset",
-                             "gksu", "xscreensaver-command", "sudo", "unzip", "pgrep"}) {
-        const QString path = stubs + '/' + name;
-        write(path, "#!/bin/sh\nexit 0\n");
-        QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
-    }
+    Home home;
+    const QString conf = home.conf();
+    const QString media = home.media();
     QByteArray playlist;
     if (!makeContent(media, &playlist)) {
         std::fprintf(stderr, "ffmpeg could not make the animation or the clip\n");
@@ -201,26 +164,13 @@ int main(int argc, char *argv[])
     }
     write(conf + "/playlist", playlist);
     write(conf + "/preferences",
-          QString("[main]\nversion=QFGLs6IVf1\nfullscreen=false\nfixedscreen=true\n"
-                  "largeur_edit=%1\nhauteur_edit=%2\n[slideshow]\nhide_pointer=false\n"
-                  "external_player=false\n%3\n")
-              .arg(size.width())
-              .arg(size.height())
-              .arg(preferences.join('\n'))
-              .toUtf8());
+          wholeScreenPreferences(size, "external_player=false\n" + preferences.join('\n').toUtf8()
+                                           + '\n'));
 
     QProcess kiosk;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("HOME", home.path());
-    env.insert("PATH", stubs + ':' + env.value("PATH"));
-    env.insert("XDG_CURRENT_DESKTOP", "none");
-    kiosk.setProcessEnvironment(env);
-    kiosk.setStandardErrorFile(home.path() + "/log");
-    kiosk.start(program, {"--basepath", conf});
-    if (!kiosk.waitForStarted(10000)) {
-        std::fprintf(stderr, "cannot start %s\n", qPrintable(program));
+    home.prepare(kiosk);
+    if (!home.start(kiosk, program))
         return 1;
-    }
 
     // gaps[from][to]: the longest span of a foreign colour at each boundary seen.
     QMap<int, QMap<int, QList<qint64>>> gaps;
@@ -264,7 +214,8 @@ int main(int argc, char *argv[])
     kiosk.waitForFinished(5000);
 
     std::printf("longest span of neither item's colour per boundary, %d round(s) "
-                "(count, p50 / p95 / max ms):\n", rounds);
+                "(count, p50 / p95 / max ms):\n",
+                rounds);
     QList<qint64> all;
     for (int from = 0; from < kindCount; ++from) {
         for (int to = 0; to < kindCount; ++to) {
@@ -272,9 +223,9 @@ int main(int argc, char *argv[])
                 continue;
             const QList<qint64> &values = gaps[from][to];
             all += values;
-            std::printf("  %-9s -> %-9s %2d  %4lld %4lld %4lld\n", kinds[from].name,
-                        kinds[to].name, int(values.size()), percentile(values, 0.5),
-                        percentile(values, 0.95), percentile(values, 1.0));
+            std::printf("  %-9s -> %-9s %2d  %4lld %4lld %4lld\n", kinds[from].name, kinds[to].name,
+                        int(values.size()), percentile(values, 0.5), percentile(values, 0.95),
+                        percentile(values, 1.0));
         }
     }
     std::printf("  all boundaries        %2d  %4lld %4lld %4lld\n", int(all.size()),

@@ -5,44 +5,26 @@
 // screen's centre pixel, and the program's peak resident memory (VmHWM) at that moment.
 // The first picture is the only red one.
 
+#include "kioskrun.h"
+
 #include <QColor>
-#include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QGuiApplication>
 #include <QImage>
-#include <QPixmap>
 #include <QProcess>
 #include <QScreen>
-#include <QTemporaryDir>
 #include <QThread>
 
-#include <algorithm>
 #include <cstdio>
+
+using namespace kioskrun;
 
 namespace {
 
 const QColor first(220, 0, 0);
 const QColor others[] = {QColor(0, 0, 220), QColor(0, 200, 0), QColor(220, 220, 0)};
-
-bool write(const QString &path, const QByteArray &bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
-}
-
-bool near(QRgb pixel, const QColor &colour)
-{
-    return qAbs(qRed(pixel) - colour.red()) < 40 && qAbs(qGreen(pixel) - colour.green()) < 40
-           && qAbs(qBlue(pixel) - colour.blue()) < 40;
-}
-
-QRgb centre(QScreen *screen)
-{
-    const QRect area = screen->geometry();
-    return screen->grabWindow(0, area.center().x(), area.center().y(), 1, 1).toImage().pixel(0, 0);
-}
 
 QByteArray picture(const QString &path, const QColor &colour)
 {
@@ -78,18 +60,12 @@ qint64 peakResident(qint64 pid)
     return -1;
 }
 
-qint64 median(QList<qint64> values)
-{
-    std::sort(values.begin(), values.end());
-    return values.isEmpty() ? -1 : values.at(values.size() / 2);
-}
-
 } // namespace
 
 int main(int argc, char *argv[])
 {
     QGuiApplication app(argc, argv);
-    QString program = QCoreApplication::applicationDirPath() + QStringLiteral("/../vorsane-kiosk");
+    QString program = builtProgram();
     int count = 200000;
     int rounds = 3;
     const QStringList arguments = app.arguments();
@@ -104,27 +80,13 @@ int main(int argc, char *argv[])
     QScreen *screen = QGuiApplication::primaryScreen();
     const QSize size = screen->geometry().size();
 
-    QTemporaryDir home;
     // Short names: the items must stay within the 16 MB a playlist may have.
-    const QString conf = home.path() + "/c";
-    const QString media = home.path() + "/m";
-    const QString stubs = home.path() + "/bin";
-    for (const QString &dir : {conf, media, stubs})
-        QDir().mkpath(dir);
-    for (const char *name : {"launchdock", "amixer", "unclutter", "pkill", "xmodmap", "xset",
-                             "gksu", "xscreensaver-command", "sudo", "unzip", "pgrep"}) {
-        const QString path = stubs + '/' + name;
-        write(path, "#!/bin/sh\nexit 0\n");
-        QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
-    }
+    Home home(QStringLiteral("c"), QStringLiteral("m"));
+    const QString conf = home.conf();
+    const QString media = home.media();
     const QByteArray schedule = makeSchedule(media, count);
     write(conf + "/playlist", schedule);
-    write(conf + "/preferences",
-          QString("[main]\nversion=QFGLs6IVf1\nfullscreen=false\nfixedscreen=true\n"
-                  "largeur_edit=%1\nhauteur_edit=%2\n[slideshow]\nhide_pointer=false\n")
-              .arg(size.width())
-              .arg(size.height())
-              .toUtf8());
+    write(conf + "/preferences", wholeScreenPreferences(size));
     std::printf("%d items, %.1f MB of schedule, %s\n", count, schedule.size() / 1048576.0,
                 qPrintable(program));
 
@@ -133,21 +95,12 @@ int main(int argc, char *argv[])
     for (int round = 0; round < rounds; ++round) {
         QDir(home.path() + "/.vorsane-kiosk").removeRecursively();
         QProcess kiosk;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("HOME", home.path());
-        env.insert("PATH", stubs + ':' + env.value("PATH"));
-        env.insert("XDG_CURRENT_DESKTOP", "none");
-        kiosk.setProcessEnvironment(env);
-        // Where a session sends it: a file, not a terminal.
-        kiosk.setStandardErrorFile(home.path() + "/log");
+        home.prepare(kiosk);
 
         QElapsedTimer clock;
         clock.start();
-        kiosk.start(program, {"--basepath", conf});
-        if (!kiosk.waitForStarted(10000)) {
-            std::fprintf(stderr, "cannot start %s\n", qPrintable(program));
+        if (!home.start(kiosk, program))
             return 1;
-        }
         bool shown = false;
         while (!shown && clock.elapsed() < 60000 && kiosk.state() == QProcess::Running) {
             shown = near(centre(screen), first);
@@ -159,7 +112,7 @@ int main(int argc, char *argv[])
         kiosk.terminate();
         kiosk.waitForFinished(10000);
         if (!shown) {
-            home.setAutoRemove(false);
+            home.keep();
             std::fprintf(stderr, "the first picture never showed (log in %s/log)\n",
                          qPrintable(home.path()));
             return 1;
@@ -169,7 +122,7 @@ int main(int argc, char *argv[])
         times << elapsed;
         peaks << peak;
     }
-    std::printf("median: start to first picture %lld ms, peak resident %lld MB\n", median(times),
-                median(peaks) / 1024);
+    std::printf("median: start to first picture %lld ms, peak resident %lld MB\n",
+                percentile(times, 0.5), percentile(peaks, 0.5) / 1024);
     return 0;
 }

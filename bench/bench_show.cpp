@@ -9,28 +9,25 @@
 // Each item is a solid colour, so the pixel tells the items apart; the program's own demo
 // picture, which a flat list inserts, is avoided by an XML schedule.
 
+#include "kioskrun.h"
 #include "processtree.h"
 
 #include <QColor>
-#include <QCoreApplication>
-#include <QDir>
 #include <QElapsedTimer>
-#include <QFile>
 #include <QGuiApplication>
 #include <QImage>
 #include <QMap>
 #include <QPainter>
 #include <QPdfWriter>
-#include <QPixmap>
 #include <QProcess>
 #include <QScreen>
-#include <QTemporaryDir>
 #include <QThread>
 #include <QUdpSocket>
 
-#include <algorithm>
 #include <cstdio>
 #include <unistd.h>
+
+using namespace kioskrun;
 
 namespace {
 
@@ -45,24 +42,6 @@ const Item items[] = {
     {"web page (local)", QColor(0, 200, 0)}, {"PDF page", QColor(220, 220, 0)},
     {"text document", QColor(0, 200, 200)},
 };
-
-bool write(const QString &path, const QByteArray &bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
-}
-
-bool near(QRgb pixel, const QColor &colour)
-{
-    return qAbs(qRed(pixel) - colour.red()) < 40 && qAbs(qGreen(pixel) - colour.green()) < 40
-           && qAbs(qBlue(pixel) - colour.blue()) < 40;
-}
-
-QRgb centre(QScreen *screen)
-{
-    const QRect area = screen->geometry();
-    return screen->grabWindow(0, area.center().x(), area.center().y(), 1, 1).toImage().pixel(0, 0);
-}
 
 QByteArray makeContent(const QString &dir)
 {
@@ -93,20 +72,12 @@ QByteArray makeContent(const QString &dir)
            + "\n</loop>\n</schedule>\n";
 }
 
-qint64 percentile(QList<qint64> values, double share)
-{
-    if (values.isEmpty())
-        return -1;
-    std::sort(values.begin(), values.end());
-    return values.at(qMin(int(values.size() * share), int(values.size()) - 1));
-}
-
 } // namespace
 
 int main(int argc, char *argv[])
 {
     QGuiApplication app(argc, argv);
-    QString program = QCoreApplication::applicationDirPath() + QStringLiteral("/../vorsane-kiosk");
+    QString program = builtProgram();
     int rounds = 10;
     const QStringList arguments = app.arguments();
     for (int i = 1; i + 1 < arguments.size(); i += 2) {
@@ -118,42 +89,19 @@ int main(int argc, char *argv[])
     QScreen *screen = QGuiApplication::primaryScreen();
     const QSize size = screen->geometry().size();
 
-    QTemporaryDir home;
-    const QString conf = home.path() + "/conf";
-    const QString media = home.path() + "/media";
-    const QString stubs = home.path() + "/bin";
-    for (const QString &dir : {conf, media, stubs})
-        QDir().mkpath(dir);
-    for (const char *name : {"launchdock", "amixer", "unclutter", "pkill", "xmodmap", "xset",
-                             "gksu", "xscreensaver-command", "sudo", "unzip", "pgrep"}) {
-        const QString path = stubs + '/' + name;
-        write(path, "#!/bin/sh\nexit 0\n");
-        QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
-    }
+    Home home;
+    const QString conf = home.conf();
+    const QString media = home.media();
     write(conf + "/playlist", makeContent(media));
-    // A frameless window over the whole screen, which needs no window manager.
-    write(conf + "/preferences",
-          QString("[main]\nversion=QFGLs6IVf1\nfullscreen=false\nfixedscreen=true\n"
-                  "largeur_edit=%1\nhauteur_edit=%2\n[slideshow]\nhide_pointer=false\n")
-              .arg(size.width())
-              .arg(size.height())
-              .toUtf8());
+    write(conf + "/preferences", wholeScreenPreferences(size));
 
     QProcess kiosk;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("HOME", home.path());
-    env.insert("PATH", stubs + ':' + env.value("PATH"));
-    env.insert("XDG_CURRENT_DESKTOP", "none");
-    kiosk.setProcessEnvironment(env);
-    kiosk.setStandardErrorFile(home.path() + "/log");
+    home.prepare(kiosk);
 
     QElapsedTimer clock;
     clock.start();
-    kiosk.start(program, {"--basepath", conf});
-    if (!kiosk.waitForStarted(10000)) {
-        std::fprintf(stderr, "cannot start %s\n", qPrintable(program));
+    if (!home.start(kiosk, program))
         return 1;
-    }
     auto waitFor = [&](const QColor &colour, qint64 timeoutMs) {
         const qint64 until = clock.elapsed() + timeoutMs;
         while (clock.elapsed() < until && kiosk.state() == QProcess::Running) {
@@ -167,7 +115,7 @@ int main(int argc, char *argv[])
     if (!waitFor(items[0].colour, 20000)) {
         std::fprintf(stderr, "the first picture never showed (log in %s)\n",
                      qPrintable(home.path()));
-        home.setAutoRemove(false);
+        home.keep();
         return 1;
     }
     std::printf("start to first picture: %lld ms\n", clock.elapsed() - started);
@@ -240,7 +188,7 @@ int main(int argc, char *argv[])
               .toUtf8());
     // From the program's word that the shown item's time is over to the next page painted.
     QProcess timed;
-    timed.setProcessEnvironment(env);
+    timed.setProcessEnvironment(home.environment());
     timed.start(program, {"--basepath", conf});
     QByteArray log;
     QList<qint64> late;

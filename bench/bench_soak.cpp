@@ -6,6 +6,7 @@
 // engine's), shared pages counted once.
 // Usage: bench_soak [--count N] [--program path/to/vorsane-kiosk] [--preference group/key=value]...
 
+#include "kioskrun.h"
 #include "processtree.h"
 
 #include <QColor>
@@ -19,12 +20,13 @@
 #include <QPainter>
 #include <QPdfWriter>
 #include <QProcess>
-#include <QTemporaryDir>
 #include <QThread>
 #include <QUdpSocket>
 
 #include <cstdio>
 #include <utility>
+
+using namespace kioskrun;
 
 namespace {
 
@@ -62,12 +64,6 @@ void print(const char *when, int transitions, const Usage &usage)
                 when, transitions, static_cast<long long>(usage.rssKib),
                 static_cast<long long>(usage.pssKib), usage.fds, usage.threads);
     std::fflush(stdout);
-}
-
-bool write(const QString &path, const QByteArray &bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
 }
 
 // The content: every item shows for a minute, so only the datagrams move the show on.
@@ -128,7 +124,7 @@ int main(int argc, char *argv[])
 {
     QGuiApplication app(argc, argv);
     int count = 10000;
-    QString program = QCoreApplication::applicationDirPath() + QStringLiteral("/../vorsane-kiosk");
+    QString program = builtProgram();
     QMap<QString, QStringList> preferences{
         {QStringLiteral("main"), {"version=QFGLs6IVf1", "fullscreen=false"}},
         {QStringLiteral("slideshow"), {"hide_pointer=false"}}};
@@ -143,21 +139,9 @@ int main(int argc, char *argv[])
                 << arguments.at(i + 1).section('/', 1);
     }
 
-    QTemporaryDir home;
-    const QString conf = home.path() + QStringLiteral("/conf");
-    const QString media = home.path() + QStringLiteral("/media");
-    const QString stubs = home.path() + QStringLiteral("/bin");
-    QDir().mkpath(conf);
-    QDir().mkpath(media);
-    QDir().mkpath(stubs);
-    // Desktop commands the program runs are answered by stand-ins that do nothing.
-    for (const char *name : {"launchdock", "amixer", "pkill", "xmodmap", "xset", "gksu",
-                             "xscreensaver-command", "sudo", "chvt", "unzip", "pgrep"}) {
-        const QString path = stubs + QLatin1Char('/') + QLatin1String(name);
-        write(path, "#!/bin/sh\nexit 0\n");
-        QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
-    }
-    const QByteArray playlist = makeContent(media);
+    Home home;
+    const QString conf = home.conf();
+    const QByteArray playlist = makeContent(home.media());
     write(conf + QStringLiteral("/playlist"), playlist);
     // Two rounds show every kind of item, so each library and engine has been loaded once.
     const int warmAfter = 2 * int(playlist.count("<i "));
@@ -168,12 +152,7 @@ int main(int argc, char *argv[])
     write(conf + QStringLiteral("/preferences"), preferenceFile);
 
     QProcess kiosk;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("HOME"), home.path());
-    env.insert(QStringLiteral("PATH"),
-               stubs + QLatin1Char(':') + env.value(QStringLiteral("PATH")));
-    env.insert(QStringLiteral("XDG_CURRENT_DESKTOP"), QStringLiteral("none"));
-    kiosk.setProcessEnvironment(env);
+    kiosk.setProcessEnvironment(home.environment());
     kiosk.setWorkingDirectory(home.path());
     QByteArray log;
     int shown = 0;
@@ -189,11 +168,8 @@ int main(int argc, char *argv[])
         if (cut >= 0)
             log.remove(0, cut + 1);
     });
-    kiosk.start(program, {QStringLiteral("--basepath"), conf});
-    if (!kiosk.waitForStarted(10000)) {
-        std::fprintf(stderr, "cannot start %s\n", qPrintable(program));
+    if (!home.start(kiosk, program))
         return 1;
-    }
 
     auto waitFor = [&](int transitions, int timeoutMs) {
         QElapsedTimer timer;
