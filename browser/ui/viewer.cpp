@@ -132,6 +132,7 @@ Viewer::Viewer(QWidget *parent)
     m_soundMute = std::make_unique<SoundMute>(m_settings->mute());
 
     WebEngineSetup::init(m_settings);
+    WebEngineSetup::prepareWindow(this);
 }
 
 // The members give the desktop back, in the order of their declaration reversed.

@@ -7,12 +7,22 @@
 
 #include <QCoreApplication>
 #include <QFont>
+#include <QQuickWidget>
 #include <QRegularExpression>
 #include <QWebEngineProfile>
 #include <QWebEngineSettings>
 
 namespace {
 QWebEngineProfile *s_profile = nullptr;
+}
+
+void WebEngineSetup::prepareWindow(QWidget *window)
+{
+    // The first web view in a window turns on the window's OpenGL composition, and the window is
+    // made anew for it: a black flash over whatever shows. A scene widget that is never shown
+    // makes the window so from the start.
+    auto *scene = new QQuickWidget(window);
+    scene->hide();
 }
 
 void WebEngineSetup::init(Settings *settings)

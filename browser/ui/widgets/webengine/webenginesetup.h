@@ -3,6 +3,7 @@
 #include <QString>
 
 class QWebEngineProfile;
+class QWidget;
 class Settings;
 
 // What the web engine needs once, before the first page: the program's profile (named, kept
@@ -12,6 +13,8 @@ class WebEngineSetup
 {
 public:
     static void init(Settings *settings);
+    // Called before the program's window is first shown.
+    static void prepareWindow(QWidget *window);
 
 private:
     friend class CustomQWebPage;
