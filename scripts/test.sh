@@ -42,7 +42,7 @@ for flavour in $flavours; do
     if [ -n "${DISPLAY:-}" ]; then
         (cd "$build_dir" && ctest "${ctest_args[@]}") 2>&1 | tee "$build_dir/ctest.log" || status=$?
     else
-        (cd "$build_dir" && xvfb-run -a -s "-screen 0 1280x720x24 -nolisten tcp" ctest "${ctest_args[@]}") 2>&1 \
+        (cd "$build_dir" && xvfb-run -a -s "-screen 0 1280x720x24 -nolisten tcp -noreset" ctest "${ctest_args[@]}") 2>&1 \
             | tee "$build_dir/ctest.log" || status=$?
     fi
     [ $status = 0 ] || failed+=("$flavour (tests)")

@@ -33,6 +33,8 @@ done
 exec 3<&-
 if [ "$display" = x11 ]; then
     unset DISPLAY
-    exec xvfb-run -a -s "-screen 0 1280x720x24 -nolisten tcp" "$@"
+    # -noreset: the server would start over whenever its last client leaves, and a program started
+    # in that moment cannot connect.
+    exec xvfb-run -a -s "-screen 0 1280x720x24 -nolisten tcp -noreset" "$@"
 fi
 exec "$@"

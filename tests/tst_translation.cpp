@@ -80,8 +80,8 @@ void TestTranslation::offlineMessageSpeaksTheUsersLanguage()
         xwininfo.waitForFinished();
         return QString::fromUtf8(xwininfo.readAllStandardOutput());
     };
-    QTRY_VERIFY_WITH_TIMEOUT(windowTitles().contains(QLatin1Char('"') + title + QLatin1Char('"')),
-                             20000);
+    QTRY_VERIFY2_WITH_TIMEOUT(windowTitles().contains(QLatin1Char('"') + title + QLatin1Char('"')),
+                              qPrintable(windowTitles() + kiosk.log().right(3000)), 20000);
 
     QProcess remote;
     const quint16 port = closedPort();
