@@ -82,8 +82,10 @@ FakePrograms::~FakePrograms()
 void FakePrograms::addScript(const QString &name, const QByteArray &body)
 {
     const QString log = m_dir.filePath(name + QLatin1String(".log"));
+    // One write per call: programs called at the same moment must not mix their lines.
     QByteArray script = "#!/bin/sh\n"
-                        "{ if [ $# -gt 0 ]; then printf '%s\\037' \"$@\"; fi; echo; } >> "
+                        "called=; if [ $# -gt 0 ]; then called=$(printf '%s\\037' \"$@\"); fi\n"
+                        "printf '%s\\n' \"$called\" >> "
                         + shellQuote(log) + "\n" + body + "\n";
     const QString path = m_dir.filePath(name);
     writeFile(path, script);
