@@ -67,9 +67,7 @@ bool ContentFactory::isPlaceholder(const QWidget *widget)
 QWidget *ContentFactory::sessionWidget(const QUrl &url)
 {
     if (m_settings->get(QStringLiteral("main/external_browser")).toBool()) {
-        const QString address = url.isEmpty()
-                                    ? m_settings->defaultUrl()
-                                    : url.toString();
+        const QString address = url.isEmpty() ? m_settings->defaultUrl() : url.toString();
         PlaylistItem item(address, PlaylistItem::Webpage, 0, false, QStringList());
         return new ExternalBrowser(&item, m_viewer);
     }
@@ -141,6 +139,8 @@ bool ContentFactory::preparable(const PlaylistItemPtr &item) const
         return true;
     case PlaylistItem::Webpage:
         return !m_settings->get(QStringLiteral("slideshow/external_browser")).toBool();
+    case PlaylistItem::Video:
+        return Video::playsInProcess();
     default:
         return false;
     }

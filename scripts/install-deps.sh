@@ -30,6 +30,8 @@ packages=(
     # cache (without it every start loads all ~370 plugins: seconds on a small board), and the
     # VA-API drivers for hardware decoding where the machine has it
     vlc-plugin-video-output libvlc-bin va-driver-all
+    # the video window's X attributes, set beside Qt's own connection
+    libxcb1-dev
     # run time: downloads are shown with the desktop's file opener
     xdg-utils
     # run time: X server for headless machines, desktop helpers the program calls

@@ -21,11 +21,12 @@ bool sameColour(const QColor &a, const QColor &b)
            && qAbs(a.blue() - b.blue()) <= 24;
 }
 
-// The centre of the real screen, as a viewer sees it now.
-QColor centre()
+// A point of the real screen (by default its centre), as a viewer sees it now.
+QColor centre(QPoint point = QPoint(-1, -1))
 {
     QScreen *screen = QGuiApplication::primaryScreen();
-    const QPoint point = screen->geometry().center();
+    if (point.x() < 0)
+        point = screen->geometry().center();
     return screen->grabWindow(0, point.x(), point.y(), 1, 1).toImage().pixelColor(0, 0);
 }
 
@@ -91,6 +92,20 @@ QByteArray item(KioskProcess &kiosk, const QString &kind, const QColor &colour, 
     if (kind == "pdf") {
         makePdf(base + ".pdf", {colour});
         return xmlItem("file://" + base + ".pdf", kind, seconds);
+    }
+    if (kind == "video") {
+        // Plays through: the file lasts that long.
+        const QStringList ffmpeg
+            = QStringLiteral("-y -loglevel error -f lavfi -i color=c=0x%1:size=320x240:rate=25:"
+                             "duration=%2 -c:v libx264 -pix_fmt yuv420p %3.mp4")
+                  .arg(colour.name().mid(1))
+                  .arg(seconds)
+                  .arg(base)
+                  .split(' ');
+        QDir().mkpath(kiosk.home().filePath("media"));
+        if (QProcess::execute(QStringLiteral("ffmpeg"), ffmpeg) != 0)
+            return QByteArray();
+        return xmlItem("file://" + base + ".mp4", kind, 0);
     }
     writeFile(base + ".html", page);
     return xmlItem("file://" + base + ".html", kind, seconds);
@@ -177,6 +192,11 @@ void TestGapless::boundary_data()
                                               << "document" << QByteArray() << false;
     QTest::newRow("web page to PDF") << "url"
                                      << "pdf" << QByteArray() << false;
+    const QByteArray libVlc = "external_player=false\n";
+    QTest::newRow("picture to video") << "image"
+                                      << "video" << libVlc << false;
+    QTest::newRow("video to video") << "video"
+                                    << "video" << libVlc << false;
     QTest::newRow("picture to web page, fading") << "image"
                                                  << "url" << fade << true;
     QTest::newRow("web page to PDF, fading") << "url"
@@ -199,8 +219,8 @@ void TestGapless::boundary()
 
     bool arrived = false;
     const QList<QColor> between = coloursBetween(red, blue, &arrived);
-    QVERIFY2(arrived, kiosk.log().right(3000));
     const QByteArray seen = "seen between the items: " + names(between).toUtf8();
+    QVERIFY2(arrived, seen + "\n" + kiosk.log().right(3000));
     if (fades) {
         // Several steps of the way, and nothing that is not on it (black, white).
         QVERIFY2(between.size() >= 3, seen.constData());
@@ -209,6 +229,10 @@ void TestGapless::boundary()
     } else {
         QVERIFY2(between.isEmpty(), seen.constData());
     }
+    // A 4:3 video on a wide screen: its margins turn black, nothing of the item before stays.
+    if (to == "video")
+        QVERIFY2(QTest::qWaitFor([] { return sameColour(centre(QPoint(8, 8)), Qt::black); }, 2000),
+                 qPrintable("margin: " + centre(QPoint(8, 8)).name()));
     QCOMPARE(kiosk.interrupt(), 2);
 }
 

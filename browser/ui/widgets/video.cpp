@@ -44,6 +44,17 @@ Video::Video(PlaylistItem *item, QWidget *parent)
 
 Video::~Video() = default;
 
+bool Video::playsInProcess()
+{
+    Settings *settings = Settings::load(false, nullptr);
+    if (!settings->get(QStringLiteral("slideshow/external_player")).toBool())
+        return true;
+    const QString cmd = settings->get(QStringLiteral("slideshow/external_player_cmd")).toString();
+    const QString program
+        = cmd.isEmpty() ? QStringLiteral("omxplayer") : cmd.section(QLatin1Char(' '), 0, 0);
+    return QStandardPaths::findExecutable(program).isEmpty();
+}
+
 QStringList Video::defaultPlayerCommand() const
 {
     Settings *settings = Settings::load(false, nullptr);
@@ -60,10 +71,9 @@ QStringList Video::defaultPlayerCommand() const
     } else if (fullscreen) {
         command << QStringLiteral("-b");
     } else if (settings->fixedScreen()) {
-        command << QStringLiteral("--win")
-                << QStringLiteral("0 0 %1 %2")
-                       .arg(settings->fixedWidth())
-                       .arg(settings->fixedHeight());
+        command
+            << QStringLiteral("--win")
+            << QStringLiteral("0 0 %1 %2").arg(settings->fixedWidth()).arg(settings->fixedHeight());
     } else {
         const QRect area = rect();
         command << QStringLiteral("--win")
@@ -83,6 +93,16 @@ void Video::setBlackBackground()
     black.setBrush(QPalette::All, QPalette::Window, QBrush(Qt::black, Qt::SolidPattern));
     setPalette(black);
     setAutoFillBackground(true);
+}
+
+void Video::prepare()
+{
+    m_impl->prepare();
+}
+
+bool Video::isReady() const
+{
+    return m_impl->isReady();
 }
 
 void Video::mousePressEvent(QMouseEvent *event)

@@ -22,7 +22,12 @@ public:
     ~Video() override;
 
     VideoImpl *impl() const { return m_impl.get(); }
+    // Whether videos play inside the process (libVLC) rather than in an external player.
+    static bool playsInProcess();
     void setBlackBackground();
+
+    void prepare() override;
+    bool isReady() const override;
 
 Q_SIGNALS:
     void end();

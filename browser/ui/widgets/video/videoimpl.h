@@ -11,4 +11,7 @@ public:
     virtual bool onTimeout() = 0;
     virtual bool start() = 0;
     virtual bool stop() = 0;
+    // Opens the item ahead of its turn, held on its first picture, out of sight.
+    virtual void prepare() {}
+    virtual bool isReady() const { return true; }
 };

@@ -11,13 +11,16 @@
 #include <QGuiApplication>
 #include <QMetaObject>
 #include <QMouseEvent>
+#include <QStackedWidget>
 #include <QWindow>
 
+#include <cstdlib>
 #include <utility>
 #include <vector>
 
 #include <dlfcn.h>
 #include <vlc/vlc.h>
+#include <xcb/xcb.h>
 
 namespace {
 // libVLC reports nothing for some media it cannot open (a stream that never answers); an item
@@ -108,6 +111,42 @@ private:
     QPointer<QWidget> m_owner;
 };
 
+// X paints a window's background the moment it is mapped: libVLC's window, black, would show a
+// frame of black before its next picture. Mapped with no background, its pixels stay what the
+// screen showed (the item before) until libVLC draws over them. Only the margins around a
+// picture that does not fill the area, outside libVLC's window, are painted black then; the
+// area is left without a background afterwards, so that libVLC closing its window at the end
+// does not flash black either. Done on a connection of its own, before Qt maps the window again
+// (which changes nothing then).
+void mapOverScreen(WId surface)
+{
+    static xcb_connection_t *connection = xcb_connect(nullptr, nullptr);
+    if (xcb_connection_has_error(connection))
+        return;
+    const auto window = xcb_window_t(surface);
+    xcb_query_tree_reply_t *tree
+        = xcb_query_tree_reply(connection, xcb_query_tree(connection, window), nullptr);
+    if (!tree)
+        return;
+    const uint32_t none = XCB_BACK_PIXMAP_NONE;
+    const xcb_window_t *children = xcb_query_tree_children(tree);
+    for (int i = 0; i < xcb_query_tree_children_length(tree); ++i)
+        xcb_change_window_attributes(connection, children[i], XCB_CW_BACK_PIXMAP, &none);
+    uint32_t black = 0;
+    for (xcb_screen_iterator_t screen = xcb_setup_roots_iterator(xcb_get_setup(connection));
+         screen.rem; xcb_screen_next(&screen)) {
+        if (screen.data->root == tree->root)
+            black = screen.data->black_pixel;
+    }
+    std::free(tree);
+    const uint32_t above = XCB_STACK_MODE_ABOVE;
+    xcb_configure_window(connection, window, XCB_CONFIG_WINDOW_STACK_MODE, &above);
+    xcb_change_window_attributes(connection, window, XCB_CW_BACK_PIXEL, &black);
+    xcb_map_window(connection, window);
+    xcb_change_window_attributes(connection, window, XCB_CW_BACK_PIXMAP, &none);
+    std::free(xcb_get_input_focus_reply(connection, xcb_get_input_focus(connection), nullptr));
+}
+
 // One libVLC instance serves every video for the life of the process: loading the plugins for
 // each item costs seconds on a small board, and unloading them leaves allocations behind.
 libvlc_instance_t *sharedInstance()
@@ -156,6 +195,7 @@ VLCVideoImpl::VLCVideoImpl(Video *video, PlaylistItem *item)
                         this);
     libvlc_event_attach(events, libvlc_MediaPlayerEncounteredError, &VLCVideoImpl::onMediaError,
                         this);
+    libvlc_event_attach(events, libvlc_MediaPlayerVout, &VLCVideoImpl::onVideoOutput, this);
 
     m_openingTimer.setSingleShot(true);
     m_openingTimer.setInterval(openingTimeoutMs);
@@ -171,6 +211,7 @@ VLCVideoImpl::~VLCVideoImpl()
                             this);
         libvlc_event_detach(events, libvlc_MediaPlayerEncounteredError, &VLCVideoImpl::onMediaError,
                             this);
+        libvlc_event_detach(events, libvlc_MediaPlayerVout, &VLCVideoImpl::onVideoOutput, this);
         libvlc_media_player_stop(m_player);
         libvlc_media_player_release(m_player);
     }
@@ -210,27 +251,19 @@ bool VLCVideoImpl::onTimeout()
 
 bool VLCVideoImpl::start()
 {
-    const QByteArray address = mediaAddress(m_location).toEncoded();
-    qDebug() << "Reading uri:" << address;
-
-    ++m_generation;
+    qDebug() << "Reading uri:" << mediaAddress(m_location).toEncoded();
     m_playing = true;
-    if (!m_player) {
-        postPlaybackOver(true);
+    if (m_preroll == Preroll::Opening || m_preroll == Preroll::Held) {
+        // Opened ahead: its window goes up over the item before, and its sound starts now.
+        m_preroll = Preroll::None;
+        showSurface();
+        libvlc_media_player_set_pause(m_player, 0);
+        m_openingTimer.start();
         return true;
     }
-    releaseMedia();
-    m_media = libvlc_media_new_location(m_instance, address.constData());
-    if (!m_media) {
-        postPlaybackOver(true);
-        return true;
-    }
-    if (m_mute)
-        libvlc_media_add_option(m_media, ":no-audio");
-    libvlc_media_player_set_media(m_player, m_media);
-    if (videoOutput() == Output::XWindow)
-        embedInto();
-    if (libvlc_media_player_play(m_player) != 0) {
+    m_preroll = Preroll::None;
+    ++m_generation;
+    if (!play(false)) {
         postPlaybackOver(true);
         return true;
     }
@@ -238,10 +271,53 @@ bool VLCVideoImpl::start()
     return true;
 }
 
+void VLCVideoImpl::prepare()
+{
+    if (videoOutput() != Output::XWindow || m_preroll != Preroll::None || m_playing)
+        return;
+    ++m_generation;
+    m_preroll = Preroll::Opening;
+    if (!play(true))
+        m_preroll = Preroll::Failed;
+}
+
+bool VLCVideoImpl::isReady() const
+{
+    return m_preroll != Preroll::Opening;
+}
+
+bool VLCVideoImpl::play(bool held)
+{
+    if (!m_player)
+        return false;
+    releaseMedia();
+    m_media = libvlc_media_new_location(m_instance, mediaAddress(m_location).toEncoded());
+    if (!m_media)
+        return false;
+    if (m_mute)
+        libvlc_media_add_option(m_media, ":no-audio");
+    // Held: paused before anything plays, then stepped one picture so that the decoder and the
+    // output are open when its turn comes.
+    if (held)
+        libvlc_media_add_option(m_media, ":start-paused");
+    libvlc_media_player_set_media(m_player, m_media);
+    if (videoOutput() == Output::XWindow) {
+        embedInto();
+        if (!held)
+            showSurface();
+    }
+    if (libvlc_media_player_play(m_player) != 0)
+        return false;
+    if (held)
+        libvlc_media_player_next_frame(m_player);
+    return true;
+}
+
 bool VLCVideoImpl::stop()
 {
     ++m_generation;
     m_playing = false;
+    m_preroll = Preroll::None;
     m_openingTimer.stop();
     if (m_player)
         libvlc_media_player_stop(m_player);
@@ -260,6 +336,25 @@ void VLCVideoImpl::onMediaError(const libvlc_event_t *, void *data)
     static_cast<VLCVideoImpl *>(data)->postPlaybackOver(true);
 }
 
+void VLCVideoImpl::onVideoOutput(const libvlc_event_t *event, void *data)
+{
+    if (event->u.media_player_vout.new_count < 1)
+        return;
+    auto *self = static_cast<VLCVideoImpl *>(data);
+    const quint64 generation = self->m_generation.load();
+    QMetaObject::invokeMethod(
+        self->m_video, [self, generation] { self->onOutputOpened(generation); },
+        Qt::QueuedConnection);
+}
+
+void VLCVideoImpl::onOutputOpened(quint64 generation)
+{
+    if (generation != m_generation.load() || m_preroll != Preroll::Opening)
+        return;
+    m_preroll = Preroll::Held;
+    emit m_video->notifier()->ready();
+}
+
 void VLCVideoImpl::postPlaybackOver(bool failed)
 {
     // Runs on libVLC's thread as well: nothing but a queued call to the GUI thread happens here.
@@ -271,8 +366,16 @@ void VLCVideoImpl::postPlaybackOver(bool failed)
 
 void VLCVideoImpl::onPlaybackOver(quint64 generation, bool failed)
 {
-    if (generation != m_generation.load() || !m_playing)
+    if (generation != m_generation.load())
         return;
+    if (!m_playing) {
+        // Opened ahead and already over: it is built afresh at its turn and says why there.
+        if (m_preroll == Preroll::Opening || m_preroll == Preroll::Held) {
+            m_preroll = Preroll::Failed;
+            emit m_video->end();
+        }
+        return;
+    }
     m_playing = false;
     m_openingTimer.stop();
     // libVLC plays a file of random bytes to its "end" without an error; it found nothing in it.
@@ -302,16 +405,16 @@ void VLCVideoImpl::onOpeningTimeout()
 
 void VLCVideoImpl::embedInto()
 {
-    if (!m_video->isVisible())
-        m_video->show();
+    // Prepared under the item on screen, the widget may not have been laid out yet.
+    if (auto *stack = qobject_cast<QStackedWidget *>(m_video->parentWidget()))
+        m_video->setGeometry(stack->contentsRect());
     QWidget *top = m_video->window();
     QWindow *topWindow = top->windowHandle();
     if (!topWindow)
         return;
     if (!m_surface)
         m_surface = new VideoSurface(topWindow, m_video);
-    m_surface->setGeometry(QRect(m_video->mapTo(top, QPoint(0, 0)), m_video->size()));
-    m_surface->show();
+    placeSurface();
     libvlc_media_player_set_xwindow(m_player, quint32(m_surface->winId()));
     // Stretched, the picture takes the widget's shape; otherwise it keeps its own, fitted inside.
     const QSize area = m_video->size();
@@ -320,6 +423,25 @@ void VLCVideoImpl::embedInto()
                                                            : QByteArray();
     libvlc_video_set_aspect_ratio(m_player, aspect.isEmpty() ? nullptr : aspect.constData());
     libvlc_video_set_scale(m_player, 0);
+}
+
+void VLCVideoImpl::showSurface()
+{
+    if (!m_video->isVisible())
+        m_video->show();
+    if (!m_surface)
+        return;
+    // The window may have changed since the video was opened ahead.
+    placeSurface();
+    // Over the window of a video before it, which goes only after this one is up.
+    mapOverScreen(m_surface->winId());
+    m_surface->show();
+    m_surface->raise();
+}
+
+void VLCVideoImpl::placeSurface()
+{
+    m_surface->setGeometry(QRect(m_video->mapTo(m_video->window(), QPoint(0, 0)), m_video->size()));
 }
 
 void VLCVideoImpl::hideSurface()

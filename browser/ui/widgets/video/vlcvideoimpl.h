@@ -29,6 +29,8 @@ public:
     bool onTimeout() override;
     bool start() override;
     bool stop() override;
+    void prepare() override;
+    bool isReady() const override;
 
     // The address libVLC is given for an item location.
     static QUrl mediaAddress(const QString &location);
@@ -37,11 +39,16 @@ private:
     // Called on libVLC's event thread.
     static void onMediaEndReached(const libvlc_event_t *event, void *data);
     static void onMediaError(const libvlc_event_t *event, void *data);
+    static void onVideoOutput(const libvlc_event_t *event, void *data);
 
     void postPlaybackOver(bool failed);
     void onPlaybackOver(quint64 generation, bool failed);
     void onOpeningTimeout();
+    void onOutputOpened(quint64 generation);
+    bool play(bool held);
     void embedInto();
+    void showSurface();
+    void placeSurface();
     void hideSurface();
     void releaseMedia();
 
@@ -56,6 +63,9 @@ private:
     // Counts starts and stops, so that an event of an earlier playback is recognised as stale.
     std::atomic<quint64> m_generation{0};
     bool m_playing = false;
+    // Opened ahead of its turn and held on its first picture, out of sight.
+    enum class Preroll { None, Opening, Held, Failed };
+    Preroll m_preroll = Preroll::None;
     bool m_stretch = false;
     bool m_mute = false;
     QTimer m_openingTimer;
