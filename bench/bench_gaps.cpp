@@ -52,13 +52,6 @@ int kindOf(QRgb pixel)
     return -1;
 }
 
-bool ffmpeg(const QStringList &arguments)
-{
-    return QProcess::execute(QStringLiteral("ffmpeg"),
-                             QStringList{"-y", "-loglevel", "error"} + arguments)
-           == 0;
-}
-
 // Every ordered pair of two different kinds once: an Euler circuit of the complete directed
 // graph on the kinds.
 std::vector<int> everyPair()

@@ -1,7 +1,8 @@
 // What a viewer of the real program sees, on the X server of DISPLAY. Run by hand:
 //   bench_show [--program PATH] [--rounds N]
 // 1. Start of the program to its first picture on the screen.
-// 2. A remote "next" datagram to the next item painted, per kind of item: the screen's centre
+// 2. A remote "next" datagram to the next item painted, per kind of item (a video through
+//    libVLC): the screen's centre
 //    pixel is polled about every millisecond until it shows the next item's colour.
 // 3. The CPU the whole program (web engine processes included) takes while a still web page shows.
 // 4. A timed end to the next item painted, between two local web pages of 2 s each: how much
@@ -40,7 +41,8 @@ struct Item
 const Item items[] = {
     {"picture (PNG)", QColor(220, 0, 0)},    {"picture (4K JPEG)", QColor(0, 0, 220)},
     {"web page (local)", QColor(0, 200, 0)}, {"PDF page", QColor(220, 220, 0)},
-    {"text document", QColor(0, 200, 200)},
+    {"text document", QColor(0, 200, 200)},  {"GIF", QColor(230, 120, 0)},
+    {"video", QColor(200, 0, 200)},
 };
 
 QByteArray makeContent(const QString &dir)
@@ -68,6 +70,17 @@ QByteArray makeContent(const QString &dir)
           "<html><body style='margin:0;background:" + items[4].colour.name().toLatin1()
               + "'><p>Opening hours: 9 to 5.</p></body></html>");
     entries << QString("<i uri='file://%1/notice.html' type='document' time='600'/>").arg(dir);
+    if (!ffmpeg({"-f", "lavfi", "-i",
+                 QString("color=c=%1:size=320x240:rate=5:duration=1").arg(items[5].colour.name()),
+                 dir + "/anim.gif"})
+        || !ffmpeg(
+            {"-f", "lavfi", "-i",
+             QString("color=c=%1:size=640x360:rate=25:duration=60").arg(items[6].colour.name()),
+             "-c:v", "libx264", "-preset", "veryfast", "-pix_fmt", "yuv420p", dir + "/clip.mp4"}))
+        return QByteArray();
+    entries << QString("<i uri='file://%1/anim.gif' type='gif' time='600'/>").arg(dir);
+    // Played by libVLC; each of its turns is far shorter than the clip.
+    entries << QString("<i uri='file://%1/clip.mp4' type='video' time='600'/>").arg(dir);
     return "<?xml version=\"1.0\"?>\n<schedule>\n<loop id=\"0\">\n" + entries.join('\n').toUtf8()
            + "\n</loop>\n</schedule>\n";
 }
@@ -92,8 +105,13 @@ int main(int argc, char *argv[])
     Home home;
     const QString conf = home.conf();
     const QString media = home.media();
-    write(conf + "/playlist", makeContent(media));
-    write(conf + "/preferences", wholeScreenPreferences(size));
+    const QByteArray playlist = makeContent(media);
+    if (playlist.isEmpty()) {
+        std::fprintf(stderr, "ffmpeg could not make the animation or the clip\n");
+        return 1;
+    }
+    write(conf + "/playlist", playlist);
+    write(conf + "/preferences", wholeScreenPreferences(size, "external_player=false\n"));
 
     QProcess kiosk;
     home.prepare(kiosk);

@@ -54,6 +54,14 @@ inline qint64 percentile(QList<qint64> values, double share)
     return values.at(qMin(int(values.size() * share), int(values.size()) - 1));
 }
 
+// ffmpeg, quiet, overwriting: makes the animations and clips of a run.
+inline bool ffmpeg(const QStringList &arguments)
+{
+    return QProcess::execute(QStringLiteral("ffmpeg"),
+                             QStringList{"-y", "-loglevel", "error"} + arguments)
+           == 0;
+}
+
 // A frameless window over the whole screen, which needs no window manager; slideshow holds more
 // lines of that group.
 inline QByteArray wholeScreenPreferences(const QSize &size, const QByteArray &slideshow = {})

@@ -257,6 +257,9 @@ bool VLCVideoImpl::start()
         // Opened ahead: its window goes up over the item before, and its sound starts now.
         m_preroll = Preroll::None;
         showSurface();
+        // The picture it holds was drawn out of sight: the next one is shown at once rather
+        // than when the clock, resumed, reaches it.
+        libvlc_media_player_next_frame(m_player);
         libvlc_media_player_set_pause(m_player, 0);
         m_openingTimer.start();
         return true;
