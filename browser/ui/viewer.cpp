@@ -178,11 +178,19 @@ bool Viewer::addLowered(QWidget *w)
 {
     if (!currentWidget())
         return false;
-    addWidget(w);
+    addToStack(w);
     w->lower();
     blacken(w);
     w->show();
     return true;
+}
+
+void Viewer::addToStack(QWidget *w)
+{
+    addWidget(w);
+    // Laid out now rather than at the next layout pass: content made ready at once (a video's
+    // own window, a picture scaled to its area) needs its final size.
+    w->setGeometry(contentsRect());
 }
 
 void Viewer::removeLowered(QWidget *w)
@@ -203,7 +211,7 @@ bool Viewer::replace(QWidget *w)
 {
     // Content prepared ahead is on the stack already.
     if (indexOf(w) < 0)
-        addWidget(w);
+        addToStack(w);
     w->setMouseTracking(true);
 
     if (auto *browser = qobject_cast<Browser *>(w)) {

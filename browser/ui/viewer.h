@@ -77,6 +77,7 @@ protected:
     void closeEvent(QCloseEvent *event) override;
 
 private:
+    void addToStack(QWidget *w);
     bool passwordSet() const;
     bool displayMode() const;
     Webpage *startPage(const QString &url, int seconds);

@@ -22,7 +22,14 @@ Video::Video(PlaylistItem *item, QWidget *parent)
         m_impl = std::make_unique<VLCVideoImpl>(this, item);
         return;
     }
-
+    // Current Raspberry Pi OS no longer ships omxplayer: a player that is not there would skip
+    // every video, so the built-in one plays it instead.
+    if (playsInProcess()) {
+        qWarning() << "Video player not installed, playing with the built-in player:"
+                   << externalProgram();
+        m_impl = std::make_unique<VLCVideoImpl>(this, item);
+        return;
+    }
     const QString cmd = settings->get(QStringLiteral("slideshow/external_player_cmd")).toString();
     QStringList command;
     if (cmd.isEmpty()) {
@@ -31,28 +38,25 @@ Video::Video(PlaylistItem *item, QWidget *parent)
         qDebug() << "Using external command:" << cmd;
         command = cmd.split(QLatin1Char(' '));
     }
-    // Current Raspberry Pi OS no longer ships omxplayer: a player that is not there would skip
-    // every video, so the built-in one plays it instead.
-    const QString program = command.value(0);
-    if (QStandardPaths::findExecutable(program).isEmpty()) {
-        qWarning() << "Video player not installed, playing with the built-in player:" << program;
-        m_impl = std::make_unique<VLCVideoImpl>(this, item);
-        return;
-    }
     m_impl = std::make_unique<ExternalVideoImpl>(this, command, item);
 }
 
 Video::~Video() = default;
 
+QString Video::externalProgram()
+{
+    const QString cmd = Settings::load(false, nullptr)
+                            ->get(QStringLiteral("slideshow/external_player_cmd"))
+                            .toString();
+    return cmd.isEmpty() ? QStringLiteral("omxplayer") : cmd.section(QLatin1Char(' '), 0, 0);
+}
+
 bool Video::playsInProcess()
 {
-    Settings *settings = Settings::load(false, nullptr);
-    if (!settings->get(QStringLiteral("slideshow/external_player")).toBool())
-        return true;
-    const QString cmd = settings->get(QStringLiteral("slideshow/external_player_cmd")).toString();
-    const QString program
-        = cmd.isEmpty() ? QStringLiteral("omxplayer") : cmd.section(QLatin1Char(' '), 0, 0);
-    return QStandardPaths::findExecutable(program).isEmpty();
+    return !Settings::load(false, nullptr)
+                ->get(QStringLiteral("slideshow/external_player"))
+                .toBool()
+           || QStandardPaths::findExecutable(externalProgram()).isEmpty();
 }
 
 QStringList Video::defaultPlayerCommand() const

@@ -44,6 +44,8 @@ protected:
 
 private:
     QStringList defaultPlayerCommand() const;
+    // The program of the external player the settings name.
+    static QString externalProgram();
 
     std::unique_ptr<VideoImpl> m_impl;
 };

@@ -11,7 +11,6 @@
 #include <QGuiApplication>
 #include <QMetaObject>
 #include <QMouseEvent>
-#include <QStackedWidget>
 #include <QWindow>
 
 #include <cstdlib>
@@ -281,7 +280,7 @@ void VLCVideoImpl::prepare()
     ++m_generation;
     m_preroll = Preroll::Opening;
     if (!play(true))
-        m_preroll = Preroll::Failed;
+        m_preroll = Preroll::None;
 }
 
 bool VLCVideoImpl::isReady() const
@@ -374,7 +373,7 @@ void VLCVideoImpl::onPlaybackOver(quint64 generation, bool failed)
     if (!m_playing) {
         // Opened ahead and already over: it is built afresh at its turn and says why there.
         if (m_preroll == Preroll::Opening || m_preroll == Preroll::Held) {
-            m_preroll = Preroll::Failed;
+            m_preroll = Preroll::None;
             emit m_video->end();
         }
         return;
@@ -408,9 +407,6 @@ void VLCVideoImpl::onOpeningTimeout()
 
 void VLCVideoImpl::embedInto()
 {
-    // Prepared under the item on screen, the widget may not have been laid out yet.
-    if (auto *stack = qobject_cast<QStackedWidget *>(m_video->parentWidget()))
-        m_video->setGeometry(stack->contentsRect());
     QWidget *top = m_video->window();
     QWindow *topWindow = top->windowHandle();
     if (!topWindow)

@@ -64,7 +64,7 @@ private:
     std::atomic<quint64> m_generation{0};
     bool m_playing = false;
     // Opened ahead of its turn and held on its first picture, out of sight.
-    enum class Preroll { None, Opening, Held, Failed };
+    enum class Preroll { None, Opening, Held };
     Preroll m_preroll = Preroll::None;
     bool m_stretch = false;
     bool m_mute = false;
