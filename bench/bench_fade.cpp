@@ -39,18 +39,10 @@ QByteArray picture(const QString &path, const QColor &colour, const QSize &size,
 int main(int argc, char *argv[])
 {
     QGuiApplication app(argc, argv);
-    QString program = builtProgram();
-    int rounds = 3;
-    int fadeMs = 1000;
     const QStringList arguments = app.arguments();
-    for (int i = 1; i + 1 < arguments.size(); i += 2) {
-        if (arguments.at(i) == QLatin1String("--program"))
-            program = arguments.at(i + 1);
-        else if (arguments.at(i) == QLatin1String("--rounds"))
-            rounds = qMax(1, arguments.at(i + 1).toInt());
-        else if (arguments.at(i) == QLatin1String("--ms"))
-            fadeMs = qMax(100, arguments.at(i + 1).toInt());
-    }
+    const QString program = option(arguments, "--program", builtProgram());
+    const int rounds = option(arguments, "--rounds", 3, 1);
+    const int fadeMs = option(arguments, "--ms", 1000, 100);
     QScreen *screen = QGuiApplication::primaryScreen();
     const QSize size = screen->geometry().size();
 

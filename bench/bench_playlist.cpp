@@ -65,18 +65,10 @@ qint64 peakResident(qint64 pid)
 int main(int argc, char *argv[])
 {
     QGuiApplication app(argc, argv);
-    QString program = builtProgram();
-    int count = 200000;
-    int rounds = 3;
     const QStringList arguments = app.arguments();
-    for (int i = 1; i + 1 < arguments.size(); i += 2) {
-        if (arguments.at(i) == QLatin1String("--program"))
-            program = arguments.at(i + 1);
-        else if (arguments.at(i) == QLatin1String("--items"))
-            count = qMax(2, arguments.at(i + 1).toInt());
-        else if (arguments.at(i) == QLatin1String("--rounds"))
-            rounds = qMax(1, arguments.at(i + 1).toInt());
-    }
+    const QString program = option(arguments, "--program", builtProgram());
+    const int count = option(arguments, "--items", 200000, 2);
+    const int rounds = option(arguments, "--rounds", 3, 1);
     QScreen *screen = QGuiApplication::primaryScreen();
     const QSize size = screen->geometry().size();
 

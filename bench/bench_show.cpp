@@ -90,15 +90,9 @@ QByteArray makeContent(const QString &dir)
 int main(int argc, char *argv[])
 {
     QGuiApplication app(argc, argv);
-    QString program = builtProgram();
-    int rounds = 10;
     const QStringList arguments = app.arguments();
-    for (int i = 1; i + 1 < arguments.size(); i += 2) {
-        if (arguments.at(i) == QLatin1String("--program"))
-            program = arguments.at(i + 1);
-        else if (arguments.at(i) == QLatin1String("--rounds"))
-            rounds = arguments.at(i + 1).toInt();
-    }
+    const QString program = option(arguments, "--program", builtProgram());
+    const int rounds = option(arguments, "--rounds", 10, 1);
     QScreen *screen = QGuiApplication::primaryScreen();
     const QSize size = screen->geometry().size();
 

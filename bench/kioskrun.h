@@ -54,6 +54,18 @@ inline qint64 percentile(QList<qint64> values, double share)
     return values.at(qMin(int(values.size() * share), int(values.size()) - 1));
 }
 
+// The value given after that option on the command line (--rounds 5), else the fallback.
+inline QString option(const QStringList &arguments, const QString &name, const QString &fallback)
+{
+    const int at = arguments.lastIndexOf(name);
+    return at > 0 && at + 1 < arguments.size() ? arguments.at(at + 1) : fallback;
+}
+
+inline int option(const QStringList &arguments, const QString &name, int fallback, int least)
+{
+    return qMax(least, option(arguments, name, QString::number(fallback)).toInt());
+}
+
 // ffmpeg, quiet, overwriting: makes the animations and clips of a run.
 inline bool ffmpeg(const QStringList &arguments)
 {
