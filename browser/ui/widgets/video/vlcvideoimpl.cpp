@@ -9,11 +9,14 @@
 #include <QDirIterator>
 #include <QFileInfo>
 #include <QGuiApplication>
+#include <QHash>
 #include <QMetaObject>
 #include <QMouseEvent>
+#include <QSocketNotifier>
 #include <QWindow>
 
 #include <cstdlib>
+#include <functional>
 #include <utility>
 #include <vector>
 
@@ -25,6 +28,8 @@ namespace {
 // libVLC reports nothing for some media it cannot open (a stream that never answers); an item
 // without a duration would then stay forever.
 const int openingTimeoutMs = 30000;
+// How long the item before may stay on the screen while a video opens.
+const int revealTimeoutMs = 1500;
 
 // The old Raspberry Pi firmware's OpenMAX output draws the video on a layer of its own; libVLC
 // cannot list its outputs, so the plugin is looked for where libVLC loads its plugins from.
@@ -110,6 +115,102 @@ private:
     QPointer<QWidget> m_owner;
 };
 
+// The program's own X connection for the video windows, apart from Qt's.
+xcb_connection_t *ownConnection()
+{
+    static xcb_connection_t *connection = xcb_connect(nullptr, nullptr);
+    return xcb_connection_has_error(connection) ? nullptr : connection;
+}
+
+// Waits until the server has carried out everything asked before.
+void roundTrip(xcb_connection_t *connection)
+{
+    std::free(xcb_get_input_focus_reply(connection, xcb_get_input_focus(connection), nullptr));
+}
+
+// What to call when a window inside a surface (known by its X window) is mapped or moved.
+QHash<xcb_window_t, std::function<void()>> &childWatchers()
+{
+    static QHash<xcb_window_t, std::function<void()>> watchers;
+    return watchers;
+}
+
+void dispatchEvents()
+{
+    xcb_connection_t *connection = ownConnection();
+    if (!connection)
+        return;
+    while (xcb_generic_event_t *event = xcb_poll_for_event(connection)) {
+        std::function<void()> call;
+        const uint8_t type = event->response_type & ~0x80;
+        if (type == XCB_MAP_NOTIFY)
+            call = childWatchers().value(reinterpret_cast<xcb_map_notify_event_t *>(event)->event);
+        else if (type == XCB_CONFIGURE_NOTIFY)
+            call = childWatchers().value(
+                reinterpret_cast<xcb_configure_notify_event_t *>(event)->event);
+        std::free(event);
+        if (call)
+            call();
+    }
+}
+
+// Replies read on the connection may bring events along, which its socket then no longer
+// announces; they are handled from the event loop, not inside the caller.
+void dispatchLater()
+{
+    QMetaObject::invokeMethod(qApp, &dispatchEvents, Qt::QueuedConnection);
+}
+
+// libVLC opens its output as a window inside the surface once it knows the picture's size, at
+// that size in a corner, and moves it into place just after: the callback runs on both.
+void watchChildren(WId surface, std::function<void()> changed)
+{
+    xcb_connection_t *connection = ownConnection();
+    if (!connection)
+        return;
+    static QSocketNotifier *notifier = [connection] {
+        auto *events
+            = new QSocketNotifier(xcb_get_file_descriptor(connection), QSocketNotifier::Read, qApp);
+        QObject::connect(events, &QSocketNotifier::activated, qApp, &dispatchEvents);
+        return events;
+    }();
+    Q_UNUSED(notifier);
+    const uint32_t mask = XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY;
+    xcb_change_window_attributes(connection, xcb_window_t(surface), XCB_CW_EVENT_MASK, &mask);
+    xcb_flush(connection);
+    childWatchers().insert(xcb_window_t(surface), std::move(changed));
+}
+
+// Whether libVLC's window in the surface is up and in its place: the picture fitted into the
+// area spans it in one direction at least.
+bool outputPlaced(WId surface)
+{
+    xcb_connection_t *connection = ownConnection();
+    if (!connection)
+        return true;
+    const auto window = xcb_window_t(surface);
+    xcb_get_geometry_reply_t *area
+        = xcb_get_geometry_reply(connection, xcb_get_geometry(connection, window), nullptr);
+    xcb_query_tree_reply_t *tree
+        = xcb_query_tree_reply(connection, xcb_query_tree(connection, window), nullptr);
+    bool placed = false;
+    const xcb_window_t *children = tree ? xcb_query_tree_children(tree) : nullptr;
+    for (int i = 0; area && children && i < xcb_query_tree_children_length(tree) && !placed; ++i) {
+        xcb_get_window_attributes_reply_t *attributes = xcb_get_window_attributes_reply(
+            connection, xcb_get_window_attributes(connection, children[i]), nullptr);
+        xcb_get_geometry_reply_t *child = xcb_get_geometry_reply(
+            connection, xcb_get_geometry(connection, children[i]), nullptr);
+        placed = attributes && child && attributes->map_state != XCB_MAP_STATE_UNMAPPED
+                 && (child->width == area->width || child->height == area->height);
+        std::free(attributes);
+        std::free(child);
+    }
+    std::free(tree);
+    std::free(area);
+    dispatchLater();
+    return placed;
+}
+
 // X paints a window's background the moment it is mapped: libVLC's window, black, would show a
 // frame of black before its next picture. Mapped with no background, its pixels stay what the
 // screen showed (the item before) until libVLC draws over them. Only the margins around a
@@ -119,8 +220,8 @@ private:
 // (which changes nothing then).
 void mapOverScreen(WId surface)
 {
-    static xcb_connection_t *connection = xcb_connect(nullptr, nullptr);
-    if (xcb_connection_has_error(connection))
+    xcb_connection_t *connection = ownConnection();
+    if (!connection)
         return;
     const auto window = xcb_window_t(surface);
     xcb_query_tree_reply_t *tree
@@ -143,7 +244,36 @@ void mapOverScreen(WId surface)
     xcb_change_window_attributes(connection, window, XCB_CW_BACK_PIXEL, &black);
     xcb_map_window(connection, window);
     xcb_change_window_attributes(connection, window, XCB_CW_BACK_PIXMAP, &none);
-    std::free(xcb_get_input_focus_reply(connection, xcb_get_input_focus(connection), nullptr));
+    roundTrip(connection);
+    dispatchLater();
+}
+
+// A window with no background over an area of the program's window: what the screen shows there
+// stays as it is, and nothing painted under it shows, until it goes.
+quint32 freezeArea(WId parent, const QRect &area)
+{
+    xcb_connection_t *connection = ownConnection();
+    if (!connection || area.isEmpty())
+        return XCB_WINDOW_NONE;
+    const xcb_window_t window = xcb_generate_id(connection);
+    const uint32_t none = XCB_BACK_PIXMAP_NONE;
+    xcb_create_window(connection, XCB_COPY_FROM_PARENT, window, xcb_window_t(parent),
+                      int16_t(area.x()), int16_t(area.y()), uint16_t(area.width()),
+                      uint16_t(area.height()), 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,
+                      XCB_COPY_FROM_PARENT, XCB_CW_BACK_PIXMAP, &none);
+    xcb_map_window(connection, window);
+    roundTrip(connection);
+    dispatchLater();
+    return window;
+}
+
+void thawArea(quint32 window)
+{
+    xcb_connection_t *connection = ownConnection();
+    if (!connection || window == XCB_WINDOW_NONE)
+        return;
+    xcb_destroy_window(connection, window);
+    xcb_flush(connection);
 }
 
 // One libVLC instance serves every video for the life of the process: loading the plugins for
@@ -194,11 +324,15 @@ VLCVideoImpl::VLCVideoImpl(Video *video, PlaylistItem *item)
                         this);
     libvlc_event_attach(events, libvlc_MediaPlayerEncounteredError, &VLCVideoImpl::onMediaError,
                         this);
-    libvlc_event_attach(events, libvlc_MediaPlayerVout, &VLCVideoImpl::onVideoOutput, this);
 
     m_openingTimer.setSingleShot(true);
     m_openingTimer.setInterval(openingTimeoutMs);
     QObject::connect(&m_openingTimer, &QTimer::timeout, video, [this] { onOpeningTimeout(); });
+    // Media with no picture (sound only) or an output that is slow to open: its window shows
+    // after this, picture or not.
+    m_revealTimer.setSingleShot(true);
+    m_revealTimer.setInterval(revealTimeoutMs);
+    QObject::connect(&m_revealTimer, &QTimer::timeout, video, [this] { reveal(); });
 }
 
 VLCVideoImpl::~VLCVideoImpl()
@@ -210,11 +344,12 @@ VLCVideoImpl::~VLCVideoImpl()
                             this);
         libvlc_event_detach(events, libvlc_MediaPlayerEncounteredError, &VLCVideoImpl::onMediaError,
                             this);
-        libvlc_event_detach(events, libvlc_MediaPlayerVout, &VLCVideoImpl::onVideoOutput, this);
         libvlc_media_player_stop(m_player);
         libvlc_media_player_release(m_player);
     }
     releaseMedia();
+    thawArea(std::exchange(m_freeze, 0));
+    childWatchers().remove(m_watched);
     delete m_surface.data();
 }
 
@@ -252,7 +387,8 @@ bool VLCVideoImpl::start()
 {
     qDebug() << "Reading uri:" << mediaAddress(m_location).toEncoded();
     m_playing = true;
-    if (m_preroll == Preroll::Opening || m_preroll == Preroll::Held) {
+    m_openingTimer.start();
+    if (m_preroll == Preroll::Held) {
         // Opened ahead: its window goes up over the item before, and its sound starts now.
         m_preroll = Preroll::None;
         showSurface();
@@ -260,16 +396,24 @@ bool VLCVideoImpl::start()
         // than when the clock, resumed, reaches it.
         libvlc_media_player_next_frame(m_player);
         libvlc_media_player_set_pause(m_player, 0);
-        m_openingTimer.start();
         return true;
     }
-    m_preroll = Preroll::None;
+    // Its window, shown before libVLC has drawn into it, would be black: the item before stays
+    // on the screen until libVLC's output is open.
+    if (videoOutput() == Output::XWindow && !m_freeze) {
+        const QRect area = areaInWindow();
+        const qreal ratio = m_video->devicePixelRatioF();
+        m_freeze = freezeArea(m_video->window()->winId(),
+                              QRect(area.topLeft() * ratio, area.size() * ratio));
+        m_revealTimer.start();
+    }
+    if (std::exchange(m_preroll, Preroll::None) == Preroll::Opening) {
+        libvlc_media_player_set_pause(m_player, 0);
+        return true;
+    }
     ++m_generation;
-    if (!play(false)) {
+    if (!play(false))
         postPlaybackOver(true);
-        return true;
-    }
-    m_openingTimer.start();
     return true;
 }
 
@@ -303,11 +447,8 @@ bool VLCVideoImpl::play(bool held)
     if (held)
         libvlc_media_add_option(m_media, ":start-paused");
     libvlc_media_player_set_media(m_player, m_media);
-    if (videoOutput() == Output::XWindow) {
+    if (videoOutput() == Output::XWindow)
         embedInto();
-        if (!held)
-            showSurface();
-    }
     if (libvlc_media_player_play(m_player) != 0)
         return false;
     if (held)
@@ -321,10 +462,12 @@ bool VLCVideoImpl::stop()
     m_playing = false;
     m_preroll = Preroll::None;
     m_openingTimer.stop();
+    m_revealTimer.stop();
     if (m_player)
         libvlc_media_player_stop(m_player);
     releaseMedia();
     hideSurface();
+    thawArea(std::exchange(m_freeze, 0));
     return true;
 }
 
@@ -338,23 +481,26 @@ void VLCVideoImpl::onMediaError(const libvlc_event_t *, void *data)
     static_cast<VLCVideoImpl *>(data)->postPlaybackOver(true);
 }
 
-void VLCVideoImpl::onVideoOutput(const libvlc_event_t *event, void *data)
+void VLCVideoImpl::onOutputWindow()
 {
-    if (event->u.media_player_vout.new_count < 1)
+    if (!outputPlaced(m_watched))
         return;
-    auto *self = static_cast<VLCVideoImpl *>(data);
-    const quint64 generation = self->m_generation.load();
-    QMetaObject::invokeMethod(
-        self->m_video, [self, generation] { self->onOutputOpened(generation); },
-        Qt::QueuedConnection);
+    if (m_preroll == Preroll::Opening) {
+        m_preroll = Preroll::Held;
+        emit m_video->notifier()->ready();
+    } else if (m_playing) {
+        reveal();
+    }
 }
 
-void VLCVideoImpl::onOutputOpened(quint64 generation)
+void VLCVideoImpl::reveal()
 {
-    if (generation != m_generation.load() || m_preroll != Preroll::Opening)
+    if (!m_freeze)
         return;
-    m_preroll = Preroll::Held;
-    emit m_video->notifier()->ready();
+    m_revealTimer.stop();
+    // Over the frozen area first, so that nothing under either shows in between.
+    showSurface();
+    thawArea(std::exchange(m_freeze, 0));
 }
 
 void VLCVideoImpl::postPlaybackOver(bool failed)
@@ -411,8 +557,11 @@ void VLCVideoImpl::embedInto()
     QWindow *topWindow = top->windowHandle();
     if (!topWindow)
         return;
-    if (!m_surface)
+    if (!m_surface) {
         m_surface = new VideoSurface(topWindow, m_video);
+        m_watched = quint32(m_surface->winId());
+        watchChildren(m_watched, [this] { onOutputWindow(); });
+    }
     placeSurface();
     libvlc_media_player_set_xwindow(m_player, quint32(m_surface->winId()));
     // Stretched, the picture takes the widget's shape; otherwise it keeps its own, fitted inside.
@@ -438,9 +587,14 @@ void VLCVideoImpl::showSurface()
     m_surface->raise();
 }
 
+QRect VLCVideoImpl::areaInWindow() const
+{
+    return QRect(m_video->mapTo(m_video->window(), QPoint(0, 0)), m_video->size());
+}
+
 void VLCVideoImpl::placeSurface()
 {
-    m_surface->setGeometry(QRect(m_video->mapTo(m_video->window(), QPoint(0, 0)), m_video->size()));
+    m_surface->setGeometry(areaInWindow());
 }
 
 void VLCVideoImpl::hideSurface()

@@ -3,6 +3,7 @@
 #include "videoimpl.h"
 
 #include <QPointer>
+#include <QRect>
 #include <QString>
 #include <QTimer>
 #include <QUrl>
@@ -39,15 +40,18 @@ private:
     // Called on libVLC's event thread.
     static void onMediaEndReached(const libvlc_event_t *event, void *data);
     static void onMediaError(const libvlc_event_t *event, void *data);
-    static void onVideoOutput(const libvlc_event_t *event, void *data);
 
     void postPlaybackOver(bool failed);
     void onPlaybackOver(quint64 generation, bool failed);
     void onOpeningTimeout();
-    void onOutputOpened(quint64 generation);
+    // libVLC's window is up inside the surface: a picture follows.
+    void onOutputWindow();
     bool play(bool held);
     void embedInto();
     void showSurface();
+    // Shows the window libVLC draws into over the area kept as it was since the start.
+    void reveal();
+    QRect areaInWindow() const;
     void placeSurface();
     void hideSurface();
     void releaseMedia();
@@ -59,6 +63,8 @@ private:
     libvlc_media_t *m_media = nullptr;
     // The X window libVLC draws into: a window of its own over the widget, not the widget's.
     QPointer<QWindow> m_surface;
+    // The surface's X window, watched for the window libVLC opens in it.
+    quint32 m_watched = 0;
 
     // Counts starts and stops, so that an event of an earlier playback is recognised as stale.
     std::atomic<quint64> m_generation{0};
@@ -69,4 +75,7 @@ private:
     bool m_stretch = false;
     bool m_mute = false;
     QTimer m_openingTimer;
+    // The X window keeping the item before on the screen while libVLC opens; 0 when none.
+    quint32 m_freeze = 0;
+    QTimer m_revealTimer;
 };
