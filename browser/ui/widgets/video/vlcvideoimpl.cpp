@@ -30,6 +30,10 @@ namespace {
 const int openingTimeoutMs = 30000;
 // How long the item before may stay on the screen while a video opens.
 const int revealTimeoutMs = 1500;
+// libVLC's outputs for X open a window inside the surface just after reporting themselves; one
+// that draws otherwise (into the surface itself, or on a plane of its own) counts as open after
+// this.
+const int outputWindowGraceMs = 300;
 
 // The old Raspberry Pi firmware's OpenMAX output draws the video on a layer of its own; libVLC
 // cannot list its outputs, so the plugin is looked for where libVLC loads its plugins from.
@@ -324,6 +328,7 @@ VLCVideoImpl::VLCVideoImpl(Video *video, PlaylistItem *item)
                         this);
     libvlc_event_attach(events, libvlc_MediaPlayerEncounteredError, &VLCVideoImpl::onMediaError,
                         this);
+    libvlc_event_attach(events, libvlc_MediaPlayerVout, &VLCVideoImpl::onVideoOutput, this);
 
     m_openingTimer.setSingleShot(true);
     m_openingTimer.setInterval(openingTimeoutMs);
@@ -333,6 +338,9 @@ VLCVideoImpl::VLCVideoImpl(Video *video, PlaylistItem *item)
     m_revealTimer.setSingleShot(true);
     m_revealTimer.setInterval(revealTimeoutMs);
     QObject::connect(&m_revealTimer, &QTimer::timeout, video, [this] { reveal(); });
+    m_outputGrace.setSingleShot(true);
+    m_outputGrace.setInterval(outputWindowGraceMs);
+    QObject::connect(&m_outputGrace, &QTimer::timeout, video, [this] { onOutputWindow(true); });
 }
 
 VLCVideoImpl::~VLCVideoImpl()
@@ -344,6 +352,7 @@ VLCVideoImpl::~VLCVideoImpl()
                             this);
         libvlc_event_detach(events, libvlc_MediaPlayerEncounteredError, &VLCVideoImpl::onMediaError,
                             this);
+        libvlc_event_detach(events, libvlc_MediaPlayerVout, &VLCVideoImpl::onVideoOutput, this);
         libvlc_media_player_stop(m_player);
         libvlc_media_player_release(m_player);
     }
@@ -464,6 +473,7 @@ bool VLCVideoImpl::stop()
     m_preroll = Preroll::None;
     m_openingTimer.stop();
     m_revealTimer.stop();
+    m_outputGrace.stop();
     if (m_player)
         libvlc_media_player_stop(m_player);
     releaseMedia();
@@ -482,10 +492,26 @@ void VLCVideoImpl::onMediaError(const libvlc_event_t *, void *data)
     static_cast<VLCVideoImpl *>(data)->postPlaybackOver(true);
 }
 
-void VLCVideoImpl::onOutputWindow()
+void VLCVideoImpl::onVideoOutput(const libvlc_event_t *event, void *data)
 {
-    if (!outputPlaced(m_watched))
+    if (event->u.media_player_vout.new_count < 1)
         return;
+    auto *self = static_cast<VLCVideoImpl *>(data);
+    const quint64 generation = self->m_generation.load();
+    QMetaObject::invokeMethod(
+        self->m_video,
+        [self, generation] {
+            if (generation == self->m_generation.load())
+                self->m_outputGrace.start();
+        },
+        Qt::QueuedConnection);
+}
+
+void VLCVideoImpl::onOutputWindow(bool anyway)
+{
+    if (!anyway && !outputPlaced(m_watched))
+        return;
+    m_outputGrace.stop();
     if (m_preroll == Preroll::Opening) {
         m_preroll = Preroll::Held;
         emit m_video->notifier()->ready();
@@ -561,7 +587,7 @@ void VLCVideoImpl::embedInto()
     if (!m_surface) {
         m_surface = new VideoSurface(topWindow, m_video);
         m_watched = quint32(m_surface->winId());
-        watchChildren(m_watched, [this] { onOutputWindow(); });
+        watchChildren(m_watched, [this] { onOutputWindow(false); });
     }
     placeSurface();
     libvlc_media_player_set_xwindow(m_player, quint32(m_surface->winId()));

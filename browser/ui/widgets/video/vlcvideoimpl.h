@@ -40,12 +40,14 @@ private:
     // Called on libVLC's event thread.
     static void onMediaEndReached(const libvlc_event_t *event, void *data);
     static void onMediaError(const libvlc_event_t *event, void *data);
+    static void onVideoOutput(const libvlc_event_t *event, void *data);
 
     void postPlaybackOver(bool failed);
     void onPlaybackOver(quint64 generation, bool failed);
     void onOpeningTimeout();
-    // libVLC's window is up inside the surface: a picture follows.
-    void onOutputWindow();
+    // libVLC's window is up inside the surface (or, anyway, its output is open): a picture
+    // follows.
+    void onOutputWindow(bool anyway);
     bool play(bool held);
     void embedInto();
     void showSurface();
@@ -78,4 +80,5 @@ private:
     // The X window keeping the item before on the screen while libVLC opens; 0 when none.
     quint32 m_freeze = 0;
     QTimer m_revealTimer;
+    QTimer m_outputGrace;
 };
