@@ -410,11 +410,12 @@ bool VLCVideoImpl::start()
     }
     // Its window, shown before libVLC has drawn into it, would be black: the item before stays
     // on the screen until libVLC's output is open.
-    if (videoOutput() == Output::XWindow && !m_freeze) {
+    if (videoOutput() == Output::XWindow && !m_revealPending) {
         const QRect area = areaInWindow();
         const qreal ratio = m_video->devicePixelRatioF();
         m_freeze = freezeArea(m_video->window()->winId(),
                               QRect(area.topLeft() * ratio, area.size() * ratio));
+        m_revealPending = true;
         m_revealTimer.start();
     }
     if (std::exchange(m_preroll, Preroll::None) == Preroll::Opening) {
@@ -478,6 +479,7 @@ bool VLCVideoImpl::stop()
         libvlc_media_player_stop(m_player);
     releaseMedia();
     hideSurface();
+    m_revealPending = false;
     thawArea(std::exchange(m_freeze, 0));
     return true;
 }
@@ -522,7 +524,8 @@ void VLCVideoImpl::onOutputWindow(bool anyway)
 
 void VLCVideoImpl::reveal()
 {
-    if (!m_freeze)
+    // Shown once per start, frozen area or not (none without an X connection of its own).
+    if (!std::exchange(m_revealPending, false))
         return;
     m_revealTimer.stop();
     // Over the frozen area first, so that nothing under either shows in between.

@@ -79,6 +79,8 @@ private:
     QTimer m_openingTimer;
     // The X window keeping the item before on the screen while libVLC opens; 0 when none.
     quint32 m_freeze = 0;
+    // Started, its window not shown yet.
+    bool m_revealPending = false;
     QTimer m_revealTimer;
     QTimer m_outputGrace;
 };
