@@ -139,20 +139,28 @@ void TestGapless::orderChange_data()
     QTest::addColumn<QByteArray>("command");
     QTest::addColumn<QColor>("shown");
     QTest::addColumn<bool>("preparedUsed");
-    QTest::addColumn<QString>("lastKind");
+    QTest::addColumn<QString>("greenKind");
+    QTest::addColumn<QString>("yellowKind");
 
     // Positions count the demo picture after the first item: red, demo, green, blue, yellow.
     const QByteArray goToLast = R"({"action": 2, "data": {"index": 4, "loop": 0}})";
-    QTest::newRow("next") << QByteArray(R"({"action": 1})") << blue << true << "image";
+    QTest::newRow("next") << QByteArray(R"({"action": 1})") << blue << true << "image"
+                          << "image";
     QTest::newRow("go to the prepared item")
         << QByteArray(R"({"action": 2, "data": {"index": 3, "loop": 0}})") << blue << true
+        << "image"
         << "image";
-    QTest::newRow("go to a later item") << goToLast << yellow << false << "image";
+    QTest::newRow("go to a later item") << goToLast << yellow << false << "image"
+                                        << "image";
     QTest::newRow("go to an earlier item")
         << QByteArray(R"({"action": 2, "data": {"index": 0, "loop": 0}})") << red << false
+        << "image"
         << "image";
-    // Opened only now: the picture stays until the video has one of its own.
-    QTest::newRow("go to a video") << goToLast << yellow << false << "video";
+    // Opened only now: the item before stays until the video has a picture of its own.
+    QTest::newRow("go to a video") << goToLast << yellow << false << "image"
+                                   << "video";
+    QTest::newRow("go from a video to another") << goToLast << yellow << false << "video"
+                                                << "video";
 }
 
 void TestGapless::orderChange()
@@ -160,11 +168,12 @@ void TestGapless::orderChange()
     QFETCH(QByteArray, command);
     QFETCH(QColor, shown);
     QFETCH(bool, preparedUsed);
-    QFETCH(QString, lastKind);
+    QFETCH(QString, greenKind);
+    QFETCH(QString, yellowKind);
 
     KioskProcess kiosk;
-    const QByteArray items = item(kiosk, "image", red, 60) + item(kiosk, "image", green, 60)
-                             + item(kiosk, "image", blue, 60) + item(kiosk, lastKind, yellow, 60);
+    const QByteArray items = item(kiosk, "image", red, 60) + item(kiosk, greenKind, green, 60)
+                             + item(kiosk, "image", blue, 60) + item(kiosk, yellowKind, yellow, 60);
     QVERIFY(
         kiosk.start(schedule(xmlLoop("id=\"0\"", items)), wholeScreen("external_player=false\n")));
     QVERIFY2(screenShows(red), kiosk.log().right(3000));
