@@ -13,6 +13,7 @@
 #include <QMetaObject>
 #include <QMouseEvent>
 #include <QSocketNotifier>
+#include <QVector>
 #include <QWindow>
 
 #include <cstdlib>
@@ -126,12 +127,6 @@ xcb_connection_t *ownConnection()
     return xcb_connection_has_error(connection) ? nullptr : connection;
 }
 
-// Waits until the server has carried out everything asked before.
-void roundTrip(xcb_connection_t *connection)
-{
-    std::free(xcb_get_input_focus_reply(connection, xcb_get_input_focus(connection), nullptr));
-}
-
 // What to call when a window inside a surface (known by its X window) is mapped or moved.
 QHash<xcb_window_t, std::function<void()>> &childWatchers()
 {
@@ -165,6 +160,32 @@ void dispatchLater()
     QMetaObject::invokeMethod(qApp, &dispatchEvents, Qt::QueuedConnection);
 }
 
+// Waits until the server has carried out everything asked before.
+void roundTrip(xcb_connection_t *connection)
+{
+    std::free(xcb_get_input_focus_reply(connection, xcb_get_input_focus(connection), nullptr));
+    dispatchLater();
+}
+
+// The windows inside a window; the root of its screen too, if asked.
+QVector<xcb_window_t> childrenOf(xcb_connection_t *connection, xcb_window_t window,
+                                 xcb_window_t *root = nullptr)
+{
+    QVector<xcb_window_t> children;
+    xcb_query_tree_reply_t *tree
+        = xcb_query_tree_reply(connection, xcb_query_tree(connection, window), nullptr);
+    if (tree) {
+        const xcb_window_t *ids = xcb_query_tree_children(tree);
+        for (int i = 0; i < xcb_query_tree_children_length(tree); ++i)
+            children.append(ids[i]);
+        if (root)
+            *root = tree->root;
+    }
+    std::free(tree);
+    dispatchLater();
+    return children;
+}
+
 // libVLC opens its output as a window inside the surface once it knows the picture's size, at
 // that size in a corner, and moves it into place just after: the callback runs on both.
 void watchChildren(WId surface, std::function<void()> changed)
@@ -193,23 +214,28 @@ bool outputPlaced(WId surface)
     if (!connection)
         return true;
     const auto window = xcb_window_t(surface);
-    xcb_get_geometry_reply_t *area
-        = xcb_get_geometry_reply(connection, xcb_get_geometry(connection, window), nullptr);
-    xcb_query_tree_reply_t *tree
-        = xcb_query_tree_reply(connection, xcb_query_tree(connection, window), nullptr);
+    const xcb_get_geometry_cookie_t areaAsked = xcb_get_geometry(connection, window);
+    const QVector<xcb_window_t> children = childrenOf(connection, window);
+    // Everything asked first, every answer read after: one wait for the server, not one per child.
+    QVector<xcb_get_window_attributes_cookie_t> attributesAsked;
+    QVector<xcb_get_geometry_cookie_t> geometryAsked;
+    for (const xcb_window_t child : children) {
+        attributesAsked.append(xcb_get_window_attributes(connection, child));
+        geometryAsked.append(xcb_get_geometry(connection, child));
+    }
+    xcb_get_geometry_reply_t *area = xcb_get_geometry_reply(connection, areaAsked, nullptr);
     bool placed = false;
-    const xcb_window_t *children = tree ? xcb_query_tree_children(tree) : nullptr;
-    for (int i = 0; area && children && i < xcb_query_tree_children_length(tree) && !placed; ++i) {
-        xcb_get_window_attributes_reply_t *attributes = xcb_get_window_attributes_reply(
-            connection, xcb_get_window_attributes(connection, children[i]), nullptr);
-        xcb_get_geometry_reply_t *child = xcb_get_geometry_reply(
-            connection, xcb_get_geometry(connection, children[i]), nullptr);
-        placed = attributes && child && attributes->map_state != XCB_MAP_STATE_UNMAPPED
-                 && (child->width == area->width || child->height == area->height);
+    for (int i = 0; i < children.size(); ++i) {
+        xcb_get_window_attributes_reply_t *attributes
+            = xcb_get_window_attributes_reply(connection, attributesAsked.at(i), nullptr);
+        xcb_get_geometry_reply_t *child
+            = xcb_get_geometry_reply(connection, geometryAsked.at(i), nullptr);
+        placed = placed
+                 || (area && attributes && child && attributes->map_state != XCB_MAP_STATE_UNMAPPED
+                     && (child->width == area->width || child->height == area->height));
         std::free(attributes);
         std::free(child);
     }
-    std::free(tree);
     std::free(area);
     dispatchLater();
     return placed;
@@ -228,28 +254,24 @@ void mapOverScreen(WId surface)
     if (!connection)
         return;
     const auto window = xcb_window_t(surface);
-    xcb_query_tree_reply_t *tree
-        = xcb_query_tree_reply(connection, xcb_query_tree(connection, window), nullptr);
-    if (!tree)
-        return;
+    xcb_window_t root = XCB_WINDOW_NONE;
     const uint32_t none = XCB_BACK_PIXMAP_NONE;
-    const xcb_window_t *children = xcb_query_tree_children(tree);
-    for (int i = 0; i < xcb_query_tree_children_length(tree); ++i)
-        xcb_change_window_attributes(connection, children[i], XCB_CW_BACK_PIXMAP, &none);
+    for (const xcb_window_t child : childrenOf(connection, window, &root))
+        xcb_change_window_attributes(connection, child, XCB_CW_BACK_PIXMAP, &none);
+    if (root == XCB_WINDOW_NONE)
+        return;
     uint32_t black = 0;
     for (xcb_screen_iterator_t screen = xcb_setup_roots_iterator(xcb_get_setup(connection));
          screen.rem; xcb_screen_next(&screen)) {
-        if (screen.data->root == tree->root)
+        if (screen.data->root == root)
             black = screen.data->black_pixel;
     }
-    std::free(tree);
     const uint32_t above = XCB_STACK_MODE_ABOVE;
     xcb_configure_window(connection, window, XCB_CONFIG_WINDOW_STACK_MODE, &above);
     xcb_change_window_attributes(connection, window, XCB_CW_BACK_PIXEL, &black);
     xcb_map_window(connection, window);
     xcb_change_window_attributes(connection, window, XCB_CW_BACK_PIXMAP, &none);
     roundTrip(connection);
-    dispatchLater();
 }
 
 // A window with no background over an area of the program's window: what the screen shows there
@@ -267,7 +289,6 @@ quint32 freezeArea(WId parent, const QRect &area)
                       XCB_COPY_FROM_PARENT, XCB_CW_BACK_PIXMAP, &none);
     xcb_map_window(connection, window);
     roundTrip(connection);
-    dispatchLater();
     return window;
 }
 
