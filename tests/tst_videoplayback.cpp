@@ -137,8 +137,9 @@ void TestVideoPlayback::videoBetweenPictures()
 void TestVideoPlayback::videoAfterWebPageGivesTheScreenBack()
 {
     KioskProcess kiosk;
-    // Composed with OpenGL, as on a player, not with the software scene graph other tests use.
-    kiosk.setEnvironment(QStringLiteral("QT_QUICK_BACKEND"), QString());
+    // Composed with OpenGL, as on a player with a graphics chip, not with the software scene graph
+    // other tests use.
+    kiosk.setEnvironment(QStringLiteral("QT_QUICK_BACKEND"), QStringLiteral("rhi"));
     const QString page = kiosk.home().filePath(QStringLiteral("page.html"));
     QVERIFY(writeFile(page, "<html><body style='background:#ffff00'></body></html>"));
     const QString video = kiosk.home().filePath(QStringLiteral("video.mp4"));
