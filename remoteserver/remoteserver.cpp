@@ -151,7 +151,11 @@ bool RemoteServer::start()
         return false;
     }
     qInfo() << "Remote server listening on" << host << "port" << m_config.port;
-    m_thread = std::thread([this] { m_server->listen_after_bind(); });
+    m_listenEnded = false;
+    m_thread = std::thread([this] {
+        m_server->listen_after_bind();
+        m_listenEnded = true;
+    });
     return true;
 }
 
@@ -159,6 +163,11 @@ void RemoteServer::stop()
 {
     if (!m_thread.joinable())
         return;
+    // The library ignores a stop that comes before its loop runs, and would then listen for
+    // ever: a program ended at once after its start (a killed player) left its server behind,
+    // holding the port. The loop starts within microseconds of the thread.
+    while (!m_server->is_running() && !m_listenEnded)
+        std::this_thread::yield();
     m_server->stop();
     m_thread.join();
     m_server->closeWaiting();

@@ -8,6 +8,7 @@
 #include <QJsonObject>
 #include <QString>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -105,5 +106,7 @@ private:
     PlaylistFile m_playlist;
     std::unique_ptr<GuardedHttpServer> m_server;
     std::thread m_thread;
+    // The listening loop has come to its end (whether it ran or failed at once).
+    std::atomic<bool> m_listenEnded{false};
     mutable std::mutex m_files;
 };

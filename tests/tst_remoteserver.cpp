@@ -2,6 +2,7 @@
 #include "customqwebpage.h"
 #include "kioskprocess.h"
 #include "remoteprotocol.h"
+#include "remoteserver.h"
 #include "settings.h"
 #include "testsupport.h"
 #include "webtest.h"
@@ -19,6 +20,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <future>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -187,6 +189,7 @@ private Q_SLOTS:
     void pageRunsInTheWebEngine();
     void kioskRunsAndEndsServer_data();
     void kioskRunsAndEndsServer();
+    void stopsRightAfterItsStart();
 
 private:
     QNetworkReply *request(const QByteArray &method, const QString &path,
@@ -818,10 +821,9 @@ void TestRemoteServer::pageRunsInTheWebEngine()
     auto *page = new CustomQWebPage(&view);
     view.setPage(page);
     QStringList errors;
-    connect(page, &CustomQWebPage::scriptError, this,
-            [&errors](const QString &message, int line) {
-                errors << QStringLiteral("%1: %2").arg(line).arg(message);
-            });
+    connect(page, &CustomQWebPage::scriptError, this, [&errors](const QString &message, int line) {
+        errors << QStringLiteral("%1: %2").arg(line).arg(message);
+    });
     QSignalSpy loaded(&view, &WebView::loadFinished);
     view.load(QUrl(QStringLiteral("http://127.0.0.1:%1/?k=%2")
                        .arg(m_port)
@@ -878,6 +880,29 @@ void TestRemoteServer::kioskRunsAndEndsServer()
     QTRY_VERIFY_WITH_TIMEOUT((probe.abort(), probe.connectToHost(QHostAddress::LocalHost, port),
                               !probe.waitForConnected(200)),
                              10000);
+}
+
+// A player killed just after its start stops its server at once: the server must not go on
+// listening, holding the port, because its loop had not begun when the stop came.
+void TestRemoteServer::stopsRightAfterItsStart()
+{
+    const TempHome home;
+    RemoteServer::Config config;
+    config.port = closedPort();
+    config.home = home.path();
+    config.playlistPath = home.filePath("conf/playlist");
+    config.loopsPath = config.playlistPath;
+    for (int round = 0; round < 200; ++round) {
+        auto server = std::make_unique<RemoteServer>(config);
+        QVERIFY(server->start());
+        std::future<void> stopped = std::async(std::launch::async, [&server] { server->stop(); });
+        // A stop that never returns cannot be waited for: the test ends here.
+        if (stopped.wait_for(std::chrono::seconds(10)) != std::future_status::ready)
+            qFatal("Round %d: the remote server did not stop", round);
+        QTcpSocket probe;
+        probe.connectToHost(QHostAddress::LocalHost, config.port);
+        QVERIFY2(!probe.waitForConnected(1000), qPrintable(QString("round %1").arg(round)));
+    }
 }
 
 QTEST_MAIN(TestRemoteServer)
