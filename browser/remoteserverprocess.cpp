@@ -12,33 +12,10 @@
 #include <QLockFile>
 #include <QProcessEnvironment>
 
-#include <csignal>
-#include <sys/prctl.h>
-
 namespace {
 // A server that ran this long was healthy: a later death restarts it quickly again.
 const int healthyRunMs = 30000;
-
-// Runs in the child, between fork and exec.
-void endWithParent()
-{
-    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-}
 } // namespace
-
-RemoteServerProcess::Child::Child()
-{
-#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
-    setChildProcessModifier(endWithParent);
-#endif
-}
-
-#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
-void RemoteServerProcess::Child::setupChildProcess()
-{
-    endWithParent();
-}
-#endif
 
 RemoteServerProcess::RemoteServerProcess(QObject *parent)
     : QObject(parent)

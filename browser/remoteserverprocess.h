@@ -1,5 +1,7 @@
 #pragma once
 
+#include "childprocess.h"
+
 #include <QElapsedTimer>
 #include <QObject>
 #include <QProcess>
@@ -41,19 +43,7 @@ private:
     void onFinished(int exitCode, QProcess::ExitStatus status);
 
     // Ends the server when the kiosk dies without cleaning up (SIGTERM, SIGKILL, a crash).
-    class Child : public QProcess
-    {
-    public:
-        Child();
-
-#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
-    protected:
-        // Qt 6 dropped this hook: there the constructor sets a child-process modifier instead.
-        void setupChildProcess() override;
-#endif
-    };
-
-    Child m_process;
+    ChildProcess m_process{ChildProcess::EndsWithParent};
     std::unique_ptr<QLockFile> m_lock;
     QStringList m_arguments;
     QString m_key;

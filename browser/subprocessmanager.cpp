@@ -18,28 +18,12 @@ bool groupAlive(qint64 group)
 {
     return ::kill(pid_t(-group), 0) == 0;
 }
-
-// Runs in the child, between fork and exec.
-void leadOwnGroup()
-{
-    ::setpgid(0, 0);
-}
 } // namespace
 
 RProcess::RProcess(QObject *parent)
-    : QProcess(parent)
+    : ChildProcess(OwnGroup, parent)
 {
-#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
-    setChildProcessModifier(leadOwnGroup);
-#endif
 }
-
-#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
-void RProcess::setupChildProcess()
-{
-    leadOwnGroup();
-}
-#endif
 
 SubprocessManager::SubprocessManager(QObject *parent)
     : QObject(parent)

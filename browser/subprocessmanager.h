@@ -1,25 +1,19 @@
 #pragma once
 
+#include "childprocess.h"
+
 #include <QList>
 #include <QObject>
 #include <QPointer>
-#include <QProcess>
 
 // A child program that leads its own process group, so that everything it starts in turn
 // (xdg-open hands the file on to the real viewer) can be ended together.
-class RProcess : public QProcess
+class RProcess : public ChildProcess
 {
     Q_OBJECT
 
 public:
     explicit RProcess(QObject *parent = nullptr);
-
-#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
-protected:
-    // Qt 6 dropped this hook: there the constructor hands the same step to
-    // setChildProcessModifier(), which Qt 5 lacks.
-    void setupChildProcess() override;
-#endif
 };
 
 // Shows downloaded files in desktop programs and ends them all when the session ends.

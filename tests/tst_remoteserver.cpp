@@ -153,6 +153,40 @@ private:
     quint16 m_port = 0;
     QByteArray m_output;
 };
+
+// What the descriptors of a process above its standard channels point at: sockets and pipes by
+// their number, files by their path.
+QSet<QString> openObjects(qint64 pid)
+{
+    QSet<QString> objects;
+    const QDir fds(QStringLiteral("/proc/%1/fd").arg(pid));
+    for (const QString &fd : fds.entryList(QDir::System | QDir::NoDotAndDotDot)) {
+        char target[4096];
+        const ssize_t length = ::readlink(qPrintable(fds.filePath(fd)), target, sizeof target);
+        const QString object = QString::fromUtf8(target, int(qMax<ssize_t>(length, 0)));
+        // Event and timer descriptors carry no number; devices are opened by anyone.
+        if (fd.toInt() > 2 && !object.startsWith("anon_inode:") && !object.startsWith("/dev/"))
+            objects << object;
+    }
+    return objects;
+}
+
+// The child of a process that runs the given executable, or 0.
+qint64 childRunning(qint64 pid, const QString &executable)
+{
+    for (const QString &task : QDir(QStringLiteral("/proc/%1/task").arg(pid)).entryList()) {
+        QFile children(QStringLiteral("/proc/%1/task/%2/children").arg(pid).arg(task));
+        if (!children.open(QIODevice::ReadOnly))
+            continue;
+        for (const QByteArray &child : children.readAll().split(' ')) {
+            if (QFileInfo(QStringLiteral("/proc/%1/exe").arg(QString(child)))
+                    .symLinkTarget()
+                    .endsWith(executable))
+                return child.toLongLong();
+        }
+    }
+    return 0;
+}
 } // namespace
 
 class TestRemoteServer : public QObject
@@ -871,6 +905,13 @@ void TestRemoteServer::kioskRunsAndEndsServer()
     const QByteArray started = kiosk.log().mid(kiosk.log().indexOf("Remote server started:"));
     const QByteArray line = started.left(started.indexOf('\n'));
     QVERIFY2(line.contains("--port") && !line.contains("abc"), line.constData());
+    // It holds nothing of the kiosk's: the web engine's sockets kept the engine's helpers alive
+    // after a killed kiosk for as long as the server ran.
+    const qint64 server = childRunning(kiosk.process().processId(), "/vorsane-remote");
+    QVERIFY(server > 0);
+    const QSet<QString> shared
+        = openObjects(server).intersect(openObjects(kiosk.process().processId()));
+    QVERIFY2(shared.isEmpty(), qPrintable(QStringList(shared.values()).join(", ")));
     if (killed) {
         kiosk.process().kill();
         kiosk.process().waitForFinished();

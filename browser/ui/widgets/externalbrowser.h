@@ -1,8 +1,8 @@
 #pragma once
 
+#include "childprocess.h"
 #include "runnable.h"
 
-#include <QProcess>
 #include <QWidget>
 
 class PlaylistItem;
@@ -36,6 +36,6 @@ protected:
     bool resumeImpl() override;
 
 private:
-    QProcess m_process;
+    ChildProcess m_process;
     QString m_location;
 };

@@ -1,5 +1,7 @@
 #include "externalvideoimpl.h"
 
+#include "childprocess.h"
+
 #include "playlistitem.h"
 #include "video.h"
 
@@ -50,7 +52,7 @@ bool ExternalVideoImpl::start()
         releaseProcess();
     m_startFailed = false;
 
-    m_process = new QProcess;
+    m_process = new ChildProcess;
     connect(m_process, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), this,
             &ExternalVideoImpl::onMediaEndReached);
     connect(m_process, &QProcess::errorOccurred, this, &ExternalVideoImpl::onErrorOccurred);

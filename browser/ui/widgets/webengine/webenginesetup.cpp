@@ -19,26 +19,26 @@
 namespace {
 QWebEngineProfile *s_profile = nullptr;
 
-// The name of the OpenGL renderer when the processor draws it (no graphics chip OpenGL can use,
-// or a virtual screen), empty when a chip does.
-QByteArray softwareOpenGl()
+// Why OpenGL here is drawn by the processor (no graphics chip it can use, a virtual screen):
+// the renderer's name, or that there is none. Empty when a chip draws it.
+QString softwareOpenGl()
 {
     QOpenGLContext context;
-    if (!context.create())
-        return QByteArrayLiteral("none");
     QOffscreenSurface surface;
-    surface.setFormat(context.format());
-    surface.create();
-    if (!context.makeCurrent(&surface))
-        return QByteArrayLiteral("none");
-    const QByteArray renderer(
+    if (context.create()) {
+        surface.setFormat(context.format());
+        surface.create();
+    }
+    if (!context.isValid() || !context.makeCurrent(&surface))
+        return QStringLiteral("no OpenGL here");
+    const QString renderer = QString::fromLatin1(
         reinterpret_cast<const char *>(context.functions()->glGetString(GL_RENDERER)));
     context.doneCurrent();
     for (const char *software : {"llvmpipe", "softpipe", "Software Rasterizer", "swrast"}) {
-        if (renderer.contains(software))
-            return renderer;
+        if (renderer.contains(QLatin1String(software)))
+            return QStringLiteral("OpenGL here is drawn by the processor: ") + renderer;
     }
-    return QByteArray();
+    return QString();
 }
 
 // Pages are composed into the window with OpenGL, and the whole window with them. Drawn by the
@@ -49,11 +49,10 @@ void chooseRenderer()
 {
     if (!qEnvironmentVariableIsEmpty("QT_QUICK_BACKEND"))
         return;
-    const QByteArray renderer = softwareOpenGl();
-    if (renderer.isEmpty())
+    const QString why = softwareOpenGl();
+    if (why.isEmpty())
         return;
-    qInfo().noquote() << "OpenGL is drawn in software here (" + QString::fromLatin1(renderer)
-                             + "): web pages are drawn without it";
+    qInfo().noquote() << "Web pages are drawn in software:" << why;
     QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
 }
 } // namespace
