@@ -1,5 +1,6 @@
 #include "utils.h"
 
+#include "childprocess.h"
 #include "settings.h"
 #include "watchdog.h"
 
@@ -62,7 +63,7 @@ std::string Utils::genString(quint32 length)
 
 int Utils::runAndWait(const QString &program, const QStringList &arguments, QByteArray *output)
 {
-    QProcess process;
+    ChildProcess process;
     process.start(program, arguments);
     const Watchdog::OwnWait wait;
     const bool finished = process.waitForFinished(30000);

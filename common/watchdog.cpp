@@ -1,5 +1,6 @@
 #include "watchdog.h"
 
+#include "childprocess.h"
 #include "logger.h"
 #include "statepaths.h"
 #include "utils.h"
@@ -81,7 +82,7 @@ qint64 residentBytes()
     for (auto it = giveBack.cbegin(); it != giveBack.cend(); ++it) {
         // In order: a restored configuration file is read again only after it is back.
         for (const QStringList &command : it.value()) {
-            QProcess process;
+            ChildProcess process;
             process.start(command.first(), command.mid(1));
             if (process.waitForStarted(1000) && !process.waitForFinished(5000))
                 process.kill();

@@ -1,3 +1,4 @@
+#include "childprocess.h"
 #include "commandlineparser.h"
 #include "filemanagertakeover.h"
 #include "kioskprocess.h"
@@ -14,6 +15,7 @@
 #include <QtTest>
 
 #include <csignal>
+#include <fcntl.h>
 #include <functional>
 
 using namespace testsupport;
@@ -108,8 +110,17 @@ void TestDesktop::addDesktop(FakePrograms &fakes, int pkillExit, const QByteArra
                + "; [ $# -gt 0 ] && line=\"$line $*\"; echo \"$line\" >> " + log + "\n";
     };
     fakes.addScript("pkill", record("pkill") + "exit " + QByteArray::number(pkillExit));
-    for (const char *name :
-         {"lxpanel", "xfce4-panel", "wf-panel-pi", "amixer", "openbox", "labwc", "pcmanfm"})
+    // A panel outlives the program: it must not hold what the program has open (here, the test
+    // program's own file, held open by this process).
+    static const int held = ::open(qPrintable(QCoreApplication::applicationFilePath()), O_RDONLY);
+    Q_UNUSED(held);
+    const QByteArray holds = "for fd in /proc/$$/fd/*; do [ \"$(readlink $fd)\" = '"
+                             + QCoreApplication::applicationFilePath().toUtf8()
+                             + "' ] && echo \"$0 holds the program's files\" >> " + log
+                             + "; done\n";
+    for (const char *name : {"lxpanel", "xfce4-panel", "wf-panel-pi"})
+        fakes.addScript(name, holds + record(name));
+    for (const char *name : {"amixer", "openbox", "labwc", "pcmanfm"})
         fakes.addScript(name, record(name));
     writeFile(fakes.dir() + "/keymap", keymap);
     fakes.addScript("xmodmap", record("xmodmap") + "[ \"$1\" = -pke ] && cat '"
@@ -292,8 +303,13 @@ void TestDesktop::watchdogGivesBackTheSame()
     QTRY_COMPARE(calls(fakes), takeOverCalls);
     const QList<QStringList> commands = Watchdog::giveBack(what);
     QVERIFY(!commands.isEmpty());
-    for (const QStringList &command : commands)
-        QCOMPARE(QProcess::execute(command.first(), command.mid(1)), 0);
+    // Run as the watchdog runs them.
+    for (const QStringList &command : commands) {
+        ChildProcess process;
+        process.start(command.first(), command.mid(1));
+        QVERIFY(process.waitForFinished());
+        QCOMPARE(process.exitCode(), 0);
+    }
     QTRY_COMPARE(calls(fakes), takeOverCalls + expanded(giveBackCalls, home));
 }
 

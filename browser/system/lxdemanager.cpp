@@ -2,8 +2,6 @@
 
 #include "utils.h"
 
-#include <QProcess>
-
 namespace panel {
 
 LxdeManager::LxdeManager(Desktop::Kind desktop)
@@ -17,7 +15,7 @@ LxdeManager::~LxdeManager()
     giveBack();
 }
 
-QStringList LxdeManager::command() const
+QStringList LxdeManager::startCommand() const
 {
     return {QStringLiteral("lxpanel"), QStringLiteral("--profile"), m_profile};
 }
@@ -32,17 +30,6 @@ bool LxdeManager::hideImpl()
     return Utils::runAndWait(QStringLiteral("pkill"),
                              {QStringLiteral("-x"), QStringLiteral("lxpanel")})
            == 0;
-}
-
-void LxdeManager::restoreImpl()
-{
-    const QStringList start = command();
-    QProcess::startDetached(start.first(), start.mid(1));
-}
-
-QList<QStringList> LxdeManager::giveBackCommands() const
-{
-    return {detached(command())};
 }
 
 } // namespace panel

@@ -14,12 +14,9 @@ public:
 
 protected:
     bool hideImpl() override;
-    void restoreImpl() override;
-    QList<QStringList> giveBackCommands() const override;
+    QStringList startCommand() const override;
 
 private:
-    QStringList command() const;
-
     QString m_profile;
 };
 

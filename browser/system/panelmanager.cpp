@@ -1,5 +1,6 @@
 #include "panelmanager.h"
 
+#include "childprocess.h"
 #include "desktop.h"
 #include "lxdemanager.h"
 #include "wfpanelmanager.h"
@@ -40,9 +41,14 @@ std::unique_ptr<Manager> Manager::create(bool fullscreen, bool passwordSet)
     return nullptr;
 }
 
-QStringList Manager::detached(const QStringList &command)
+QStringList Manager::detached() const
 {
-    return QStringList{QStringLiteral("setsid"), QStringLiteral("-f")} + command;
+    return QStringList{QStringLiteral("setsid"), QStringLiteral("-f")} + startCommand();
+}
+
+QList<QStringList> Manager::giveBackCommands() const
+{
+    return {detached()};
 }
 
 Manager::Manager()
@@ -60,7 +66,11 @@ bool Manager::takeOverImpl()
 
 void Manager::giveBackImpl()
 {
-    restoreImpl();
+    // The panel lives on after the program: it must hold none of the program's descriptors.
+    const QStringList command = detached();
+    ChildProcess setsid;
+    setsid.start(command.first(), command.mid(1));
+    setsid.waitForFinished(5000);
     qDebug() << "Desktop panel restored.";
 }
 

@@ -21,9 +21,13 @@ protected:
     void giveBackImpl() final;
     // True when a running panel was stopped.
     virtual bool hideImpl() = 0;
-    virtual void restoreImpl() = 0;
-    // A panel's start command as a give-back command, which must not wait for the panel.
-    static QStringList detached(const QStringList &command);
+    // The panel's own start command.
+    virtual QStringList startCommand() const = 0;
+    QList<QStringList> giveBackCommands() const final;
+
+private:
+    // Started in a session of its own, without waiting for the panel.
+    QStringList detached() const;
 };
 
 } // namespace panel

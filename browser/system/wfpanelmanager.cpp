@@ -2,8 +2,6 @@
 
 #include "utils.h"
 
-#include <QProcess>
-
 namespace panel {
 
 namespace {
@@ -27,14 +25,9 @@ bool WfPanelManager::hideImpl()
            == 0;
 }
 
-void WfPanelManager::restoreImpl()
+QStringList WfPanelManager::startCommand() const
 {
-    QProcess::startDetached(QString::fromLatin1(program), {});
-}
-
-QList<QStringList> WfPanelManager::giveBackCommands() const
-{
-    return {detached({QString::fromLatin1(program)})};
+    return {QString::fromLatin1(program)};
 }
 
 } // namespace panel

@@ -13,8 +13,7 @@ public:
 
 protected:
     bool hideImpl() override;
-    void restoreImpl() override;
-    QList<QStringList> giveBackCommands() const override;
+    QStringList startCommand() const override;
 };
 
 } // namespace panel

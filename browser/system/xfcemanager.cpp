@@ -2,8 +2,6 @@
 
 #include "utils.h"
 
-#include <QProcess>
-
 namespace panel {
 
 XfceManager::XfceManager()
@@ -21,14 +19,9 @@ bool XfceManager::hideImpl()
     return Utils::runAndWait(QStringLiteral("xfce4-panel"), {QStringLiteral("--quit")}) == 0;
 }
 
-void XfceManager::restoreImpl()
+QStringList XfceManager::startCommand() const
 {
-    QProcess::startDetached(QStringLiteral("xfce4-panel"), {});
-}
-
-QList<QStringList> XfceManager::giveBackCommands() const
-{
-    return {detached({QStringLiteral("xfce4-panel")})};
+    return {QStringLiteral("xfce4-panel")};
 }
 
 } // namespace panel
