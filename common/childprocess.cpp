@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 ChildProcess::ChildProcess(Options options, QObject *parent)
@@ -29,12 +28,11 @@ void ChildProcess::prepareChild() const
         ::setpgid(0, 0);
     if (m_options & EndsWithParent)
         ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-        // Closed at exec rather than now: QProcess's own pipe that reports a failed exec is among
-        // them. One call where the kernel has it, else one per possible descriptor.
-#ifdef SYS_close_range
-    if (::syscall(SYS_close_range, 3U, ~0U, 4U /* CLOSE_RANGE_CLOEXEC */) == 0)
+
+    // Closed at exec rather than now: QProcess's own pipe that reports a failed exec is among
+    // them. One call where the kernel has it, else one per possible descriptor.
+    if (::close_range(3, ~0U, CLOSE_RANGE_CLOEXEC) == 0)
         return;
-#endif
     rlimit limit{};
     const int last = ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < 65536
                          ? int(limit.rlim_cur)
