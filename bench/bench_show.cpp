@@ -1,5 +1,5 @@
 // What a viewer of the real program sees, on the X server of DISPLAY. Run by hand:
-//   bench_show [--program PATH] [--rounds N]
+//   bench_show [--program PATH] [--rounds N] [--settle MS]
 // 1. Start of the program to its first picture on the screen.
 // 2. A remote "next" datagram to the next item painted, per kind of item (a video through
 //    libVLC): the screen's centre
@@ -93,6 +93,9 @@ int main(int argc, char *argv[])
     const QStringList arguments = app.arguments();
     const QString program = option(arguments, "--program", builtProgram());
     const int rounds = option(arguments, "--rounds", 10, 1);
+    // How long each item shows before the next "next": long enough for the one after it to be
+    // made ready, as when an operator presses next on an item seen for a moment.
+    const int settleMs = option(arguments, "--settle", 1000, 200);
     QScreen *screen = QGuiApplication::primaryScreen();
     const QSize size = screen->geometry().size();
 
@@ -155,7 +158,7 @@ int main(int argc, char *argv[])
         const qint64 painted = clock.elapsed() - sent;
         // A picture fading or scaling in passes through other colours: the item is named once
         // the screen has settled.
-        QThread::msleep(200);
+        QThread::msleep(settleMs);
         before = centre(screen);
         times[kindOf(before)] << painted;
     }

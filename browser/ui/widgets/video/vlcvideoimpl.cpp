@@ -12,16 +12,21 @@
 #include <QHash>
 #include <QMetaObject>
 #include <QMouseEvent>
+#include <QImage>
 #include <QSocketNotifier>
+#include <QTemporaryFile>
 #include <QVector>
 #include <QWindow>
 
 #include <cstdlib>
 #include <functional>
+#include <memory>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include <dlfcn.h>
+#include <sys/resource.h>
 #include <vlc/vlc.h>
 #include <xcb/xcb.h>
 
@@ -206,13 +211,14 @@ void watchChildren(WId surface, std::function<void()> changed)
     childWatchers().insert(xcb_window_t(surface), std::move(changed));
 }
 
-// Whether libVLC's window in the surface is up and in its place: the picture fitted into the
-// area spans it in one direction at least.
-bool outputPlaced(WId surface)
+// libVLC's window in the surface once it is up and in its place (the picture fitted into the
+// area spans it in one direction at least); none before.
+VLCOutputWindow placedOutput(WId surface)
 {
+    VLCOutputWindow placed;
     xcb_connection_t *connection = ownConnection();
     if (!connection)
-        return true;
+        return placed;
     const auto window = xcb_window_t(surface);
     const xcb_get_geometry_cookie_t areaAsked = xcb_get_geometry(connection, window);
     const QVector<xcb_window_t> children = childrenOf(connection, window);
@@ -224,15 +230,17 @@ bool outputPlaced(WId surface)
         geometryAsked.append(xcb_get_geometry(connection, child));
     }
     xcb_get_geometry_reply_t *area = xcb_get_geometry_reply(connection, areaAsked, nullptr);
-    bool placed = false;
     for (int i = 0; i < children.size(); ++i) {
         xcb_get_window_attributes_reply_t *attributes
             = xcb_get_window_attributes_reply(connection, attributesAsked.at(i), nullptr);
         xcb_get_geometry_reply_t *child
             = xcb_get_geometry_reply(connection, geometryAsked.at(i), nullptr);
-        placed = placed
-                 || (area && attributes && child && attributes->map_state != XCB_MAP_STATE_UNMAPPED
-                     && (child->width == area->width || child->height == area->height));
+        if (!placed.window && area && attributes && child
+            && attributes->map_state != XCB_MAP_STATE_UNMAPPED
+            && (child->width == area->width || child->height == area->height)) {
+            placed = {children.at(i), QSize(child->width, child->height), child->depth,
+                      attributes->visual};
+        }
         std::free(attributes);
         std::free(child);
     }
@@ -243,12 +251,13 @@ bool outputPlaced(WId surface)
 
 // X paints a window's background the moment it is mapped: libVLC's window, black, would show a
 // frame of black before its next picture. Mapped with no background, its pixels stay what the
-// screen showed (the item before) until libVLC draws over them. Only the margins around a
-// picture that does not fill the area, outside libVLC's window, are painted black then; the
-// area is left without a background afterwards, so that libVLC closing its window at the end
-// does not flash black either. Done on a connection of its own, before Qt maps the window again
-// (which changes nothing then).
-void mapOverScreen(WId surface)
+// screen showed (the item before) until libVLC draws over them; given the picture libVLC holds
+// as its background, it shows that picture in the same instant, with no work by libVLC. Only the
+// margins around a picture that does not fill the area, outside libVLC's window, are painted
+// black then; the area is left without a background afterwards, so that libVLC closing its
+// window at the end does not flash black either. Done on a connection of its own, before Qt maps
+// the window again (which changes nothing then).
+void mapOverScreen(WId surface, const VLCOutputWindow &output = {}, quint32 picture = 0)
 {
     xcb_connection_t *connection = ownConnection();
     if (!connection)
@@ -256,8 +265,10 @@ void mapOverScreen(WId surface)
     const auto window = xcb_window_t(surface);
     xcb_window_t root = XCB_WINDOW_NONE;
     const uint32_t none = XCB_BACK_PIXMAP_NONE;
-    for (const xcb_window_t child : childrenOf(connection, window, &root))
-        xcb_change_window_attributes(connection, child, XCB_CW_BACK_PIXMAP, &none);
+    for (const xcb_window_t child : childrenOf(connection, window, &root)) {
+        const uint32_t background = child == output.window && picture ? picture : none;
+        xcb_change_window_attributes(connection, child, XCB_CW_BACK_PIXMAP, &background);
+    }
     if (root == XCB_WINDOW_NONE)
         return;
     uint32_t black = 0;
@@ -271,7 +282,75 @@ void mapOverScreen(WId surface)
     xcb_change_window_attributes(connection, window, XCB_CW_BACK_PIXEL, &black);
     xcb_map_window(connection, window);
     xcb_change_window_attributes(connection, window, XCB_CW_BACK_PIXMAP, &none);
+    if (picture && output.window)
+        xcb_change_window_attributes(connection, output.window, XCB_CW_BACK_PIXMAP, &none);
     roundTrip(connection);
+}
+
+// The picture as a pixmap for libVLC's window, when the window's pixels are laid out as a 32-bit
+// RGB image's (the common case: depth 24, four bytes a pixel, red in the high byte); 0 otherwise.
+quint32 pixmapFor(const VLCOutputWindow &output, const QImage &picture)
+{
+    xcb_connection_t *connection = ownConnection();
+    if (!connection || !output.window || picture.size() != output.size || output.depth < 24)
+        return XCB_PIXMAP_NONE;
+    const xcb_setup_t *setup = xcb_get_setup(connection);
+    if (setup->image_byte_order
+        != (QSysInfo::ByteOrder == QSysInfo::LittleEndian ? XCB_IMAGE_ORDER_LSB_FIRST
+                                                          : XCB_IMAGE_ORDER_MSB_FIRST))
+        return XCB_PIXMAP_NONE;
+    bool fourBytes = false;
+    for (xcb_format_iterator_t format = xcb_setup_pixmap_formats_iterator(setup); format.rem;
+         xcb_format_next(&format)) {
+        if (format.data->depth == output.depth)
+            fourBytes = format.data->bits_per_pixel == 32 && format.data->scanline_pad == 32;
+    }
+    bool rgb = false;
+    xcb_window_t root = XCB_WINDOW_NONE;
+    for (xcb_screen_iterator_t screen = xcb_setup_roots_iterator(setup); screen.rem;
+         xcb_screen_next(&screen)) {
+        for (xcb_depth_iterator_t depth = xcb_screen_allowed_depths_iterator(screen.data);
+             depth.rem; xcb_depth_next(&depth)) {
+            for (xcb_visualtype_iterator_t visual = xcb_depth_visuals_iterator(depth.data);
+                 visual.rem; xcb_visualtype_next(&visual)) {
+                if (visual.data->visual_id != output.visual)
+                    continue;
+                rgb = visual.data->red_mask == 0xff0000 && visual.data->green_mask == 0xff00
+                      && visual.data->blue_mask == 0xff;
+                root = screen.data->root;
+            }
+        }
+    }
+    if (!fourBytes || !rgb)
+        return XCB_PIXMAP_NONE;
+    const QImage image = picture.convertToFormat(QImage::Format_RGB32);
+    const xcb_pixmap_t pixmap = xcb_generate_id(connection);
+    xcb_create_pixmap(connection, output.depth, pixmap, root, uint16_t(image.width()),
+                      uint16_t(image.height()));
+    const xcb_gcontext_t context = xcb_generate_id(connection);
+    xcb_create_gc(connection, context, pixmap, 0, nullptr);
+    // In pieces a request can hold (a large picture exceeds it).
+    const uint32_t requestBytes = xcb_get_maximum_request_length(connection) * 4;
+    const int rowsAtOnce = int(qBound<qint64>(1, (qint64(requestBytes) - 64) / image.bytesPerLine(),
+                                              qint64(image.height())));
+    for (int top = 0; top < image.height(); top += rowsAtOnce) {
+        const int rows = qMin(rowsAtOnce, image.height() - top);
+        xcb_put_image(connection, XCB_IMAGE_FORMAT_Z_PIXMAP, pixmap, context,
+                      uint16_t(image.width()), uint16_t(rows), 0, int16_t(top), 0, output.depth,
+                      uint32_t(image.bytesPerLine() * rows), image.constScanLine(top));
+    }
+    xcb_free_gc(connection, context);
+    xcb_flush(connection);
+    return pixmap;
+}
+
+void freePixmap(quint32 pixmap)
+{
+    xcb_connection_t *connection = ownConnection();
+    if (!connection || pixmap == XCB_PIXMAP_NONE)
+        return;
+    xcb_free_pixmap(connection, pixmap);
+    xcb_flush(connection);
 }
 
 // A window with no background over an area of the program's window: what the screen shows there
@@ -301,18 +380,29 @@ void thawArea(quint32 window)
     xcb_flush(connection);
 }
 
+// Where libVLC writes the pictures taken of held videos: in memory where the system offers it,
+// not on the SD card of a player that takes one for every video of every pass of its loop.
+QString pictureDirectory()
+{
+    for (const QString &directory :
+         {qEnvironmentVariable("XDG_RUNTIME_DIR"), QStringLiteral("/dev/shm")}) {
+        const QFileInfo info(directory);
+        if (!directory.isEmpty() && info.isDir() && info.isWritable())
+            return directory;
+    }
+    return QDir::tempPath();
+}
+
 // One libVLC instance serves every video for the life of the process: loading the plugins for
 // each item costs seconds on a small board, and unloading them leaves allocations behind.
 libvlc_instance_t *sharedInstance()
 {
     static libvlc_instance_t *instance = nullptr;
     if (!instance) {
-        std::vector<const char *> arguments{"-I",
-                                            "dummy",
-                                            "--no-xlib",
-                                            "--ignore-config",
-                                            "--no-video-title-show",
-                                            "--no-disable-screensaver"};
+        std::vector<const char *> arguments{
+            "-I", "dummy", "--no-xlib", "--ignore-config", "--no-video-title-show",
+            // Pictures taken of a held video stay off the screen.
+            "--no-snapshot-preview", "--no-osd", "--no-disable-screensaver"};
         if (videoOutput() == Output::Omxil)
             arguments.insert(arguments.end(), {"--vout", "omxil_vout"});
         else if (videoOutput() == Output::None)
@@ -378,6 +468,7 @@ VLCVideoImpl::~VLCVideoImpl()
         libvlc_media_player_release(m_player);
     }
     releaseMedia();
+    dropFirstPicture();
     thawArea(std::exchange(m_freeze, 0));
     childWatchers().remove(m_watched);
     delete m_surface.data();
@@ -421,11 +512,13 @@ bool VLCVideoImpl::start()
     if (m_preroll == Preroll::Held) {
         // Opened ahead: its window goes up over the item before, and its sound starts now.
         m_preroll = Preroll::None;
-        showSurface();
         // libVLC draws nothing into a window out of sight, and shows its picture again only
-        // after a while: the next one is shown at once rather than when the clock, resumed,
-        // reaches it. (Going back to the first costs a seek, several frames on this machine.)
-        libvlc_media_player_next_frame(m_player);
+        // after a while. Its window goes up showing the picture it holds, taken ahead; without
+        // that picture (not taken yet, or the area changed since), the next one is shown at once
+        // rather than when the clock, resumed, reaches it. (Going back to the first costs a
+        // seek, several frames on this machine.)
+        if (!showSurface())
+            libvlc_media_player_next_frame(m_player);
         libvlc_media_player_set_pause(m_player, 0);
         return true;
     }
@@ -468,6 +561,7 @@ bool VLCVideoImpl::play(bool held)
 {
     if (!m_player)
         return false;
+    dropFirstPicture();
     releaseMedia();
     m_media = libvlc_media_new_location(m_instance, mediaAddress(m_location).toEncoded());
     if (!m_media)
@@ -499,6 +593,7 @@ bool VLCVideoImpl::stop()
     if (m_player)
         libvlc_media_player_stop(m_player);
     releaseMedia();
+    dropFirstPicture();
     hideSurface();
     m_revealPending = false;
     thawArea(std::exchange(m_freeze, 0));
@@ -532,11 +627,12 @@ void VLCVideoImpl::onVideoOutput(const libvlc_event_t *event, void *data)
 
 void VLCVideoImpl::onOutputWindow(bool anyway)
 {
-    if (!anyway && !outputPlaced(m_watched))
+    if (!anyway && !placedOutput(m_watched).window)
         return;
     m_outputGrace.stop();
     if (m_preroll == Preroll::Opening) {
         m_preroll = Preroll::Held;
+        takeFirstPicture();
         emit m_video->notifier()->ready();
     } else if (m_playing) {
         reveal();
@@ -624,18 +720,22 @@ void VLCVideoImpl::embedInto()
     libvlc_video_set_scale(m_player, 0);
 }
 
-void VLCVideoImpl::showSurface()
+bool VLCVideoImpl::showSurface()
 {
     if (!m_video->isVisible())
         m_video->show();
     if (!m_surface)
-        return;
+        return false;
+    // The picture fits libVLC's window only as long as the area stays as it was when taken.
+    const bool withPicture = m_firstPicture && m_surface->geometry() == areaInWindow();
     // The window may have changed since the video was opened ahead.
     placeSurface();
     // Over the window of a video before it, which goes only after this one is up.
-    mapOverScreen(m_surface->winId());
+    mapOverScreen(m_surface->winId(), m_output, withPicture ? m_firstPicture : 0);
+    dropFirstPicture();
     m_surface->show();
     m_surface->raise();
+    return withPicture;
 }
 
 QRect VLCVideoImpl::areaInWindow() const
@@ -652,6 +752,56 @@ void VLCVideoImpl::hideSurface()
 {
     if (m_surface)
         m_surface->hide();
+}
+
+void VLCVideoImpl::takeFirstPicture()
+{
+    dropFirstPicture();
+    m_output = placedOutput(m_watched);
+    if (!m_player || !m_output.window)
+        return;
+    // Encoding the picture takes a while on a small board: on a thread of its own, behind the
+    // item on the screen. The thread holds the player, which outlives it even if this goes.
+    libvlc_media_player_retain(m_player);
+    libvlc_media_player_t *player = m_player;
+    const quint64 generation = m_generation.load();
+    const QSize size = m_output.size;
+    const std::weak_ptr<char> alive = m_alive;
+    std::thread([this, player, generation, size, alive] {
+        // On Linux the nice value of one thread.
+        setpriority(PRIO_PROCESS, 0, 19);
+        QImage picture;
+        QTemporaryFile file(pictureDirectory() + QStringLiteral("/vorsane-picture-XXXXXX.png"));
+        if (file.open()) {
+            file.close();
+            if (libvlc_video_take_snapshot(player, 0,
+                                           QFile::encodeName(file.fileName()).constData(),
+                                           unsigned(size.width()), unsigned(size.height()))
+                == 0)
+                picture.load(file.fileName(), "PNG");
+        }
+        libvlc_media_player_release(player);
+        QMetaObject::invokeMethod(
+            qApp,
+            [this, generation, picture, alive] {
+                if (alive.lock())
+                    keepFirstPicture(generation, picture);
+            },
+            Qt::QueuedConnection);
+    }).detach();
+}
+
+void VLCVideoImpl::keepFirstPicture(quint64 generation, const QImage &picture)
+{
+    if (generation != m_generation.load() || m_preroll != Preroll::Held || picture.isNull())
+        return;
+    dropFirstPicture();
+    m_firstPicture = pixmapFor(m_output, picture);
+}
+
+void VLCVideoImpl::dropFirstPicture()
+{
+    freePixmap(std::exchange(m_firstPicture, 0));
 }
 
 void VLCVideoImpl::releaseMedia()

@@ -4,19 +4,31 @@
 
 #include <QPointer>
 #include <QRect>
+#include <QSize>
 #include <QString>
 #include <QTimer>
 #include <QUrl>
 
 #include <atomic>
+#include <memory>
 
 class PlaylistItem;
+class QImage;
 class Video;
 class QWindow;
 struct libvlc_event_t;
 struct libvlc_instance_t;
 struct libvlc_media_player_t;
 struct libvlc_media_t;
+
+// libVLC's window inside the surface, as found once it is up in its place.
+struct VLCOutputWindow
+{
+    quint32 window = 0;
+    QSize size;
+    quint8 depth = 0;
+    quint32 visual = 0;
+};
 
 // Plays the item inside the process through libVLC.
 class VLCVideoImpl : public VideoImpl
@@ -50,13 +62,19 @@ private:
     void onOutputWindow(bool anyway);
     bool play(bool held);
     void embedInto();
-    void showSurface();
+    // Whether it went up showing the picture libVLC holds.
+    bool showSurface();
     // Shows the window libVLC draws into over the area kept as it was since the start.
     void reveal();
     QRect areaInWindow() const;
     void placeSurface();
     void hideSurface();
     void releaseMedia();
+    // Has libVLC write the picture it holds to a file, away from the GUI thread, for the moment
+    // the held video's window goes up.
+    void takeFirstPicture();
+    void keepFirstPicture(quint64 generation, const QImage &picture);
+    void dropFirstPicture();
 
     Video *m_video;
     QString m_location;
@@ -83,4 +101,9 @@ private:
     bool m_revealPending = false;
     QTimer m_revealTimer;
     QTimer m_outputGrace;
+    VLCOutputWindow m_output;
+    // The held picture, on the X server, at the size of libVLC's window; 0 when none.
+    quint32 m_firstPicture = 0;
+    // Gone with this object: a picture taken for it then arrives to nobody.
+    std::shared_ptr<char> m_alive = std::make_shared<char>();
 };
