@@ -223,6 +223,9 @@ void TestGapless::boundary_data()
                                       << "video" << libVlc << false << "rhi";
     QTest::newRow("video to video") << "video"
                                     << "video" << libVlc << false << "rhi";
+    // The picture is on the screen before libVLC, stopping, lets go of the video.
+    QTest::newRow("video to picture") << "video"
+                                      << "image" << libVlc << false << "rhi";
     QTest::newRow("picture to web page, fading") << "image"
                                                  << "url" << fade << true << "rhi";
     QTest::newRow("web page to PDF, fading") << "url"

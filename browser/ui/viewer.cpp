@@ -21,6 +21,7 @@
 #include "systemshortcutmanager.h"
 #include "usbauto.h"
 #include "utils.h"
+#include "video.h"
 #include "webenginesetup.h"
 #include "webpage.h"
 
@@ -267,6 +268,11 @@ bool Viewer::replace(QWidget *w)
     if (cover)
         fadeOut(cover);
     if (m_currentWidget && m_currentWidget != w) {
+        // The incoming item is on the screen before the outgoing one stops: stopping a video
+        // joins libVLC's threads, several milliseconds.
+        if (auto *video = qobject_cast<Video *>(m_currentWidget))
+            video->hideOutput();
+        w->repaint();
         if (Runnable *previous = Runnable::of(m_currentWidget))
             previous->stop();
         removeWidget(m_currentWidget);

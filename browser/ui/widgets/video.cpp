@@ -109,6 +109,11 @@ bool Video::isReady() const
     return m_impl->isReady();
 }
 
+void Video::hideOutput()
+{
+    m_impl->hideOutput();
+}
+
 void Video::mousePressEvent(QMouseEvent *event)
 {
     if (event->button() == Qt::RightButton)

@@ -28,6 +28,8 @@ public:
 
     void prepare() override;
     bool isReady() const override;
+    // Its picture off the screen now, before the stop.
+    void hideOutput();
 
 Q_SIGNALS:
     void end();

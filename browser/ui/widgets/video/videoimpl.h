@@ -14,4 +14,6 @@ public:
     // Opens the item ahead of its turn, held on its first picture, out of sight.
     virtual void prepare() {}
     virtual bool isReady() const { return true; }
+    // Takes the picture off the screen at once, ahead of a stop that may take a while.
+    virtual void hideOutput() {}
 };

@@ -748,6 +748,11 @@ void VLCVideoImpl::placeSurface()
     m_surface->setGeometry(areaInWindow());
 }
 
+void VLCVideoImpl::hideOutput()
+{
+    hideSurface();
+}
+
 void VLCVideoImpl::hideSurface()
 {
     if (m_surface)

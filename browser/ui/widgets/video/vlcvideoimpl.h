@@ -44,6 +44,7 @@ public:
     bool stop() override;
     void prepare() override;
     bool isReady() const override;
+    void hideOutput() override;
 
     // The address libVLC is given for an item location.
     static QUrl mediaAddress(const QString &location);
