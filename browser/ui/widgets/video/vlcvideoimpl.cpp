@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -772,7 +773,7 @@ void VLCVideoImpl::takeFirstPicture()
     const quint64 generation = m_generation.load();
     const QSize size = m_output.size;
     const std::weak_ptr<char> alive = m_alive;
-    std::thread([this, player, generation, size, alive] {
+    const auto take = [this, player, generation, size, alive] {
         // On Linux the nice value of one thread.
         setpriority(PRIO_PROCESS, 0, 19);
         QImage picture;
@@ -786,6 +787,8 @@ void VLCVideoImpl::takeFirstPicture()
                 picture.load(file.fileName(), "PNG");
         }
         libvlc_media_player_release(player);
+        if (alive.expired())
+            return;
         QMetaObject::invokeMethod(
             qApp,
             [this, generation, picture, alive] {
@@ -793,7 +796,14 @@ void VLCVideoImpl::takeFirstPicture()
                     keepFirstPicture(generation, picture);
             },
             Qt::QueuedConnection);
-    }).detach();
+    };
+    try {
+        std::thread(take).detach();
+    } catch (const std::system_error &error) {
+        // The video still goes up at its turn, without its picture ready.
+        qWarning() << "Cannot take the picture of a held video:" << error.what();
+        libvlc_media_player_release(player);
+    }
 }
 
 void VLCVideoImpl::keepFirstPicture(quint64 generation, const QImage &picture)
