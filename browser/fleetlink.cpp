@@ -20,6 +20,17 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+struct FleetLink::Outgoing
+{
+    quint64 connection;
+    QByteArray topic;
+    QByteArray payload;
+    int qos;
+    bool retain;
+    quint64 tag;
+    bool latestOnly;
+};
+
 namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
@@ -30,16 +41,7 @@ constexpr int GoodbyeMs = 500;
 // ends at once (another player with the same name) keeps backing off.
 constexpr int SteadyConnectionMs = 10000;
 
-struct Outgoing
-{
-    quint64 connection;
-    QByteArray topic;
-    QByteArray payload;
-    int qos;
-    bool retain;
-    quint64 tag;
-    bool latestOnly;
-};
+using Outgoing = FleetLink::Outgoing;
 
 int msSince(Clock::time_point start)
 {

@@ -68,6 +68,8 @@ Q_SIGNALS:
 
 public:
     struct Shared;
+    // A message waiting for the link's thread.
+    struct Outgoing;
 
 private:
     std::shared_ptr<Shared> m_shared;
