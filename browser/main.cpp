@@ -1,3 +1,4 @@
+#include "childprocess.h"
 #include "commandlineparser.h"
 #include "dispatcher.h"
 #include "fleet.h"
@@ -87,7 +88,7 @@ int run(int argc, char *argv[])
 
     Viewer viewer;
 
-    QProcess displayPower;
+    ChildProcess displayPower;
     displayPower.start(
         QStringLiteral("xset"),
         {QStringLiteral("dpms"), QStringLiteral("0"), QStringLiteral("0"), QStringLiteral("0")},

@@ -1,5 +1,6 @@
 #include "playlistloop.h"
 
+#include "childprocess.h"
 #include "settings.h"
 #include "statepaths.h"
 #include "watchdog.h"
@@ -198,8 +199,7 @@ void PlaylistLoop::fromString(const QString &text)
     Settings *settings = Settings::load(false, nullptr);
 
     const QString dragAndDrop = StatePaths::dropFolder();
-    if (settings->remoteEnabled()
-        && QFileInfo(dragAndDrop).isDir()) {
+    if (settings->remoteEnabled() && QFileInfo(dragAndDrop).isDir()) {
         qDebug() << "Add drag and drop directory.";
         addDirectoryInItems(dragAndDrop, defaultDuration);
     }
@@ -290,7 +290,7 @@ void PlaylistLoop::addSmbShare(const QUrl &url, int duration)
     qDebug() << "  Mount url:" << mountPoint;
 
     if (!QFileInfo::exists(mountPoint)) {
-        QProcess mount;
+        ChildProcess mount;
         const Watchdog::OwnWait wait;
         mount.start(QStringLiteral("gvfs-mount"),
                     QStringList{QStringLiteral("smb://%1/%2").arg(server, share)});

@@ -1,5 +1,6 @@
 #include "maintenance.h"
 
+#include "childprocess.h"
 #include "utils.h"
 #include "watchdog.h"
 
@@ -36,7 +37,7 @@ void Maintenance::startMaintenance(QString location)
     const QString archive = location.mid(7);
     qDebug() << archive;
 
-    m_unzip = new QProcess(this);
+    m_unzip = new ChildProcess(ChildProcess::NoOption, this);
     // Runs the script even when unzip fails: a package left on the desktop earlier still counts.
     connect(m_unzip, qOverload<int, QProcess::ExitStatus>(&QProcess::finished), this,
             &Maintenance::launchScript);
@@ -47,7 +48,7 @@ void Maintenance::startMaintenance(QString location)
 
 void Maintenance::launchScript()
 {
-    m_script = new QProcess(this);
+    m_script = new ChildProcess(ChildProcess::NoOption, this);
     connect(m_script, &QProcess::readyReadStandardOutput, this, &Maintenance::readyread);
     connect(m_script, &QProcess::readyReadStandardError, this, &Maintenance::readyread);
     connect(m_script, qOverload<int, QProcess::ExitStatus>(&QProcess::finished), this,
