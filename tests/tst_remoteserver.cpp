@@ -1,3 +1,4 @@
+#include "childprocess.h"
 #include "commandlineparser.h"
 #include "customqwebpage.h"
 #include "kioskprocess.h"
@@ -149,7 +150,7 @@ public:
 private:
     QTemporaryDir m_dir;
     bool m_mounted = false;
-    QProcess m_process;
+    ChildProcess m_process{ChildProcess::EndsWithParent};
     quint16 m_port = 0;
     QByteArray m_output;
 };
@@ -242,7 +243,8 @@ private:
 
     std::unique_ptr<TempHome> m_home;
     std::unique_ptr<FakePrograms> m_programs;
-    QProcess m_server;
+    // Ends with the test, even one that dies midway.
+    ChildProcess m_server{ChildProcess::EndsWithParent};
     quint16 m_port = 0;
     QUdpSocket m_slideshow;
     QNetworkAccessManager m_network;
