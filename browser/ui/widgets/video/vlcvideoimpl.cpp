@@ -345,12 +345,13 @@ quint32 pixmapFor(const VLCOutputWindow &output, const QImage &picture)
     return pixmap;
 }
 
-void freePixmap(quint32 pixmap)
+// Ends a window or a pixmap made on the program's own connection (0: none), at once.
+void endOnServer(quint32 resource, xcb_void_cookie_t (*end)(xcb_connection_t *, uint32_t))
 {
     xcb_connection_t *connection = ownConnection();
-    if (!connection || pixmap == XCB_PIXMAP_NONE)
+    if (!connection || resource == 0)
         return;
-    xcb_free_pixmap(connection, pixmap);
+    end(connection, resource);
     xcb_flush(connection);
 }
 
@@ -374,11 +375,7 @@ quint32 freezeArea(WId parent, const QRect &area)
 
 void thawArea(quint32 window)
 {
-    xcb_connection_t *connection = ownConnection();
-    if (!connection || window == XCB_WINDOW_NONE)
-        return;
-    xcb_destroy_window(connection, window);
-    xcb_flush(connection);
+    endOnServer(window, &xcb_destroy_window);
 }
 
 // Where libVLC writes the pictures taken of held videos: in memory where the system offers it,
@@ -816,7 +813,7 @@ void VLCVideoImpl::keepFirstPicture(quint64 generation, const QImage &picture)
 
 void VLCVideoImpl::dropFirstPicture()
 {
-    freePixmap(std::exchange(m_firstPicture, 0));
+    endOnServer(std::exchange(m_firstPicture, 0), &xcb_free_pixmap);
 }
 
 void VLCVideoImpl::releaseMedia()
