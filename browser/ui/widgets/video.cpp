@@ -25,8 +25,7 @@ Video::Video(PlaylistItem *item, QWidget *parent)
     // Current Raspberry Pi OS no longer ships omxplayer: a player that is not there would skip
     // every video, so the built-in one plays it instead.
     if (playsInProcess()) {
-        qWarning() << "Video player not installed, playing with the built-in player:"
-                   << externalProgram();
+        m_missingPlayer = externalProgram();
         m_impl = std::make_unique<VLCVideoImpl>(this, item);
         return;
     }
@@ -127,6 +126,11 @@ bool Video::stopImpl()
 
 bool Video::startImpl()
 {
+    // Said when the video plays, not when it is built: one opened ahead and built again at its
+    // turn says it once.
+    if (!m_missingPlayer.isEmpty())
+        qWarning() << "Video player not installed, playing with the built-in player:"
+                   << m_missingPlayer;
     return m_impl->start();
 }
 

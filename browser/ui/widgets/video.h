@@ -50,4 +50,6 @@ private:
     static QString externalProgram();
 
     std::unique_ptr<VideoImpl> m_impl;
+    // The external player the settings name, when it is not installed.
+    QString m_missingPlayer;
 };
