@@ -68,9 +68,10 @@ int run(int argc, char *argv[])
 
     QTranslator translator;
     if (translator.load(QStringLiteral("browser_") + QLocale::system().name(),
-                        QStringLiteral(VORSANE_DATA_DIR "/i18n")))
+                        QStringLiteral(VORSANE_DATA_DIR "/i18n"))) {
         QApplication::installTranslator(&translator);
-        // The toolkit's own texts (standard buttons, input dialogs) in the same language.
+    }
+    // The toolkit's own texts (standard buttons, input dialogs) in the same language.
 #if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
     const QString toolkitTranslations = QLibraryInfo::path(QLibraryInfo::TranslationsPath);
 #else

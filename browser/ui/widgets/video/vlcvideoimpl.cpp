@@ -592,7 +592,7 @@ bool VLCVideoImpl::stop()
         libvlc_media_player_stop(m_player);
     releaseMedia();
     dropFirstPicture();
-    hideSurface();
+    hideOutput();
     m_revealPending = false;
     thawArea(std::exchange(m_freeze, 0));
     return true;
@@ -747,11 +747,6 @@ void VLCVideoImpl::placeSurface()
 }
 
 void VLCVideoImpl::hideOutput()
-{
-    hideSurface();
-}
-
-void VLCVideoImpl::hideSurface()
 {
     if (m_surface)
         m_surface->hide();

@@ -69,7 +69,6 @@ private:
     void reveal();
     QRect areaInWindow() const;
     void placeSurface();
-    void hideSurface();
     void releaseMedia();
     // Has libVLC write the picture it holds to a file, away from the GUI thread, for the moment
     // the held video's window goes up.
